@@ -1,0 +1,48 @@
+// Allocation helpers with a failure-injection hook for tests.
+#include "ldap-utils.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+// 0: hook off.  Otherwise the countdown to the allocation that fails.
+std::atomic<long> fail_countdown{0};
+std::atomic<long> counted{0};
+
+inline bool injected_failure() {
+  if (__builtin_expect(fail_countdown.load(std::memory_order_relaxed) == 0, 1)) return false;
+  counted.fetch_add(1, std::memory_order_relaxed);
+  return fail_countdown.fetch_sub(1, std::memory_order_relaxed) == 1;
+}
+}  // namespace
+
+extern "C" {
+
+long olx_fail_alloc_at(long n) {
+  long seen = counted.exchange(0);
+  fail_countdown.store(n < 0 ? 0 : n);
+  return seen;
+}
+
+void *olx_malloc(size_t size) { return injected_failure() ? nullptr : malloc(size ? size : 1); }
+
+void *olx_calloc(size_t count, size_t size) {
+  if (injected_failure()) return nullptr;
+  return calloc(count ? count : 1, size ? size : 1);
+}
+
+void *olx_realloc(void *ptr, size_t size) {
+  return injected_failure() ? nullptr : realloc(ptr, size ? size : 1);
+}
+
+char *olx_strdup(const char *s) {
+  if (s == nullptr || injected_failure()) return nullptr;
+  return strdup(s);
+}
+
+char *olx_strndup(const char *s, size_t n) {
+  if (s == nullptr || injected_failure()) return nullptr;
+  return strndup(s, n);
+}
+}

@@ -1,0 +1,43 @@
+// Running helper programs from tests and reading what they wrote.
+#ifndef TAV_TEST_PROCESS_H
+#define TAV_TEST_PROCESS_H
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tavtest {
+
+struct ProcessResult {
+  int exit_code = -1;  // -1 when it did not exit normally
+  std::string out;
+  std::string err;
+};
+
+// Runs argv[0] with the arguments, with `env` added to (or, for an empty
+// value, removed from) the current environment; feeds `input` on stdin.
+ProcessResult run_process(const std::vector<std::string> &argv,
+                          const std::vector<std::pair<std::string, std::string>> &env = {},
+                          const std::string &input = "");
+
+// A temporary directory removed with everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+  const std::string &path() const { return path_; }
+  std::string file(const std::string &name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &content);
+std::vector<std::string> split_lines(const std::string &text);
+
+}  // namespace tavtest
+
+#endif
