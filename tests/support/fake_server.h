@@ -30,7 +30,8 @@ class FakeServer {
   // The bytes in pieces of `piece` octets with `pause_ms` between them.
   FakeServer &send_split(const std::string &bytes, size_t piece, int pause_ms);
   FakeServer &pause(int ms);
-  // Wait until `n` more bytes have arrived (or timeout_ms passes).
+  // Wait until `n` more bytes have arrived (or timeout_ms passes); they are
+  // consumed, so a later on_request starts after them.
   FakeServer &expect_bytes(size_t n, int timeout_ms = 5000);
   // Wait until one whole BER element more has arrived, then run `reply`
   // (which may queue nothing) with that element's bytes.
@@ -41,6 +42,10 @@ class FakeServer {
   FakeServer &close();  // close the connection (also implied at the end)
   // Keep the connection open until the client closes it.
   FakeServer &hold_until_closed(int timeout_ms = 10000);
+
+  // Before start(): a small receive buffer makes a client's large writes
+  // block sooner once the script stops reading.
+  void set_receive_buffer(int bytes) { rcvbuf_ = bytes; }
 
   void start();
   int port() const { return port_; }
@@ -66,6 +71,8 @@ class FakeServer {
   std::condition_variable cv_;
   std::string received_;
   std::vector<size_t> read_sizes_;
+  size_t consumed_ = 0;  // bytes of received_ handed to on_request steps
+  int rcvbuf_ = 0;
   bool done_ = false;
   std::atomic<bool> quit_{false};
 };
