@@ -2,7 +2,7 @@
 # Builds and runs every test:
 #   build/       g++, all tests (unit, integration, fuzz corpus replay)
 #   build-asan/  clang++ with AddressSanitizer+UndefinedBehaviorSanitizer:
-#                unit tests, plus each libFuzzer target fuzzing for a few seconds
+#                all tests, plus each libFuzzer target fuzzing for a few seconds
 #   build-tsan/  clang++ with ThreadSanitizer: the unit tests (concurrency among them)
 # Exits non-zero on any failure; the last line sums up all runs.
 set -uo pipefail
@@ -60,7 +60,7 @@ if build "plain (g++)" build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPI
 fi
 if build "ASan+UBSan (clang++)" build-asan -DCMAKE_BUILD_TYPE=Debug -DTAV_SANITIZE=address -DTAV_FUZZ=ON \
   -DTAV_BENCH=OFF -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang; then
-  run_ctest "ASan+UBSan: unit tests and fuzz runs" build-asan -L 'unit|fuzz'
+  run_ctest "ASan+UBSan: unit, integration and fuzz runs" build-asan -L 'unit|integration|fuzz'
 fi
 if build "TSan (clang++)" build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAV_SANITIZE=thread -DTAV_BENCH=OFF \
   -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang; then

@@ -229,13 +229,14 @@ TEST(Environment, ChangeEnvVarAddsElementsOnce) {
       {"abcd", 1, ':', "abc", "abcd:abc"},         // prefix of another element
       {"p;q", 1, ':', "q", "p;q:q"},               // other separator does not delimit
   };
+  // One variable per case: the environment keeps each string handed to it,
+  // and replacing one would orphan the previous string.
+  int i = 0;
   for (const auto &c : cases) {
-    if (c.before)
-      setenv("TAV_TEST_LIST", c.before, 1);
-    else
-      unsetenv("TAV_TEST_LIST");
-    EXPECT_EQ(ldap_change_env_var(c.mode, "TAV_TEST_LIST", c.sep, c.value), 0);
-    EXPECT_STREQ(getenv("TAV_TEST_LIST"), c.after) << (c.before ? c.before : "(unset)") << " + " << c.value;
+    std::string name = "TAV_TEST_LIST_" + std::to_string(i++);
+    if (c.before) setenv(name.c_str(), c.before, 1);
+    EXPECT_EQ(ldap_change_env_var(c.mode, name.c_str(), c.sep, c.value), 0);
+    EXPECT_STREQ(getenv(name.c_str()), c.after) << (c.before ? c.before : "(unset)") << " + " << c.value;
   }
 }
 
