@@ -1,0 +1,95 @@
+// The fber codec: the BER element and its buffers, the format-driven encoder
+// (fber_printf) and decoder (fber_scanf), and the element-level readers.
+#ifndef TAV_LBER_INT_H
+#define TAV_LBER_INT_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "tav-visibility.h"
+#include "tavldap.h"
+
+typedef uint64_t ber_tag_t;
+typedef uint64_t ber_len_t;
+
+// All ones: "no tag" in ber_tag, and the failure result of tag readers.
+#define LBER_DEFAULT ((ber_tag_t)-1)
+#define LBER_ERROR ((ber_tag_t)-1)
+
+// Low byte of ber_options on every element this codec makes.
+#define FBER_MARK 0x80
+// Inline buffer of an encoding element.
+#define FBER_INLINE_SIZE 6144
+// Deepest nesting of open SEQUENCEs/SETs.
+#define FBER_MAX_SEQ 100
+
+// A counted byte string; every bv_val this codec makes has a NUL after bv_len bytes.
+struct berval {
+  ber_len_t bv_len;
+  char *bv_val;
+};
+
+// One allocation: this record, then the inline buffer, then the sequence
+// stack (count, then FBER_MAX_SEQ offsets of reserved length octets).
+struct berelement {
+  char *ber_buf;
+  char *ber_ptr;
+  char *ber_end;
+  uint32_t *ber_sos;
+  ber_tag_t ber_tag;
+  ber_len_t ber_len;
+  int32_t ber_options;
+  char *ber_rwptr;
+  int32_t *ber_noxlate;
+  int32_t *ber_version;
+  unsigned char ber_lenbuf[8];
+  int32_t ber_lenread;
+};
+
+extern "C" {
+// Elements and buffers.
+TAV_INTERNAL BerElement *fber_alloc_t(int size);
+TAV_INTERNAL BerElement *fber_alloc(void);
+// The element constructor behind a session's ldap_alloc_ber_with_options:
+// copies of the session's translation settings are passed in rather than the
+// session itself, so the codec does not depend on the session record.
+TAV_INTERNAL BerElement *fber_alloc_with_options(int for_reading, int noxlate, int version);
+TAV_INTERNAL void fber_free(BerElement *ber);
+TAV_INTERNAL int fber_realloc(BerElement *ber, ber_len_t needed);
+TAV_INTERNAL int fber_write(BerElement *ber, const char *bytes, ber_len_t count);
+TAV_INTERNAL void fber_reset(BerElement *ber, int was_writing);
+TAV_INTERNAL BerElement *fber_init2(const struct berval *bv);
+TAV_INTERNAL int fber_flatten(BerElement *ber, struct berval **out);
+TAV_INTERNAL void fber_dump(BerElement *ber, int direction);
+TAV_INTERNAL void fber_dump_with_fd(BerElement *ber, int direction, int sd);
+TAV_INTERNAL void fber_log_contents(const char *bytes, ber_len_t count);
+// The masking step of fber_log_contents, on a copy; exposed for tests.
+TAV_INTERNAL void fber_mask_passwords(char *bytes, size_t count);
+
+// Encoder.
+TAV_INTERNAL int fber_printf(BerElement *ber, const char *format, ...);
+TAV_INTERNAL int fber_printf_raw(BerElement *ber, const char *format, ...);
+
+// Decoder.
+TAV_INTERNAL ber_tag_t fber_skip_tag(BerElement *ber, ber_len_t *len);
+TAV_INTERNAL ber_tag_t fber_peek_tag(BerElement *ber, ber_len_t *len);
+TAV_INTERNAL int fber_skip_element(BerElement *ber);
+TAV_INTERNAL ber_tag_t fber_first_element(BerElement *ber, ber_len_t *len, char **end_of_set);
+TAV_INTERNAL ber_len_t fber_read(BerElement *ber, char *dest, ber_len_t count);
+TAV_INTERNAL ber_tag_t fber_get_long(BerElement *ber, int64_t *value);
+TAV_INTERNAL ber_tag_t fber_get_int(BerElement *ber, int *value);
+TAV_INTERNAL ber_tag_t fber_get_null(BerElement *ber);
+TAV_INTERNAL ber_tag_t fber_get_stringa(BerElement *ber, char **out, int translate);
+TAV_INTERNAL ber_tag_t fber_get_stringb(BerElement *ber, char *buf, ber_len_t *len, int translate);
+TAV_INTERNAL ber_tag_t fber_get_stringal(BerElement *ber, struct berval **out, int translate);
+TAV_INTERNAL ber_tag_t fber_get_stringa_raw(BerElement *ber, char **out, ber_len_t *len);
+TAV_INTERNAL ber_tag_t fber_get_bitstringa(BerElement *ber, char **out, ber_len_t *bits);
+TAV_INTERNAL ber_tag_t fber_scanf(BerElement *ber, const char *format, ...);
+
+// Releases what the 'V' and 'O' letters hand out.
+TAV_INTERNAL void fber_bvfree(struct berval *bv);
+TAV_INTERNAL void fber_bvecfree(struct berval **bvec);
+TAV_INTERNAL void fber_svecfree(char **vec);
+}
+
+#endif
