@@ -106,6 +106,8 @@ int open_seq(BerElement *ber, unsigned char tag) {
   ber->ber_ptr += 2;
   // An offset, not a pointer, so growth of the buffer cannot invalidate it.
   ber->ber_sos[++open] = static_cast<uint32_t>(ber->ber_ptr - ber->ber_buf);
+  // Zeros until the close patches them, so an open element's bytes are defined.
+  put4(ber->ber_ptr, 0);
   ber->ber_ptr += 4;
   return 0;
 }
