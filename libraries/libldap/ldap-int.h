@@ -1,14 +1,267 @@
-// Internal declarations shared by the LDAP client modules.
+// Internal declarations shared by the LDAP client modules: the session and
+// connection records, the message-ID table, the per-thread error record, and
+// the functions the modules call across files.
 #ifndef TAV_LDAP_INT_H
 #define TAV_LDAP_INT_H
 
-#include "tavldap.h"
+#include <pthread.h>
+#include <sys/socket.h>
+#include <netdb.h>
+
+#include <cstdint>
+
+#include "lber-int.h"
+#include "sockbuf.h"
 #include "tav-visibility.h"
+#include "tavldap.h"
+
+typedef struct ldapconn LDAPConn;
+typedef struct ldapmsg LDAPMessage;
+typedef struct ldapcontrol LDAPControl;
+struct ldap_referral_link;
+struct ldap_server_request;
+
+// A control: OID, value bytes (bv_val null for none), criticality.
+struct ldapcontrol {
+  char *ldctl_oid;
+  struct berval ldctl_value;
+  int ldctl_iscritical;
+};
+
+// The platform's thread identity, compared only with pthread_equal.
+typedef pthread_t ldap_thread_id;
+
+// Caller-supplied re-bind procedure used when referrals are chased.
+typedef int(LDAP_REBINDPROC_CALLBACK)(LDAP *ld, char **dnp, char **passwdp, int *authmethodp, int freeit);
+
+// Bits of ld_options.
+#define LDAP_BITOPT_REFERRALS 0x2
+#define LDAP_BITOPT_RESTART 0x4
+
+// Rows a session's default connection table starts with.
+#define LDAP_MSG_TABLE_INITIAL_SIZE 256
+
+// Longest host name (or URL text) ldap_init looks at.
+#define LDAP_MAX_HOSTNAME 256
+// Working buffer for one entry of a host list in open_ldap_connection: a DNS
+// name (at most 253 characters), brackets, a colon and a port fit with room.
+#define LDAP_HOST_ENTRY_MAX 512
+// olx_getaddrinfo's copy of the host name.
+#define LDAP_ADDRINFO_HOST_MAX 512
+
+// One thread's last outcome on one session.  Guarded by ld_err_mutex.
+typedef struct ldap_thread_error {
+  ldap_thread_id lte_thread;
+  int lte_code;
+  int lte_ext_code;
+  char *lte_matched;  // owned
+  char *lte_message;  // owned
+  struct ldap_thread_error *lte_next;
+} ldap_thread_error;
+
+// A thread's own connection override.  Guarded by ld_thread_conn_mutex.
+typedef struct ldap_thread_conn {
+  ldap_thread_id ltc_thread;
+  LDAPConn *ltc_conn;
+  struct ldap_thread_conn *ltc_next;
+  struct ldap_thread_conn *ltc_prev;
+} ldap_thread_conn;
+
+// One row per message ID.  Guarded by the table lock.
+typedef struct ldap_msg_row {
+  ldap_thread_id owner_tid;  // meaningful only when owned (flags & LDAP_ROW_OWNED)
+  LDAPMessage *request;
+  LDAPMessage *head;
+  LDAPMessage *tail;
+  LDAPMessage *next_unread;
+  uint32_t flags;
+  int32_t refhops;
+  struct ldap_referral_link *parent_link;
+  struct ldap_referral_link *child_link;
+  char *ref_text;
+  LDAPMessage *held_result;
+} ldap_msg_row;
+
+#define LDAP_ROW_IN_USE 0x1
+#define LDAP_ROW_COMPLETE 0x2
+#define LDAP_ROW_REF_FIXED 0x4
+#define LDAP_ROW_CHASE 0x8
+#define LDAP_ROW_RELEASE_WHEN_DONE 0x20
+// pthread_t has no "none" value, so ownership is a flag of its own.
+#define LDAP_ROW_OWNED 0x100
+
+#define LDAP_MSG_TABLE_GROWTH 256
+#define LDAP_MSG_TABLE_MAX 65536
+
+typedef struct ldap_msg_table {
+  ldap_msg_row *rows;
+  LDAPConn *conn;
+  pthread_mutex_t table_mutex;
+  pthread_cond_t table_cond;
+  int32_t free_count;  // table_mutex
+  uint32_t size;       // table_mutex
+  LDAPMessage *queue_head;  // queue_mutex
+  LDAPMessage *queue_tail;  // queue_mutex
+  pthread_mutex_t queue_mutex;
+  int32_t last_msgid;      // table_mutex
+  uint32_t last_any_row;   // table_mutex
+  LDAPMessage *pending_msg;
+  uint32_t pending_state;
+} ldap_msg_table;
+
+// A server connection of a session.
+struct ldapconn {
+  char *lc_host;       // blank-separated host list
+  char *lc_peer_name;  // cached peer name, or null
+  int lc_port;         // host byte order
+  Sockbuf lc_sb;
+  int lc_connected;
+  ldap_msg_table *lc_msgtable;
+  pthread_mutex_t lc_bind_ctrls_mutex;
+  pthread_mutex_t lc_read_mutex;
+  pthread_mutex_t lc_write_mutex;
+  LDAPConn *lc_next;              // ld_conn_mutex
+  LDAPControl **lc_bind_ctrls;    // lc_bind_ctrls_mutex
+  LDAP *lc_ld;
+  void *lc_plugin;  // SASL plug-in parameter block, or null
+  int lc_closed;
+};
+
+// The session handle.  A handle is live while ld_eyecatcher holds "LDAP HDL".
+struct ldap {
+  char ld_eyecatcher[8];
+  char *ld_bind_mech;           // ld_mutex
+  int ld_bind_method;           // ld_mutex
+  struct berval *ld_bind_cred;  // ld_mutex
+  int ld_version;
+  int ld_timelimit;
+  int ld_sizelimit;
+  int ld_deref;
+  unsigned int ld_options;
+  unsigned int ld_active_ops;  // ld_mutex
+  int ld_refhoplimit;
+  LDAPControl **ld_sctrls;
+  LDAPControl **ld_cctrls;
+  LDAPConn *ld_defconn;
+  LDAPConn *ld_servers;  // ld_conn_mutex
+  pthread_mutex_t ld_mutex;
+  pthread_mutex_t ld_conn_mutex;
+  pthread_mutex_t ld_err_mutex;
+  pthread_cond_t ld_op_cond;
+  int ld_xlate;
+  LDAP_REBINDPROC_CALLBACK *ld_rebind_proc;
+  int ld_unbind_started;  // ld_mutex
+  char *ld_ssl_cert_label;
+  int ld_ssl;
+  void *ld_ssl_env;
+  char *ld_ssl_cipher;
+  int ld_option52;
+  int ld_ssl_timeout;
+  ldap_thread_error *ld_errors;  // ld_err_mutex
+  pthread_mutex_t ld_thread_conn_mutex;
+  ldap_thread_conn *ld_thread_conns;  // ld_thread_conn_mutex
+  int ld_option54;
+  int ld_plugin_status;
+  char *ld_defhost;
+  int ld_defport;
+};
+
+// What a server location asks for; every field may be zero.
+struct ldap_server_request {
+  int search_source;
+  char *conf_filename;
+  void *reserved;
+  char *service_key;
+  char *enetwork_domain;
+  char **name_servers;
+  char **dns_domains;
+  int connection_type;
+  int connection_timeout;
+  char *dn_filter;
+  char *protocol;
+  void *reserved2;
+};
+
+#define LDAP_EYECATCHER "LDAP HDL"
+#define LDAP_EYECATCHER_LEN 8
 
 extern "C" {
 // Memory blocks handed to callers.
 TAV_INTERNAL void ldap_memfree(void *p);
 TAV_INTERNAL void ldap_ber_free(BerElement *ber);
+
+// Session lifecycle.
+TAV_INTERNAL LDAP *ldap_init(const char *host, int port);
+TAV_INTERNAL LDAP *ldap_open(const char *host, int port);
+TAV_INTERNAL LDAPConn *ldap_lc_init(const char *host, int port, int table_size);
+TAV_INTERNAL void ldap_lc_free(LDAPConn *lc);
+TAV_INTERNAL int ldap_start_operation(LDAP *ld);
+TAV_INTERNAL void ldap_end_operation(LDAP *ld);
+TAV_INTERNAL int open_ldap_connection(LDAP *ld, LDAPConn *lc);
+TAV_INTERNAL int open_default_connection(LDAP *ld);
+TAV_INTERNAL int ldap_unbind(LDAP *ld);
+TAV_INTERNAL int ldap_unbind_s(LDAP *ld);
+TAV_INTERNAL int ldap_unbind_ext(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls);
+TAV_INTERNAL void ldap_ld_free(LDAP *ld);
+// Splits one host-list entry into host and port (0 when none is written).
+// Returns 0, or LDAP_PARAM_ERROR for an entry that does not fit `host_size`
+// or carries a bad port.
+TAV_INTERNAL int ldap_split_host_entry(const char *entry, char *host, size_t host_size, int *port);
+
+// Connections.
+TAV_INTERNAL int olx_getaddrinfo(const char *host, int port_net, struct addrinfo **res);
+TAV_INTERNAL int open_connection(Sockbuf *sb, const char *host, int port_net);
+TAV_INTERNAL int set_socket_nb(Sockbuf *sb);
+TAV_INTERNAL void close_connection(Sockbuf *sb);
+TAV_INTERNAL LDAPConn *get_default_connection(LDAP *ld);
+TAV_INTERNAL int ldap_set_thread_connection(LDAP *ld, LDAPConn *conn);
+TAV_INTERNAL LDAPConn *ldap_get_connection(LDAP *ld, const char *host, int port, int open, int *rc,
+                                           int include_default);
+TAV_INTERNAL int ldap_conn_matches(LDAPConn *conn, const char *host, int port);
+TAV_INTERNAL void ldap_free_connection_if_idle(LDAP *ld, LDAPConn *conn);
+
+// Message-ID table: creation and release.
+TAV_INTERNAL ldap_msg_table *ldap_msg_table_init(int rows);
+TAV_INTERNAL void ldap_msg_table_free(ldap_msg_table *table);
+
+// Result codes and the per-thread error record.
+TAV_INTERNAL char *ldap_err2string(int err);
+TAV_INTERNAL char *ldap_pwdpolicy_err2string(int err);
+TAV_INTERNAL int ldap_get_errno(LDAP *ld);
+TAV_INTERNAL int ldap_get_errno_direct(LDAP *ld);
+TAV_INTERNAL int ldap_set_errno(LDAP *ld, int code, const char *matched, const char *msg);
+TAV_INTERNAL int ldap_set_errno_direct(LDAP *ld, int code, const char *matched, const char *msg);
+TAV_INTERNAL int ldap_get_error_info(LDAP *ld, char **matched, char **msg);
+TAV_INTERNAL int ldap_get_error_info_direct(LDAP *ld, char **matched, char **msg);
+TAV_INTERNAL int ldap_get_ext_errno(LDAP *ld);
+TAV_INTERNAL int ldap_get_ext_errno_direct(LDAP *ld);
+TAV_INTERNAL int ldap_set_ext_errno(LDAP *ld, int value);
+TAV_INTERNAL void ldap_perror(LDAP *ld, const char *prefix);
+TAV_INTERNAL void ldap_perror_direct(LDAP *ld, const char *prefix);
+TAV_INTERNAL void ldap_free_thread_errors(LDAP *ld);
+
+// Options.
+TAV_INTERNAL int ldap_set_option(LDAP *ld, int option, const void *value);
+TAV_INTERNAL int ldap_get_option(LDAP *ld, int option, void *out);
+TAV_INTERNAL int ldap_set_option_direct(LDAP *ld, int option, const void *value);
+TAV_INTERNAL int ldap_get_option_direct(LDAP *ld, int option, void *out);
+TAV_INTERNAL LDAP *ld_set_global_default(void);
+// Control lists as options store them.
+TAV_INTERNAL int ldap_copy_controls(LDAPControl ***to_here, LDAPControl **from);
+TAV_INTERNAL void ldap_controls_free(LDAPControl **ctrls);
+
+// URLs.
+TAV_INTERNAL int ldap_url_parse(const char *url, LDAPURLDesc **ludpp);
+TAV_INTERNAL int ldap_url_parse_internal(const char *url, LDAPURLDesc **ludpp);
+TAV_INTERNAL void ldap_free_urldesc(LDAPURLDesc *ludp);
+TAV_INTERNAL int ldap_url_is_ldap_url(const char *url);
+TAV_INTERNAL int ldap_url_skip_prefix(const char **urlp, LDAPURLDesc *ludp, int *enclosed, int *secure,
+                                      int store);
+TAV_INTERNAL void ldap_url_unescape(char *s);
+TAV_INTERNAL int ldap_url_port_is_numeric(const char *s);
+
+// Server location.
+TAV_INTERNAL char *auto_server_locate(struct ldap_server_request *request, int secure);
 }
 
 #endif

@@ -1,0 +1,270 @@
+// Sockets of server connections and the session's set of connections.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "ldap-debug.h"
+#include "ldap-int.h"
+#include "ldap-lock.h"
+#include "ldap-utils.h"
+
+namespace {
+
+int open_local_socket(Sockbuf *sb, const char *path) {
+  struct sockaddr_un addr;
+  memset(&addr, 0, sizeof addr);
+  // A path that does not fit sun_path would be cut or overrun: refuse it.
+  size_t len = strlen(path);
+  if (len >= sizeof addr.sun_path) return LDAP_PARAM_ERROR;
+  int s = socket(AF_UNIX, SOCK_STREAM, 0);
+  if (s < 0) return LDAP_SERVER_DOWN;
+  addr.sun_family = AF_UNIX;
+  memcpy(addr.sun_path, path, len);
+  if (connect(s, reinterpret_cast<struct sockaddr *>(&addr), (socklen_t)(offsetof(struct sockaddr_un, sun_path) + len)) !=
+      0) {
+    close(s);
+    return LDAP_CONNECT_ERROR;
+  }
+  sb->sb_sd = s;
+  return LDAP_SUCCESS;
+}
+
+// The thread-override list head is read without the lock on the fast path,
+// so every access to it is atomic.
+ldap_thread_conn *thread_conns(LDAP *ld) { return __atomic_load_n(&ld->ld_thread_conns, __ATOMIC_ACQUIRE); }
+void set_thread_conns(LDAP *ld, ldap_thread_conn *head) {
+  __atomic_store_n(&ld->ld_thread_conns, head, __ATOMIC_RELEASE);
+}
+
+void free_addrinfo(struct addrinfo *ai) {
+  if (ai != nullptr) freeaddrinfo(ai);
+}
+
+bool same_first_address(const struct addrinfo *a, const struct addrinfo *b) {
+  return a != nullptr && b != nullptr && a->ai_addrlen == b->ai_addrlen &&
+         memcmp(a->ai_addr, b->ai_addr, a->ai_addrlen) == 0;
+}
+
+// ldap_conn_matches with the host's resolution kept across one list walk.
+// *host_state: 0 not resolved yet, 1 resolved into *host_ai, -1 failed.
+bool conn_matches_cached(LDAPConn *conn, const char *host, int port, struct addrinfo **host_ai, int *host_state) {
+  if (conn->lc_host != nullptr && strcmp(host, conn->lc_host) == 0 && port == conn->lc_port) return true;
+  struct addrinfo *conn_ai = nullptr;
+  if (olx_getaddrinfo(conn->lc_host, htons((uint16_t)conn->lc_port), &conn_ai) != 0) {
+    LDAP_LOG(LDAP_LOG_TRACE, "olx_getaddrinfo failed for connection\n");
+    return false;
+  }
+  if (*host_state == 0) {
+    if (olx_getaddrinfo(host, htons((uint16_t)port), host_ai) != 0) {
+      LDAP_LOG(LDAP_LOG_ERROR, "olx_getaddrinfo failed for host/port\n");
+      *host_state = -1;
+    } else {
+      *host_state = 1;
+    }
+  }
+  bool match = *host_state == 1 && same_first_address(conn_ai, *host_ai);
+  free_addrinfo(conn_ai);
+  return match;
+}
+
+}  // namespace
+
+extern "C" {
+
+int open_connection(Sockbuf *sb, const char *host, int port_net) {
+  LDAP_LOG(LDAP_LOG_TRACE, "open_connection: entered sb(%p) host(%s) port(%d)\n", (void *)sb,
+           host != nullptr ? host : "NULL", ntohs((uint16_t)port_net));
+  if (sb == nullptr || host == nullptr) return LDAP_SERVER_DOWN;
+  if (host[0] == '/') return open_local_socket(sb, host);
+
+  struct addrinfo *list = nullptr;
+  int rc = olx_getaddrinfo(host, port_net, &list);
+  if (rc != 0) return rc;
+  rc = LDAP_SERVER_DOWN;
+  for (struct addrinfo *ai = list; ai != nullptr; ai = ai->ai_next) {
+    int s = socket(ai->ai_family, ai->ai_socktype, ai->ai_protocol);
+    if (s < 0) {
+      LDAP_LOG(LDAP_LOG_TRACE, "Connect_to_host:Return code from socket call s=%i, errno=%i\n", s, errno);
+      continue;
+    }
+    int on = 1;
+    if (setsockopt(s, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0) {
+      LDAP_LOG(LDAP_LOG_TRACE, "connect_to_host: setsockopt failed. errno = %d\n", errno);
+      errno = 0;
+    }
+    if (connect(s, ai->ai_addr, ai->ai_addrlen) == 0) {
+      LDAP_LOG(LDAP_LOG_TRACE, "open_connect: connect successful\n");
+      sb->sb_sd = s;
+      rc = LDAP_SUCCESS;
+      break;
+    }
+    int err = errno;
+    LDAP_LOG(LDAP_LOG_ERROR, "open_connection: [2]connect failed %d\n", err);
+    LDAP_LOG(LDAP_LOG_TRACE, "Connect_to_host: connect() API failed: sock_desc=%i, errno=%i\n", s, err);
+    close(s);
+  }
+  freeaddrinfo(list);
+  LDAP_LOG(LDAP_LOG_TRACE, "open_connection: returning rc=%d\n", rc);
+  return rc;
+}
+
+int set_socket_nb(Sockbuf *sb) {
+  if (fcntl(sb->sb_sd, F_SETFL, O_NONBLOCK) == -1) {
+    int err = errno;
+    LDAP_LOG(LDAP_LOG_TRACE, "set_socket_nb: failed to set socket non-blocking, errno=%d\n", err);
+    return err;
+  }
+  return 0;
+}
+
+void close_connection(Sockbuf *sb) {
+  if (sb == nullptr || sb->sb_sd < 0) return;
+  shutdown(sb->sb_sd, SHUT_RDWR);
+  close(sb->sb_sd);
+  sb->sb_sd = -1;
+}
+
+LDAPConn *get_default_connection(LDAP *ld) {
+  if (thread_conns(ld) == nullptr) return ld->ld_defconn;
+  if (LDAP_MUTEX_LOCK(&ld->ld_thread_conn_mutex) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "get_default_connection: FATAL ERRRO  - Unable to get lock at File %s, Line %d\n",
+             __FILE__, __LINE__);
+    return nullptr;
+  }
+  LDAPConn *found = nullptr;
+  pthread_t self = pthread_self();
+  for (ldap_thread_conn *t = thread_conns(ld); t != nullptr; t = t->ltc_next) {
+    if (pthread_equal(t->ltc_thread, self)) {
+      found = t->ltc_conn;
+      break;
+    }
+  }
+  LDAP_MUTEX_UNLOCK(&ld->ld_thread_conn_mutex);
+  return found != nullptr ? found : ld->ld_defconn;
+}
+
+int ldap_set_thread_connection(LDAP *ld, LDAPConn *conn) {
+  if (LDAP_MUTEX_LOCK(&ld->ld_thread_conn_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return LDAP_LOCK_ERROR;
+  }
+  int rc = LDAP_SUCCESS;
+  pthread_t self = pthread_self();
+  ldap_thread_conn *t = thread_conns(ld);
+  while (t != nullptr && !pthread_equal(t->ltc_thread, self)) t = t->ltc_next;
+  if (t != nullptr && conn == nullptr) {
+    if (t->ltc_prev != nullptr)
+      t->ltc_prev->ltc_next = t->ltc_next;
+    else
+      set_thread_conns(ld, t->ltc_next);
+    if (t->ltc_next != nullptr) t->ltc_next->ltc_prev = t->ltc_prev;
+    free(t);
+  } else if (t != nullptr) {
+    t->ltc_conn = conn;
+  } else if (conn != nullptr) {
+    t = static_cast<ldap_thread_conn *>(olx_calloc(1, sizeof *t));
+    if (t == nullptr) {
+      rc = LDAP_NO_MEMORY;
+    } else {
+      t->ltc_thread = self;
+      t->ltc_conn = conn;
+      t->ltc_next = thread_conns(ld);
+      if (t->ltc_next != nullptr) t->ltc_next->ltc_prev = t;
+      set_thread_conns(ld, t);
+    }
+  }
+  LDAP_MUTEX_UNLOCK(&ld->ld_thread_conn_mutex);
+  return rc;
+}
+
+int ldap_conn_matches(LDAPConn *conn, const char *host, int port) {
+  struct addrinfo *host_ai = nullptr;
+  int state = 0;
+  bool match = conn_matches_cached(conn, host, port, &host_ai, &state);
+  free_addrinfo(host_ai);
+  return match ? 1 : 0;
+}
+
+LDAPConn *ldap_get_connection(LDAP *ld, const char *host, int port, int open, int *rc, int include_default) {
+  int dummy = 0;
+  if (rc == nullptr) rc = &dummy;
+  *rc = LDAP_SUCCESS;
+  if (host == nullptr) return ld->ld_defconn;
+  if (port == LDAP_URL_PORT_DEFAULT || port == LDAP_URL_PORT_DEFAULT_SECURE)
+    port = ld->ld_defconn->lc_sb.sb_ssl != nullptr ? LDAPS_PORT : LDAP_PORT;
+  if (LDAP_MUTEX_LOCK(&ld->ld_conn_mutex) != 0) {
+    *rc = LDAP_LOCK_ERROR;
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return nullptr;
+  }
+  struct addrinfo *host_ai = nullptr;
+  int state = 0;
+  LDAPConn *found = nullptr;
+  LDAPConn *last = nullptr;
+  for (LDAPConn *c = include_default == 1 ? ld->ld_defconn : ld->ld_defconn->lc_next; c != nullptr; c = c->lc_next) {
+    if (c->lc_port == port && conn_matches_cached(c, host, port, &host_ai, &state)) {
+      found = c;
+      break;
+    }
+  }
+  free_addrinfo(host_ai);
+  if (found == nullptr && open == 1) {
+    LDAPConn *lc = ldap_lc_init(host, port, 8);
+    if (lc == nullptr) {
+      *rc = LDAP_NO_MEMORY;
+      ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+    } else {
+      lc->lc_ld = ld;
+      int orc = open_ldap_connection(ld, lc);
+      if (orc != 0) {
+        *rc = orc;
+        ldap_lc_free(lc);
+      } else {
+        for (last = ld->ld_servers; last->lc_next != nullptr; last = last->lc_next) {
+        }
+        last->lc_next = lc;
+        found = lc;
+      }
+    }
+  }
+  LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
+  return found;
+}
+
+void ldap_free_connection_if_idle(LDAP *ld, LDAPConn *conn) {
+  if (conn == nullptr) return;
+  if (LDAP_MUTEX_LOCK(&ld->ld_conn_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return;
+  }
+  // The default connection heads the list for the session's whole life, and
+  // a record that is not in the list is not this session's to free.
+  bool unlinked = false;
+  for (LDAPConn *prev = ld->ld_servers; prev != nullptr && conn != ld->ld_defconn; prev = prev->lc_next) {
+    if (prev->lc_next == conn) {
+      prev->lc_next = conn->lc_next;
+      conn->lc_next = nullptr;
+      unlinked = true;
+      break;
+    }
+  }
+  LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
+  if (!unlinked) return;
+  ldap_msg_table *table = conn->lc_msgtable;
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return;
+  }
+  bool idle = (uint32_t)table->free_count == table->size;
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  if (idle) ldap_lc_free(conn);
+}
+}

@@ -1,0 +1,364 @@
+// Session creation, the operation bracket, and the host-list walk that opens
+// a connection.
+#include <arpa/inet.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "ldap-debug.h"
+#include "ldap-int.h"
+#include "ldap-lock.h"
+#include "ldap-utils.h"
+
+namespace {
+
+struct free_deleter {
+  void operator()(void *p) const { free(p); }
+};
+using unique_cstr = std::unique_ptr<char, free_deleter>;
+
+const char kDefaultTisdir[] = "/opt/KRV/ldap/V6.2";
+
+bool is_blank(char c) { return c == ' ' || c == '\t'; }
+
+bool all_blank(const char *s) {
+  for (; *s != '\0'; ++s)
+    if (!is_blank(*s)) return false;
+  return true;
+}
+
+void set_tisdir() {
+  if (ldap_chkenv("TISDIR") != 0) return;
+  unique_cstr home(ldap_getenv("OLX_LDAP_HOME"));
+  ldap_change_env_var(0, "TISDIR", ':', home ? home.get() : kDefaultTisdir);
+}
+
+// Host from a URL argument: the URL's host (and port), or what the server
+// locator finds for it.  Sets *failed when the session cannot be made.
+char *host_from_url(const char *url, bool secure, int *port, bool *failed) {
+  LDAPURLDesc *lud = nullptr;
+  *failed = false;
+  if (ldap_url_parse(url, &lud) != 0) {
+    *failed = true;
+    return nullptr;
+  }
+  char *host = nullptr;
+  if (lud->lud_host != nullptr) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: Found host (%s) in URL\n", lud->lud_host);
+    host = olx_strdup(lud->lud_host);
+    if (host == nullptr) *failed = true;
+    if (lud->lud_port > 0) *port = lud->lud_port;
+  } else {
+    // The request lives on this stack rather than in process-wide state, so
+    // concurrent ldap_init calls cannot see each other's DN.
+    struct ldap_server_request request;
+    memset(&request, 0, sizeof request);
+    request.connection_timeout = 10;
+    if (lud->lud_dn != nullptr) {
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: Found DN (%s) in URL\n", lud->lud_dn);
+      request.dn_filter = lud->lud_dn;
+    }
+    host = auto_server_locate(&request, secure ? 1 : 0);
+    if (host == nullptr) *failed = true;
+  }
+  ldap_free_urldesc(lud);
+  return host;
+}
+
+// Releases a handle that failed before it was complete.  ldap_unbind needs
+// every lock in place, so the pieces are undone one by one here.
+void discard_partial(LDAP *ld, int mutexes_made, bool cond_made) {
+  if (ld->ld_defconn != nullptr) ldap_lc_free(ld->ld_defconn);
+  pthread_mutex_t *order[] = {&ld->ld_mutex, &ld->ld_conn_mutex, &ld->ld_err_mutex, &ld->ld_thread_conn_mutex};
+  for (int i = 0; i < mutexes_made; ++i) pthread_mutex_destroy(order[i]);
+  if (cond_made) pthread_cond_destroy(&ld->ld_op_cond);
+  ldap_free_thread_errors(ld);
+  free(ld->ld_defhost);
+  memset(ld, 0, sizeof *ld);
+  free(ld);
+}
+
+bool parse_port(const char *text, int *port) {
+  if (*text == '\0') {
+    *port = 0;
+    return true;
+  }
+  long value = 0;
+  for (const char *p = text; *p != '\0'; ++p) {
+    if (!isdigit((unsigned char)*p)) return false;
+    value = value * 10 + (*p - '0');
+    if (value > 65535) return false;
+  }
+  *port = (int)value;
+  return true;
+}
+
+bool copy_host(const char *begin, size_t len, char *host, size_t host_size) {
+  if (len >= host_size) return false;
+  memcpy(host, begin, len);
+  host[len] = '\0';
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+int ldap_split_host_entry(const char *entry, char *host, size_t host_size, int *port) {
+  *port = 0;
+  if (strlen(entry) >= LDAP_HOST_ENTRY_MAX) return LDAP_PARAM_ERROR;
+  int colons = 0;
+  for (const char *p = entry; *p != '\0'; ++p) colons += *p == ':';
+  if (colons >= 2) {
+    const char *begin = entry[0] == '[' ? entry + 1 : entry;
+    const char *close = strchr(begin, ']');
+    if (close == nullptr) return copy_host(begin, strlen(begin), host, host_size) ? 0 : LDAP_PARAM_ERROR;
+    if (!copy_host(begin, (size_t)(close - begin), host, host_size)) return LDAP_PARAM_ERROR;
+    if (close[1] == ':' && !parse_port(close + 2, port)) return LDAP_PARAM_ERROR;
+    return 0;
+  }
+  const char *colon = strchr(entry, ':');
+  size_t len = colon != nullptr ? (size_t)(colon - entry) : strlen(entry);
+  if (!copy_host(entry, len, host, host_size)) return LDAP_PARAM_ERROR;
+  if (colon != nullptr && !parse_port(colon + 1, port)) return LDAP_PARAM_ERROR;
+  return 0;
+}
+
+LDAPConn *ldap_lc_init(const char *host, int port, int table_size) {
+  auto *lc = static_cast<LDAPConn *>(olx_calloc(1, sizeof(LDAPConn)));
+  if (lc == nullptr) return nullptr;
+  lc->lc_sb.sb_sd = -1;
+  lc->lc_msgtable = ldap_msg_table_init(table_size);
+  if (lc->lc_msgtable == nullptr) {
+    free(lc);
+    return nullptr;
+  }
+  lc->lc_msgtable->conn = lc;
+  lc->lc_host = olx_strdup(host != nullptr ? host : "localhost");
+  if (lc->lc_host == nullptr) {
+    ldap_msg_table_free(lc->lc_msgtable);
+    free(lc);
+    return nullptr;
+  }
+  lc->lc_port = port;
+  lc->lc_closed = 0;
+  int rc = LDAP_MUTEX_CREATE(&lc->lc_read_mutex);
+  int made = 0;
+  if (rc == 0) {
+    made = 1;
+    rc = LDAP_MUTEX_CREATE(&lc->lc_write_mutex);
+  }
+  if (rc == 0) {
+    made = 2;
+    rc = pthread_mutex_init(&lc->lc_bind_ctrls_mutex, nullptr);
+  }
+  if (rc != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_lc_init: failed to initialize mutex rc = %d - File %s line %d\n", rc, __FILE__,
+             __LINE__);
+    if (made >= 2) pthread_mutex_destroy(&lc->lc_write_mutex);
+    if (made >= 1) pthread_mutex_destroy(&lc->lc_read_mutex);
+    ldap_msg_table_free(lc->lc_msgtable);
+    free(lc->lc_host);
+    free(lc);
+    return nullptr;
+  }
+  return lc;
+}
+
+LDAP *ldap_init(const char *host, int port) {
+  ldap_debug_init();
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: defhost=%s, defport=%d\n", host != nullptr ? host : "(null)", port);
+  if (port < 0) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: bad port (%d)\n", port);
+    return nullptr;
+  }
+  if (port == 0) port = LDAP_PORT;
+  set_tisdir();
+
+  unique_cstr owned_host;  // what this call allocated in place of `host`
+  if (host != nullptr) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: parsing the passing hostname\n");
+    char lower[LDAP_MAX_HOSTNAME + 1];
+    size_t n = strnlen(host, LDAP_MAX_HOSTNAME);
+    for (size_t i = 0; i < n; ++i) lower[i] = (char)tolower((unsigned char)host[i]);
+    lower[n] = '\0';
+    bool secure = strstr(lower, "ldaps://") != nullptr;
+    if (secure || strstr(lower, "ldap://") != nullptr) {
+      bool failed = false;
+      owned_host.reset(host_from_url(host, secure, &port, &failed));
+      if (failed) return nullptr;
+      host = owned_host.get();
+    }
+  } else {
+    owned_host.reset(static_cast<char *>(olx_malloc(LDAP_MAX_HOSTNAME + 1)));
+    if (!owned_host) {
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: allocate for hostname failed\n");
+      return nullptr;
+    }
+    if (gethostname(owned_host.get(), LDAP_MAX_HOSTNAME) != 0) {
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: can't get hostname\n");
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: failed to get hostname\n");
+      return nullptr;
+    }
+    owned_host.get()[LDAP_MAX_HOSTNAME] = '\0';
+    host = owned_host.get();
+  }
+  // A list of nothing but blanks names no server either.
+  if (*host == '\0' || all_blank(host)) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: invalid hostname (blank) is used\n");
+    return nullptr;
+  }
+
+  auto *ld = static_cast<LDAP *>(olx_calloc(1, sizeof(LDAP)));
+  if (ld == nullptr) return nullptr;
+  memcpy(ld->ld_eyecatcher, LDAP_EYECATCHER, LDAP_EYECATCHER_LEN);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: defhost(%s) defport(%d)\n", host, port);
+
+  ld->ld_defconn = ldap_lc_init(host, port, LDAP_MSG_TABLE_INITIAL_SIZE);
+  if (ld->ld_defconn == nullptr) {
+    discard_partial(ld, 0, false);
+    return nullptr;
+  }
+  ld->ld_defconn->lc_ld = ld;
+  ld->ld_servers = ld->ld_defconn;
+
+  pthread_mutex_t *first_three[] = {&ld->ld_mutex, &ld->ld_conn_mutex, &ld->ld_err_mutex};
+  int made = 0;
+  for (pthread_mutex_t *m : first_three) {
+    int rc = LDAP_MUTEX_CREATE(m);
+    if (rc != 0) {
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: failed to initialize mutex rc=%d - File %s line %d\n", rc, __FILE__,
+               __LINE__);
+      discard_partial(ld, made, false);
+      return nullptr;
+    }
+    ++made;
+  }
+  int rc = pthread_cond_init(&ld->ld_op_cond, nullptr);
+  if (rc != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: failed to initialize conditional variable, rc=%d - File %s line %d\n", rc,
+             __FILE__, __LINE__);
+    discard_partial(ld, made, false);
+    return nullptr;
+  }
+  ld->ld_unbind_started = 0;
+  rc = pthread_mutex_init(&ld->ld_thread_conn_mutex, nullptr);
+  if (rc != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: failed to initialize mutex rc=%d - File %s line %d\n", rc, __FILE__,
+             __LINE__);
+    discard_partial(ld, made, true);
+    return nullptr;
+  }
+  made = 4;
+
+  // Version 3, no code-page translation, referrals chased with 10 hops.
+  if (ldap_set_option_direct(ld, LDAP_OPT_PROTOCOL_VERSION, reinterpret_cast<void *>(3)) != 0 ||
+      ldap_set_option_direct(ld, LDAP_OPT_XLATE, reinterpret_cast<void *>(1)) != 0 ||
+      ldap_set_option_direct(ld, LDAP_OPT_REFERRALS, reinterpret_cast<void *>(1)) != 0 ||
+      ldap_set_option_direct(ld, LDAP_OPT_REFHOPLIMIT, reinterpret_cast<void *>(10)) != 0) {
+    discard_partial(ld, made, true);
+    return nullptr;
+  }
+  ld->ld_defport = port;
+  ld->ld_defhost = olx_strdup(host);
+  if (ld->ld_defhost == nullptr) {
+    discard_partial(ld, made, true);
+    return nullptr;
+  }
+  return ld;
+}
+
+LDAP *ldap_open(const char *host, int port) {
+  ldap_debug_init();
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_open: host=%s, port=%d\n", host != nullptr ? host : "(null)", port);
+  LDAP *ld = ldap_init(host, port);
+  if (ld == nullptr) return nullptr;
+  unique_cstr version(ldap_getenv("LDAP_VERSION"));
+  ld->ld_version = version && strcmp(version.get(), "3") == 0 ? LDAP_VERSION3 : LDAP_VERSION2;
+  if (open_default_connection(ld) != 0) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_open: open_default_connection failed");
+    ldap_unbind(ld);
+    return nullptr;
+  }
+  return ld;
+}
+
+int ldap_start_operation(LDAP *ld) {
+  if (ld == nullptr || memcmp(ld->ld_eyecatcher, LDAP_EYECATCHER, LDAP_EYECATCHER_LEN) != 0) {
+    LDAP_LOG(LDAP_LOG_TRACE, "Invalid ld in ldap_start_operation\n");
+    return LDAP_PARAM_ERROR;
+  }
+  if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return LDAP_LOCK_ERROR;
+  }
+  int rc = 0;
+  if (ld->ld_unbind_started == 1) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_start_operation: unbind started\n");
+    rc = LDAP_PARAM_ERROR;
+  } else {
+    ++ld->ld_active_ops;
+  }
+  LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+  return rc;
+}
+
+void ldap_end_operation(LDAP *ld) {
+  if (ld == nullptr || memcmp(ld->ld_eyecatcher, LDAP_EYECATCHER, LDAP_EYECATCHER_LEN) != 0) {
+    LDAP_LOG(LDAP_LOG_TRACE, "Invalid ld in ldap_start_operation\n");
+    return;
+  }
+  if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) return;
+  if (ld->ld_active_ops > 0) --ld->ld_active_ops;
+  pthread_cond_broadcast(&ld->ld_op_cond);
+  LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+}
+
+int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
+  LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: ld(%p), lc(%p)\n", (void *)ld, (void *)lc);
+  if (ld == nullptr || lc == nullptr || lc->lc_host == nullptr) return LDAP_PARAM_ERROR;
+  unique_cstr list(olx_strdup(lc->lc_host));
+  if (!list) return LDAP_NO_MEMORY;
+  // An empty list connects nothing: that is a failure, not a success.
+  int rc = LDAP_SERVER_DOWN;
+  char *save = nullptr;
+  for (char *entry = strtok_r(list.get(), " \t", &save); entry != nullptr; entry = strtok_r(nullptr, " \t", &save)) {
+    char host[LDAP_HOST_ENTRY_MAX];
+    int port = 0;
+    if (ldap_split_host_entry(entry, host, sizeof host, &port) != 0) {
+      rc = LDAP_PARAM_ERROR;
+      continue;
+    }
+    if (port == 0) port = lc->lc_port;
+    rc = open_connection(&lc->lc_sb, host, htons((uint16_t)port));
+    if (rc != 0) continue;
+    if (ld->ld_ssl == 1) {
+      // Secure connections are not available yet: the entry cannot be used.
+      LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: SSL In use!\n");
+      rc = LDAP_SSL_NOT_AVAILABLE;
+      LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: open_ssl_connection failed with rc=%d\n", rc);
+      close_connection(&lc->lc_sb);
+      lc->lc_connected = 0;
+      continue;
+    }
+    if (set_socket_nb(&lc->lc_sb) == 0) {
+      lc->lc_connected = 1;
+      return 0;
+    }
+    rc = LDAP_SERVER_DOWN;
+    close_connection(&lc->lc_sb);
+    lc->lc_connected = 0;
+  }
+  return rc;
+}
+
+int open_default_connection(LDAP *ld) {
+  LDAPConn *lc = get_default_connection(ld);
+  if (lc == nullptr) return LDAP_LOCK_ERROR;
+  return open_ldap_connection(ld, lc);
+}
+}
