@@ -22,6 +22,7 @@ struct FakeServer::Step {
   int ms = 0;
   size_t n = 0;
   std::function<std::string(const std::string &)> reply;
+  std::function<std::string()> make;
 };
 
 size_t ber_element_length(const std::string &b) {
@@ -68,6 +69,13 @@ FakeServer::~FakeServer() {
 
 FakeServer &FakeServer::send(const std::string &bytes) {
   steps_.push_back(new Step(Step::kSend, bytes));
+  return *this;
+}
+
+FakeServer &FakeServer::send_lazy(std::function<std::string()> make) {
+  Step *s = new Step(Step::kSend);
+  s->make = std::move(make);
+  steps_.push_back(s);
   return *this;
 }
 
@@ -175,6 +183,7 @@ void FakeServer::run() {
     if (quit_) break;
     switch (s->kind) {
       case Step::kSend: {
+        if (s->make) s->bytes = s->make();
         size_t off = 0;
         while (off < s->bytes.size()) {
           ssize_t n = ::send(conn_fd_, s->bytes.data() + off, s->bytes.size() - off, MSG_NOSIGNAL);

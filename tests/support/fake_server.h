@@ -27,6 +27,8 @@ class FakeServer {
 
   // Script steps, run in order.
   FakeServer &send(const std::string &bytes);
+  // Bytes computed when the step runs (for replies that need what arrived earlier).
+  FakeServer &send_lazy(std::function<std::string()> make);
   // The bytes in pieces of `piece` octets with `pause_ms` between them.
   FakeServer &send_split(const std::string &bytes, size_t piece, int pause_ms);
   FakeServer &pause(int ms);
