@@ -20,6 +20,21 @@ const char kVlvExtension[] = "VIRTUAL_LIST_VIEW";
 LDAP global_default;  // guarded by the defaults lock until created
 int global_default_created = 0;
 
+// The default handle lives as long as the library; what it gathered (error
+// records, copies of options) goes when the library is unloaded, so a program
+// that dlcloses it leaks nothing.
+struct GlobalDefaultRelease {
+  ~GlobalDefaultRelease() {
+    if (!global_default_created) return;
+    ldap_free_thread_errors(&global_default);
+    ldap_controls_free(global_default.ld_sctrls);
+    ldap_controls_free(global_default.ld_cctrls);
+    free(global_default.ld_ssl_cipher);
+    global_default.ld_sctrls = global_default.ld_cctrls = nullptr;
+    global_default.ld_ssl_cipher = nullptr;
+  }
+} global_default_release;
+
 int as_int(const void *value) { return (int)(intptr_t)value; }
 
 // Options whose version-3 value is an int behind the pointer.
