@@ -8,3 +8,5 @@ client="$root/build/bin/tavldap"
 echo "== private slapd listening at $TAVLDAP_TEST_URL"
 echo "== tavldap info (the library, loaded with dlopen)"
 "$client" info
+echo "== tavldap session (tav_ldap_init to the private slapd, then tav_ldap_unbind)"
+"$client" session "$TAVLDAP_TEST_URL"
