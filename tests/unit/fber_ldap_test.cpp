@@ -349,13 +349,6 @@ TEST(FberLdap, RequestAndResponseShapesRoundTrip) {
   }
 }
 
-TEST(FberLdap, TheBindRequestIsTheDocumentedByteString) {
-  Ber b(fber_alloc());
-  ASSERT_EQ(fber_printf(b.get(), "{it{ists}", 1, tag(0x60), 3, "cn=a", tag(0x80), "pw"), 0);
-  ASSERT_EQ(fber_printf(b.get(), "}"), 0);
-  EXPECT_EQ(written(b.get()), "30 84 00 00 00 16 02 01 01 60 84 00 00 00 0D 02 01 03 04 04 63 6E 3D 61 80 02 70 77");
-}
-
 TEST(FberLdap, EveryTruncationFailsCleanly) {
   // Decoding any proper prefix must fail; ASan's leak check proves that the
   // parsers and the decoder freed what they took.
