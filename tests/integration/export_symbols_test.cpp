@@ -11,6 +11,7 @@
 #include <string>
 
 #include "process.h"
+#include "tavldap.h"
 
 namespace {
 
@@ -96,11 +97,11 @@ TEST(SharedObject, FreeFunctionsAcceptNullAndReleaseBlocks) {
   void *h = dlopen(TAV_SHARED_OBJECT, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(h, nullptr) << dlerror();
   auto memfree = sym<void (*)(void *)>(h, "tav_ldap_memfree");
-  auto ber_free = sym<void (*)(void *)>(h, "tav_ldap_ber_free");
+  auto ber_free = sym<void (*)(BerElement *)>(h, "tav_ldap_ber_free");
   memfree(nullptr);
   ber_free(nullptr);
   memfree(malloc(32));  // a leak or double free here shows under the sanitizers
-  ber_free(malloc(64));
+  ber_free(static_cast<BerElement *>(malloc(64)));
   dlclose(h);
 }
 
