@@ -61,7 +61,7 @@ int put_int(BerElement *ber, unsigned char tag, int value) {
 
 int put_string(BerElement *ber, unsigned char tag, const char *bytes, size_t n, bool translate) {
   // A null pointer for a non-empty string is a caller error; refuse it.
-  if (bytes == nullptr && n != 0) return -1;
+  if ((bytes == nullptr && n != 0) || n > 0xFFFFFFF0u) return -1;  // a 4-octet length must hold it
   if (!room(ber, n < 128 ? n + 3 : n + 10)) return -1;
   *ber->ber_ptr++ = static_cast<char>(tag);
   char *converted = nullptr;

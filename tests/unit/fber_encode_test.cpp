@@ -120,6 +120,11 @@ TEST(FberEncode, FailuresReturnMinusOneAndKeepWhatWasWritten) {
       {"null bytes with a length", [](BerElement *b) { return fber_printf(b, "o", nullptr, 3); }, ""},
       {"negative length", [](BerElement *b) { return fber_printf(b, "o", "abc", -1); }, ""},
       {"negative bit count", [](BerElement *b) { return fber_printf(b, "B", "abc", -1); }, ""},
+      {"value too long for 4 length octets", [](BerElement *b) {
+         static berval huge{0x100000000ull, const_cast<char *>("x")};
+         static berval *vec[] = {&huge, nullptr};
+         return fber_printf(b, "V", vec);
+       }, ""},
   };
   for (auto &c : cases) {
     Ber b(fber_alloc());
