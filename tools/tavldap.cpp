@@ -3,6 +3,8 @@
 // It loads the library with dlopen and calls only the exported functions.
 // The library is looked for in TAVLDAP_LIBRARY, then next to the program
 // (../lib/libtav8ldap_64.so), then on the loader's search path.
+#include "tavldap.h"
+
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -11,8 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-
-#include "tavldap.h"
 
 namespace {
 
@@ -155,8 +155,7 @@ int main(int argc, char **argv) {
   if (!load(lib)) return 1;
   std::string command = argv[optind];
   if (command == "info") return cmd_info(lib);
-  if (command == "session")
-    return cmd_session(lib, optind + 1 < argc ? argv[optind + 1] : getenv("TAVLDAP_TEST_URL"));
+  if (command == "session") return cmd_session(lib, optind + 1 < argc ? argv[optind + 1] : getenv("TAVLDAP_TEST_URL"));
   fprintf(stderr, "tavldap: unknown command '%s'\n", command.c_str());
   usage();
   return 2;

@@ -4,9 +4,9 @@
 #ifndef TAV_LDAP_INT_H
 #define TAV_LDAP_INT_H
 
+#include <netdb.h>
 #include <pthread.h>
 #include <sys/socket.h>
-#include <netdb.h>
 
 #include <cstdint>
 
@@ -98,13 +98,13 @@ typedef struct ldap_msg_table {
   LDAPConn *conn;
   pthread_mutex_t table_mutex;
   pthread_cond_t table_cond;
-  int32_t free_count;  // table_mutex
-  uint32_t size;       // table_mutex
+  int32_t free_count;       // table_mutex
+  uint32_t size;            // table_mutex
   LDAPMessage *queue_head;  // queue_mutex
   LDAPMessage *queue_tail;  // queue_mutex
   pthread_mutex_t queue_mutex;
-  int32_t last_msgid;      // table_mutex
-  uint32_t last_any_row;   // table_mutex
+  int32_t last_msgid;     // table_mutex
+  uint32_t last_any_row;  // table_mutex
   LDAPMessage *pending_msg;
   uint32_t pending_state;
 } ldap_msg_table;
@@ -120,8 +120,8 @@ struct ldapconn {
   pthread_mutex_t lc_bind_ctrls_mutex;
   pthread_mutex_t lc_read_mutex;
   pthread_mutex_t lc_write_mutex;
-  LDAPConn *lc_next;              // ld_conn_mutex
-  LDAPControl **lc_bind_ctrls;    // lc_bind_ctrls_mutex
+  LDAPConn *lc_next;            // ld_conn_mutex
+  LDAPControl **lc_bind_ctrls;  // lc_bind_ctrls_mutex
   LDAP *lc_ld;
   void *lc_plugin;  // SASL plug-in parameter block, or null
   int lc_closed;
@@ -255,8 +255,7 @@ TAV_INTERNAL int ldap_url_parse(const char *url, LDAPURLDesc **ludpp);
 TAV_INTERNAL int ldap_url_parse_internal(const char *url, LDAPURLDesc **ludpp);
 TAV_INTERNAL void ldap_free_urldesc(LDAPURLDesc *ludp);
 TAV_INTERNAL int ldap_url_is_ldap_url(const char *url);
-TAV_INTERNAL int ldap_url_skip_prefix(const char **urlp, LDAPURLDesc *ludp, int *enclosed, int *secure,
-                                      int store);
+TAV_INTERNAL int ldap_url_skip_prefix(const char **urlp, LDAPURLDesc *ludp, int *enclosed, int *secure, int store);
 TAV_INTERNAL void ldap_url_unescape(char *s);
 TAV_INTERNAL int ldap_url_port_is_numeric(const char *s);
 

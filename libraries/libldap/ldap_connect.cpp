@@ -28,8 +28,8 @@ int open_local_socket(Sockbuf *sb, const char *path) {
   if (s < 0) return LDAP_SERVER_DOWN;
   addr.sun_family = AF_UNIX;
   memcpy(addr.sun_path, path, len);
-  if (connect(s, reinterpret_cast<struct sockaddr *>(&addr), (socklen_t)(offsetof(struct sockaddr_un, sun_path) + len)) !=
-      0) {
+  if (connect(s, reinterpret_cast<struct sockaddr *>(&addr),
+              (socklen_t)(offsetof(struct sockaddr_un, sun_path) + len)) != 0) {
     close(s);
     return LDAP_CONNECT_ERROR;
   }

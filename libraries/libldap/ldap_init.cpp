@@ -248,8 +248,7 @@ LDAP *ldap_init(const char *host, int port) {
   ld->ld_unbind_started = 0;
   rc = pthread_mutex_init(&ld->ld_thread_conn_mutex, nullptr);
   if (rc != 0) {
-    LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: failed to initialize mutex rc=%d - File %s line %d\n", rc, __FILE__,
-             __LINE__);
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: failed to initialize mutex rc=%d - File %s line %d\n", rc, __FILE__, __LINE__);
     discard_partial(ld, made, true);
     return nullptr;
   }

@@ -128,8 +128,7 @@ int get_feature_info(LDAPAPIFeatureInfo *info) {
     info->ldapaif_info_version = LDAP_FEATURE_INFO_VERSION;
     return LDAP_PARAM_ERROR;
   }
-  info->ldapaif_version =
-      info->ldapaif_name != nullptr && strcmp(info->ldapaif_name, kVlvExtension) == 0 ? 1000 : 0;
+  info->ldapaif_version = info->ldapaif_name != nullptr && strcmp(info->ldapaif_name, kVlvExtension) == 0 ? 1000 : 0;
   return LDAP_SUCCESS;
 }
 
@@ -443,13 +442,17 @@ int ldap_set_option(LDAP *ld, int option, const void *value) {
   const void *passed = value;
   bool bad = false;
   if (option == LDAP_OPT_PROTOCOL_VERSION) {
-    if (value == nullptr) bad = true;
-    else passed = reinterpret_cast<const void *>((intptr_t) * static_cast<const int *>(value));
+    if (value == nullptr)
+      bad = true;
+    else
+      passed = reinterpret_cast<const void *>((intptr_t) * static_cast<const int *>(value));
   } else if (ld->ld_version < LDAP_VERSION3) {
     // Version-2 callers pass every value in the pointer argument itself.
   } else if (takes_int_pointer(option)) {
-    if (value == nullptr) bad = true;
-    else passed = reinterpret_cast<const void *>((intptr_t) * static_cast<const int *>(value));
+    if (value == nullptr)
+      bad = true;
+    else
+      passed = reinterpret_cast<const void *>((intptr_t) * static_cast<const int *>(value));
   } else if (option == LDAP_OPT_API_INFO || option == LDAP_OPT_API_FEATURE_INFO) {
     bad = true;
   }

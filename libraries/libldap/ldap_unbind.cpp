@@ -11,8 +11,7 @@ extern "C" {
 
 int ldap_unbind(LDAP *ld) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_unbind: ld(%p)\n", (void *)ld);
-  if (ld == nullptr || memcmp(ld->ld_eyecatcher, LDAP_EYECATCHER, LDAP_EYECATCHER_LEN) != 0)
-    return LDAP_PARAM_ERROR;
+  if (ld == nullptr || memcmp(ld->ld_eyecatcher, LDAP_EYECATCHER, LDAP_EYECATCHER_LEN) != 0) return LDAP_PARAM_ERROR;
   if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
     ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
     return LDAP_LOCK_ERROR;

@@ -17,8 +17,8 @@ using tavtest::SlapdServer;
 namespace {
 
 // BindRequest, message ID 1, version 3, empty DN, empty simple password.
-const unsigned char kAnonymousBind[] = {0x30, 0x0c, 0x02, 0x01, 0x01, 0x60, 0x07, 0x02,
-                                        0x01, 0x03, 0x04, 0x00, 0x80, 0x00};
+const unsigned char kAnonymousBind[] = {0x30, 0x0c, 0x02, 0x01, 0x01, 0x60, 0x07,
+                                        0x02, 0x01, 0x03, 0x04, 0x00, 0x80, 0x00};
 
 // Sends the bind on the (non-blocking) socket and returns slapd's result code,
 // or -1 when no well-formed BindResponse arrives.

@@ -217,10 +217,10 @@ TEST(ConnectionSet, SpellingsOfOneServerShareAConnectionAndPortsDoNot) {
     bool matches_default;
   } cases[] = {
       {"127.0.0.1", server.port, 1, true},
-      {"127.1", server.port, 1, true},        // same address, other spelling
-      {"2130706433", server.port, 1, true},   // and another
+      {"127.1", server.port, 1, true},       // same address, other spelling
+      {"2130706433", server.port, 1, true},  // and another
       {"127.0.0.1", other.port, 1, false},
-      {"127.0.0.1", server.port, 0, false},   // the default connection left out
+      {"127.0.0.1", server.port, 0, false},  // the default connection left out
       {"no-such-host.invalid", server.port, 1, false},
   };
   for (const auto &c : cases) {
@@ -228,7 +228,8 @@ TEST(ConnectionSet, SpellingsOfOneServerShareAConnectionAndPortsDoNot) {
     EXPECT_EQ(ldap_get_connection(ld, c.host, c.port, 0, &rc, c.include_default) == def, c.matches_default)
         << c.host << ":" << c.port;
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(ldap_conn_matches(def, c.host, c.port) == 1, c.port == server.port && strstr(c.host, "invalid") == nullptr)
+    EXPECT_EQ(ldap_conn_matches(def, c.host, c.port) == 1,
+              c.port == server.port && strstr(c.host, "invalid") == nullptr)
         << c.host;
   }
   int rc = -1;

@@ -57,8 +57,8 @@ TEST(ErrorCodes, EveryCodeHasItsMessageAndGapsAreUnknown) {
       {208, "gss_init_sec_context failed"},
   };
   for (const auto &c : cases) EXPECT_STREQ(ldap_err2string(c.code), c.message) << c.code;
-  for (int gap : {-1, 15, 22, 31, 37, 47, 55, 62, 72, 79, 102, 111, 121, 123, 130, 138, 159, 164, 179, 197, 207,
-                  209, 100000})
+  for (int gap :
+       {-1, 15, 22, 31, 37, 47, 55, 62, 72, 79, 102, 111, 121, 123, 130, 138, 159, 164, 179, 197, 207, 209, 100000})
     EXPECT_STREQ(ldap_err2string(gap), "Unknown error") << gap;
   // Every code below 209 either has its own row or is one of the gaps.
   int with_rows = 0;

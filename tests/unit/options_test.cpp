@@ -58,14 +58,10 @@ TEST_F(Options, IntegerOptionsCheckTheirRangesAndKeepBadValuesOut) {
     std::vector<int> good;
     std::vector<int> bad;
   } cases[] = {
-      {LDAP_OPT_SIZELIMIT, 0, {0, 1, 1000000}, {-1}},
-      {LDAP_OPT_TIMELIMIT, 0, {0, 60}, {-5}},
-      {LDAP_OPT_DEREF, 0, {0, 1, 2, 3}, {4, -1}},
-      {LDAP_OPT_RESTART, 0, {1, 0}, {2, -1}},
-      {LDAP_OPT_REFHOPLIMIT, 10, {0, 3, 50}, {-1}},
-      {LDAP_OPT_REFHOPLIMIT2, 50, {7}, {-2}},
-      {LDAP_OPT_SSL_TIMEOUT, 0, {0, 86400}, {86401, -1}},
-      {LDAP_OPT_54, 0, {2, 3}, {0, 1, 4}},
+      {LDAP_OPT_SIZELIMIT, 0, {0, 1, 1000000}, {-1}},     {LDAP_OPT_TIMELIMIT, 0, {0, 60}, {-5}},
+      {LDAP_OPT_DEREF, 0, {0, 1, 2, 3}, {4, -1}},         {LDAP_OPT_RESTART, 0, {1, 0}, {2, -1}},
+      {LDAP_OPT_REFHOPLIMIT, 10, {0, 3, 50}, {-1}},       {LDAP_OPT_REFHOPLIMIT2, 50, {7}, {-2}},
+      {LDAP_OPT_SSL_TIMEOUT, 0, {0, 86400}, {86401, -1}}, {LDAP_OPT_54, 0, {2, 3}, {0, 1, 4}},
       {LDAP_OPT_PROTOCOL_VERSION, 3, {2, 3}, {1, 4}},
   };
   for (const auto &c : cases) {
@@ -172,7 +168,7 @@ TEST_F(Options, DebugOptionSetsTheProcessMask) {
 
 TEST_F(Options, CipherAndRebindProcedureAreStored) {
   char *s = nullptr;
-  EXPECT_NE(ldap_get_option(ld, LDAP_OPT_SSL_CIPHER, &s), 0);  // none set
+  EXPECT_NE(ldap_get_option(ld, LDAP_OPT_SSL_CIPHER, &s), 0);                    // none set
   EXPECT_EQ(ldap_set_option(ld, LDAP_OPT_SSL_CIPHER, nullptr), LDAP_NO_MEMORY);  // no default to re-check
   EXPECT_EQ(ldap_set_option(ld, LDAP_OPT_SSL_CIPHER, "0A09"), 0);
   EXPECT_EQ(ldap_set_option(ld, LDAP_OPT_SSL_CIPHER, nullptr), 0);

@@ -36,7 +36,14 @@ TEST(UrlParse, ComponentsAndDefaults) {
   const Expect cases[] = {
       {"ldap://host/o=x", true, "ldap", "host", 389, "o=x", {}, 0, "(objectClass=*)"},
       {"LDAPS://host", true, "LDAPS", "host", 636, kNone, {}, 0, "(objectClass=*)"},
-      {"<URL:ldap://host:1389/o=x?cn,mail?sub?(cn=a%20b)>", true, "ldap", "host", 1389, "o=x", {"cn", "mail"}, 2,
+      {"<URL:ldap://host:1389/o=x?cn,mail?sub?(cn=a%20b)>",
+       true,
+       "ldap",
+       "host",
+       1389,
+       "o=x",
+       {"cn", "mail"},
+       2,
        "(cn=a b)"},
       {"ldap://[fe80::1]:636/o=x", true, "ldap", "fe80::1", 636, "o=x", {}, 0, "(objectClass=*)"},
       {"ldap://[::1]/o=x", false, "ldap", "::1", -1, "o=x", {}, -1, kNone},
@@ -55,7 +62,7 @@ TEST(UrlParse, ComponentsAndDefaults) {
       {"ldap://h:/o=x", true, "ldap", "h", 0, "o=x", {}, 0, "(objectClass=*)"},
       {"ldap://h%41st", true, "ldap", "hAst", 389, kNone, {}, 0, "(objectClass=*)"},
       {"ldap://h/%63n=a?%6dail", true, "ldap", "h", 389, "cn=a", {"mail"}, 0, "(objectClass=*)"},
-      {"<ldap://h/o=x", true, "ldap", "h", 389, "o=x", {}, 0, "(objectClass=*)"},  // ">" not required
+      {"<ldap://h/o=x", true, "ldap", "h", 389, "o=x", {}, 0, "(objectClass=*)"},   // ">" not required
       {"ldap://h/o=x>", true, "ldap", "h", 389, "o=x>", {}, 0, "(objectClass=*)"},  // not enclosed: kept
       {"url:LdAp://h", true, "LdAp", "h", 389, kNone, {}, 0, "(objectClass=*)"},
       // Stray escapes: an incomplete one ends decoding; others decode by arithmetic.
@@ -145,8 +152,8 @@ TEST(UrlParse, RecognisesTheSchemeOnly) {
     const char *text;
     int is_url;
   } cases[] = {
-      {"ldap://h", 1}, {"LDAPS://", 1}, {"<URL:ldap:///", 1}, {"<ldaps://x", 1}, {"URL:ldap://", 1},
-      {"ldap:/", 0},   {"ldapi://x", 0}, {" ldap://h", 0},      {"", 0},           {nullptr, 0},
+      {"ldap://h", 1}, {"LDAPS://", 1},  {"<URL:ldap:///", 1}, {"<ldaps://x", 1}, {"URL:ldap://", 1},
+      {"ldap:/", 0},   {"ldapi://x", 0}, {" ldap://h", 0},     {"", 0},           {nullptr, 0},
   };
   for (const auto &c : cases) EXPECT_EQ(ldap_url_is_ldap_url(c.text), c.is_url) << (c.text ? c.text : "(null)");
 }
