@@ -100,13 +100,31 @@ bool one(BerElement *ber, unsigned format) {
   return rc != LBER_ERROR;
 }
 
+// The trace masker reads the same outside bytes: it may only turn bytes into 'x'.
+void mask(const uint8_t *data, size_t size) {
+  char *copy = static_cast<char *>(malloc(size + 1));
+  memcpy(copy, data, size);
+  fber_mask_passwords(copy, size);
+  for (size_t i = 0; i < size; ++i) check(copy[i] == static_cast<char>(data[i]) || copy[i] == 'x');
+  free(copy);
+}
+
+// A caller's buffer whose size comes from the input.
+void caller_buffer(BerElement *ber, unsigned size) {
+  char buf[64];
+  ber_len_t len = size % sizeof buf;
+  if (fber_scanf(ber, "s", buf, &len) != LBER_ERROR) check(len < size % sizeof buf && buf[len] == '\0');
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0) return 0;
-  // First byte: format (low 3 bits) and whether strings go through translation.
+  // First byte: format (low 3 bits), whether strings go through translation
+  // (bit 3), and two extra readers of the same bytes (bits 4 and 5).
   const unsigned format = data[0] & 7;
   const bool session = (data[0] & 8) != 0;
+  if (data[0] & 0x10) mask(data + 1, size - 1);
   BerElement *ber = session ? fber_alloc_with_options(0, 0, 3) : nullptr;
   if (session) {
     if (ber == nullptr || fber_write(ber, reinterpret_cast<const char *>(data + 1), size - 1) < 0) {
@@ -119,6 +137,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ber = fber_init2(&bv);
     if (ber == nullptr) return 0;
   }
+  if (data[0] & 0x20) caller_buffer(ber, data[0] >> 2);
   for (int i = 0; i < 64 && ber->ber_ptr < ber->ber_end; ++i) {
     const char *before = ber->ber_ptr;
     if (!one(ber, format) || ber->ber_ptr == before) break;
