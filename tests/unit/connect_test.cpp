@@ -8,11 +8,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "ldap-debug.h"
 #include "ldap-int.h"
 #include "ldap-utils.h"
 #include "process.h"
@@ -268,5 +271,38 @@ TEST(ConnectionSet, UrlPortSentinelsBecomeThePlainDefault) {
   int rc = -1;
   EXPECT_EQ(ldap_get_connection(ld, "127.0.0.1", LDAP_URL_PORT_DEFAULT, 0, &rc, 1), ld->ld_defconn);
   EXPECT_EQ(ldap_get_connection(ld, "127.0.0.1", LDAP_URL_PORT_DEFAULT_SECURE, 0, &rc, 1), ld->ld_defconn);
+  ldap_unbind(ld);
+}
+
+TEST(Locking, ResolutionWaitsForTheSystemCallLockAndDefaultLookupNeedsNoLock) {
+  LDAP *ld = ldap_init("127.0.0.1", 389);
+  ASSERT_NE(ld, nullptr);
+  ASSERT_EQ(lock_syscall_mutex(), 0);
+  std::atomic<bool> resolved{false};
+  std::thread resolver([&] {
+    addrinfo *ai = nullptr;
+    EXPECT_EQ(olx_getaddrinfo("127.0.0.1", htons(1), &ai), 0);
+    freeaddrinfo(ai);
+    resolved = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_FALSE(resolved) << "name resolution ran without the system-call lock";
+  ASSERT_EQ(unlock_syscall_mutex(), 0);
+  resolver.join();
+  EXPECT_TRUE(resolved);
+
+  // With no overrides the default connection comes back even while another
+  // thread holds the override lock.
+  std::atomic<bool> held{false}, done{false};
+  std::thread holder([&] {
+    pthread_mutex_lock(&ld->ld_thread_conn_mutex);
+    held = true;
+    while (!done) std::this_thread::yield();
+    pthread_mutex_unlock(&ld->ld_thread_conn_mutex);
+  });
+  while (!held) std::this_thread::yield();
+  EXPECT_EQ(get_default_connection(ld), ld->ld_defconn);
+  done = true;
+  holder.join();
   ldap_unbind(ld);
 }

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "ldap-debug.h"
 #include "ldap-int.h"
 #include "ldap-utils.h"
 
@@ -84,16 +85,17 @@ TEST(SessionInit, RefusedArgumentsGiveNull) {
 }
 
 TEST(SessionInit, SetsTisdirOnlyWhenUnset) {
-  unsetenv("TISDIR");
-  setenv("OLX_LDAP_HOME", "/opt/elsewhere", 1);
-  LDAP *ld = ldap_init("h", 0);
-  ASSERT_NE(ld, nullptr);
-  EXPECT_STREQ(getenv("TISDIR"), "/opt/elsewhere");
-  ldap_unbind(ld);
-  setenv("OLX_LDAP_HOME", "/opt/other", 1);
-  ld = ldap_init("h", 0);
-  EXPECT_STREQ(getenv("TISDIR"), "/opt/elsewhere");
-  ldap_unbind(ld);
+  // TISDIR is not unset here: the library's putenv string would be lost.
+  const char *before = getenv("TISDIR");
+  std::string expected = before != nullptr ? before : "/opt/elsewhere";
+  for (const char *home : {"/opt/elsewhere", "/opt/other"}) {
+    setenv("OLX_LDAP_HOME", home, 1);
+    LDAP *ld = ldap_init("h", 0);
+    ASSERT_NE(ld, nullptr);
+    ASSERT_NE(getenv("TISDIR"), nullptr);
+    EXPECT_EQ(std::string(getenv("TISDIR")), expected);
+    ldap_unbind(ld);
+  }
 }
 
 TEST(SessionInit, EveryAllocationFailureGivesNullAndLeaksNothing) {
@@ -170,4 +172,53 @@ TEST(OperationBracket, UnbindWaitsForRunningOperationsAndRefusesNewOnes) {
   unbinder.join();
   EXPECT_EQ(unbind_rc, 0);
   EXPECT_EQ(ended_when_unbound, kRunning);
+}
+
+TEST(SessionTrace, DecisionsAreTracedWithTheirTexts) {
+  alignas(LDAP) static char foreign[sizeof(LDAP)] = "HDL LDAP";
+  struct {
+    void (*scenario)();
+    std::vector<std::string> lines;
+  } cases[] = {
+      {[] { ldap_init("h", -3); }, {"ldap_init: defhost=h, defport=-3\n", "ldap_init: bad port (-3)\n"}},
+      {[] { ldap_init("", 0); },
+       {"ldap_init: parsing the passing hostname\n", "ldap_init: invalid hostname (blank) is used\n"}},
+      {[] { ldap_init("ldap:///o=x", 0); },
+       {"ldap_init: Found DN (o=x) in URL\n", "Error - auto_server_locate: ldap_server_locate rc=92\n"}},
+      {[] { ldap_unbind(ldap_init("ldap://srv:7/", 0)); },
+       {"ldap_init: Found host (srv) in URL\n", "ldap_init: defhost(srv) defport(7)\n", "MUTEX 0x"}},
+      {[] { ldap_start_operation(reinterpret_cast<LDAP *>(foreign)); }, {"Invalid ld in ldap_start_operation\n"}},
+      {[] { ldap_unbind_s(nullptr); }, {"ldap_unbind_s\n", "ldap_unbind: ld((nil))\n"}},
+      {[] {
+         LDAP *ld = ldap_init("no-such-host.invalid", 0);
+         open_default_connection(ld);
+         ldap_unbind(ld);
+       },
+       {"olx_getaddrinfo: host(no-such-host.invalid), port(389), res(0x", "getaddrinfo failed. \n",
+        "open_connection: entered sb(0x"}},
+  };
+  for (const auto &c : cases) {
+    ldap_set_debug_level(0xffff);
+    testing::internal::CaptureStderr();
+    c.scenario();
+    std::string trace = testing::internal::GetCapturedStderr();
+    ldap_set_debug_level(0);
+    for (const auto &line : c.lines) EXPECT_NE(trace.find(line), std::string::npos) << line << "\nin:\n" << trace;
+  }
+}
+
+TEST(SessionTrace, WaitingForUnbindIsRefusedWithItsTrace) {
+  LDAP *ld = ldap_init("h", 0);
+  ASSERT_NE(ld, nullptr);
+  ASSERT_EQ(ldap_start_operation(ld), 0);
+  std::thread unbinder([&] { EXPECT_EQ(ldap_unbind(ld), 0); });
+  while (!unbind_started(ld)) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  ldap_set_debug_level(1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(ldap_start_operation(ld), LDAP_PARAM_ERROR);
+  std::string trace = testing::internal::GetCapturedStderr();
+  ldap_set_debug_level(0);
+  EXPECT_NE(trace.find("ldap_start_operation: unbind started\n"), std::string::npos) << trace;
+  ldap_end_operation(ld);
+  unbinder.join();
 }
