@@ -306,3 +306,36 @@ TEST(Locking, ResolutionWaitsForTheSystemCallLockAndDefaultLookupNeedsNoLock) {
   holder.join();
   ldap_unbind(ld);
 }
+
+TEST(AllocationFailures, OpenAndReferralConnectionsFreeWhatTheyMade) {
+  Listener server, other;
+  for (long n = 1;; ++n) {
+    olx_fail_alloc_at(n);
+    LDAP *ld = ldap_open("127.0.0.1", server.port);
+    long used = olx_fail_alloc_at(0);
+    if (ld != nullptr) ldap_unbind(ld);
+    ASSERT_LT(n, 500);
+    if (used < n) {
+      EXPECT_NE(ld, nullptr);
+      break;
+    }
+  }
+  LDAP *ld = ldap_init("127.0.0.1", server.port);
+  ASSERT_NE(ld, nullptr);
+  for (long n = 1;; ++n) {
+    int rc = -1;
+    olx_fail_alloc_at(n);
+    LDAPConn *lc = ldap_get_connection(ld, "127.0.0.1", other.port, 1, &rc, 1);
+    long used = olx_fail_alloc_at(0);
+    ASSERT_LT(n, 500);
+    if (lc == nullptr) {
+      EXPECT_NE(rc, 0);
+      EXPECT_EQ(ld->ld_defconn->lc_next, nullptr);
+      continue;
+    }
+    EXPECT_EQ(rc, 0);
+    ldap_free_connection_if_idle(ld, lc);
+    if (used < n) break;
+  }
+  ldap_unbind(ld);
+}
