@@ -2,13 +2,12 @@
 // behave as they do for a process whose local code page is UTF-8: the output
 // is a byte-for-byte copy, so callers already own and free a new buffer
 // exactly as they will with real conversions.
-#include "ldap-xlate.h"
-
 #include <cstdlib>
 #include <cstring>
 
 #include "ldap-debug.h"
 #include "ldap-utils.h"
+#include "ldap-xlate.h"
 
 namespace {
 int copy_through(char **buffer, unsigned long *length, int free_input) {

@@ -102,7 +102,7 @@ TEST(FberDecode, StringReadersCopyAndTerminate) {
       char *s = reinterpret_cast<char *>(1);
       berval *bv = reinterpret_cast<berval *>(1);
       berval inl{99, reinterpret_cast<char *>(1)};
-      ber_tag_t t = letter == 'a' ? fber_scanf(b.get(), fmt, &s)
+      ber_tag_t t = letter == 'a'   ? fber_scanf(b.get(), fmt, &s)
                     : letter == 'O' ? fber_scanf(b.get(), fmt, &bv)
                                     : fber_scanf(b.get(), fmt, &inl);
       EXPECT_EQ(t != LBER_ERROR, c.ok) << c.bytes << " " << letter;
@@ -172,11 +172,11 @@ TEST(FberDecode, NullBitStringAndTagLetters) {
   struct Bad {
     const char *bytes, *fmt;
   } bad[] = {
-      {"05 01 00", "n"},       // NULL with contents
-      {"03 00", "B"},          // no unused-bit count
-      {"03 01 01", "B"},       // unused bits but no bytes
-      {"03 02 08 FF", "B"},    // more than 7 unused bits
-      {"03 05 00 FF", "B"},    // contents past the end
+      {"05 01 00", "n"},     // NULL with contents
+      {"03 00", "B"},        // no unused-bit count
+      {"03 01 01", "B"},     // unused bits but no bytes
+      {"03 02 08 FF", "B"},  // more than 7 unused bits
+      {"03 05 00 FF", "B"},  // contents past the end
   };
   for (const auto &c : bad) {
     Ber e = reader(unhex(c.bytes));
@@ -291,7 +291,10 @@ TEST(FberDecode, EmptyFormatAndUnknownLetters) {
 }
 
 TEST(FberDecode, TranslationSettingsDoNotChangeTheBytes) {
-  const std::string pdu = unhex("30 0B 04 03") + "\xC3\xA9" "x" + unhex("31 04 04 02") + "\xC3\xBC";
+  const std::string pdu = unhex("30 0B 04 03") +
+                          "\xC3\xA9"
+                          "x" +
+                          unhex("31 04 04 02") + "\xC3\xBC";
   for (auto [noxlate, version] : {std::pair{0, 2}, std::pair{0, 3}, std::pair{1, 3}}) {
     Ber b(fber_alloc_with_options(0, noxlate, version));
     fber_write(b.get(), pdu.data(), pdu.size());
@@ -312,7 +315,8 @@ TEST(FberDecode, TranslationSettingsDoNotChangeTheBytes) {
 }
 
 TEST(FberDecode, AllocationFailureAtEveryStepOfADecode) {
-  const std::string pdu = unhex("30 1E 02 01 02 64 19 04 03 63 6E 3D 30 12 30 10 04 02 63 6E 31 0A 04 01 61 04 01 62 04 02 63 63");
+  const std::string pdu =
+      unhex("30 1E 02 01 02 64 19 04 03 63 6E 3D 30 12 30 10 04 02 63 6E 31 0A 04 01 61 04 01 62 04 02 63 63");
   for (long n = 1;; ++n) {
     Ber b(fber_alloc_with_options(1, 0, 3));
     b.reset(fber_alloc_with_options(0, 0, 3));

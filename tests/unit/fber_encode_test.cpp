@@ -50,8 +50,7 @@ TEST(FberEncode, PrimitiveItemsUseTheFixedShapes) {
       {"s empty", [](BerElement *b) { return fber_printf(b, "s", ""); }, "04 00"},
       {"o with NUL inside", [](BerElement *b) { return fber_printf(b, "o", "a\0b", 3); }, "04 03 61 00 62"},
       {"o null and empty", [](BerElement *b) { return fber_printf(b, "o", nullptr, 0); }, "04 00"},
-      {"o 127 short form", [](BerElement *b) { return fber_printf(b, "o", s127.data(), 127); },
-       "04 7F " + hex(s127)},
+      {"o 127 short form", [](BerElement *b) { return fber_printf(b, "o", s127.data(), 127); }, "04 7F " + hex(s127)},
       {"o 128 long form", [](BerElement *b) { return fber_printf(b, "o", s128.data(), 128); },
        "04 84 00 00 00 80 " + hex(s128)},
       {"s 128 long form", [](BerElement *b) { return fber_printf(b, "s", s128.c_str()); },
@@ -78,12 +77,9 @@ TEST(FberEncode, TagOverrideAppliesToExactlyTheNextLetter) {
       {"only the low byte is written", [](BerElement *b) { return fber_printf(b, "tn", tag(0x1234A0)); }, "A0 00"},
       {"tt: the later override wins", [](BerElement *b) { return fber_printf(b, "tts", tag(1), tag(0x8A), "z"); },
        "8A 01 7A"},
-      {"override survives into the next call", [](BerElement *b) {
-         return fber_printf(b, "t", tag(0x87)) | fber_printf(b, "s", "q");
-       }, "87 01 71"},
-      {"v and V with nothing", [](BerElement *b) {
-         return fber_printf(b, "vvVV", nullptr, none, nullptr, bnone);
-       }, ""},
+      {"override survives into the next call",
+       [](BerElement *b) { return fber_printf(b, "t", tag(0x87)) | fber_printf(b, "s", "q"); }, "87 01 71"},
+      {"v and V with nothing", [](BerElement *b) { return fber_printf(b, "vvVV", nullptr, none, nullptr, bnone); }, ""},
   });
 }
 
@@ -92,15 +88,17 @@ TEST(FberEncode, SequencesAreReservedAndPatchedOnClose) {
       {"{}", [](BerElement *b) { return fber_printf(b, "{}"); }, "30 84 00 00 00 00"},
       {"[ closed by }", [](BerElement *b) { return fber_printf(b, "[}"); }, "31 84 00 00 00 00"},
       {"{ closed by ]", [](BerElement *b) { return fber_printf(b, "{i]", 1); }, "30 84 00 00 00 03 02 01 01"},
-      {"nested, closed across calls", [](BerElement *b) {
-         return fber_printf(b, "{i{", 1) | fber_printf(b, "n}") | fber_printf(b, "}");
-       }, "30 84 00 00 00 0B 02 01 01 30 84 00 00 00 02 05 00"},
-      {"simple bind", [](BerElement *b) {
+      {"nested, closed across calls",
+       [](BerElement *b) { return fber_printf(b, "{i{", 1) | fber_printf(b, "n}") | fber_printf(b, "}"); },
+       "30 84 00 00 00 0B 02 01 01 30 84 00 00 00 02 05 00"},
+      {"simple bind",
+       [](BerElement *b) {
          return fber_printf(b, "{it{ists}", 1, tag(0x60), 3, "cn=a", tag(0x80), "pw") | fber_printf(b, "}");
-       }, "30 84 00 00 00 16 02 01 01 60 84 00 00 00 0D 02 01 03 04 04 63 6E 3D 61 80 02 70 77"},
-      {"delete, closed by a later call", [](BerElement *b) {
-         return fber_printf(b, "{its", 5, tag(0x4A), "o=x") | fber_printf(b, "}");
-       }, "30 84 00 00 00 08 02 01 05 4A 03 6F 3D 78"},
+       },
+       "30 84 00 00 00 16 02 01 01 60 84 00 00 00 0D 02 01 03 04 04 63 6E 3D 61 80 02 70 77"},
+      {"delete, closed by a later call",
+       [](BerElement *b) { return fber_printf(b, "{its", 5, tag(0x4A), "o=x") | fber_printf(b, "}"); },
+       "30 84 00 00 00 08 02 01 05 4A 03 6F 3D 78"},
       {"reserved octets read as zero while open", [](BerElement *b) { return fber_printf(b, "{i", 7); },
        "30 84 00 00 00 00 02 01 07"},
   });
@@ -120,11 +118,13 @@ TEST(FberEncode, FailuresReturnMinusOneAndKeepWhatWasWritten) {
       {"null bytes with a length", [](BerElement *b) { return fber_printf(b, "o", nullptr, 3); }, ""},
       {"negative length", [](BerElement *b) { return fber_printf(b, "o", "abc", -1); }, ""},
       {"negative bit count", [](BerElement *b) { return fber_printf(b, "B", "abc", -1); }, ""},
-      {"value too long for 4 length octets", [](BerElement *b) {
+      {"value too long for 4 length octets",
+       [](BerElement *b) {
          static berval huge{0x100000000ull, const_cast<char *>("x")};
          static berval *vec[] = {&huge, nullptr};
          return fber_printf(b, "V", vec);
-       }, ""},
+       },
+       ""},
   };
   for (auto &c : cases) {
     Ber b(fber_alloc());

@@ -137,8 +137,8 @@ TEST(FberMask, PasswordValuesAreBlankedInEveryLayout) {
     const char *what;
     std::string in, out;
   } cases[] = {
-      {"short header then letters and digits",
-       "userpassword" + unhex("31 07 04 05") + "abc12!xyz", "userpassword" + unhex("31 07 04 05") + "xxxxx!xyz"},
+      {"short header then letters and digits", "userpassword" + unhex("31 07 04 05") + "abc12!xyz",
+       "userpassword" + unhex("31 07 04 05") + "xxxxx!xyz"},
       {"long-form SET of two values, any case",
        "userPassword" + unhex("31 84 00 00 00 0C 04 04") + "p@s!" + unhex("04 84 00 00 00 02") + "#1",
        "userPassword" + unhex("31 84 00 00 00 0C 04 04") + "xxxx" + unhex("04 84 00 00 00 02") + "xx"},
@@ -148,7 +148,9 @@ TEST(FberMask, PasswordValuesAreBlankedInEveryLayout) {
        unhex("30 84 00 00 00 16 02 01 01 60 84 00 00 00 0D 02 01 03 04 04") + "cn=a" + unhex("80 03") + "p!w",
        unhex("30 84 00 00 00 16 02 01 01 60 84 00 00 00 0D 02 01 03 04 04") + "cn=a" + unhex("80 03") + "xxx"},
       {"SASL bind credentials",
-       unhex("30 1A 02 01 02 60 15 02 01 03 04 00 A3 0E 04 06") + "DIGEST" + unhex("04 04") + "s\x01" "c\xff",
+       unhex("30 1A 02 01 02 60 15 02 01 03 04 00 A3 0E 04 06") + "DIGEST" + unhex("04 04") +
+           "s\x01"
+           "c\xff",
        unhex("30 1A 02 01 02 60 15 02 01 03 04 00 A3 0E 04 06") + "DIGEST" + unhex("04 04") + "xxxx"},
       {"nothing to mask", unhex("30 05 02 01 01 42 00"), unhex("30 05 02 01 01 42 00")},
       {"name at the very end", "userpassword", "userpassword"},

@@ -21,7 +21,10 @@ inline std::string unhex(const std::string &text) {
   std::string out;
   int hi = -1;
   for (char c : text) {
-    int v = (c >= '0' && c <= '9') ? c - '0' : (c >= 'A' && c <= 'F') ? c - 'A' + 10 : (c >= 'a' && c <= 'f') ? c - 'a' + 10 : -1;
+    int v = (c >= '0' && c <= '9')   ? c - '0'
+            : (c >= 'A' && c <= 'F') ? c - 'A' + 10
+            : (c >= 'a' && c <= 'f') ? c - 'a' + 10
+                                     : -1;
     if (v < 0) continue;
     if (hi < 0) {
       hi = v;
@@ -47,8 +50,12 @@ inline std::string hex(const char *p, size_t n) {
 inline std::string hex(const std::string &s) { return hex(s.data(), s.size()); }
 
 // What an encoding element holds so far.
-inline std::string written(const BerElement *b) { return hex(b->ber_buf, static_cast<size_t>(b->ber_ptr - b->ber_buf)); }
-inline std::string bytes_of(const BerElement *b) { return std::string(b->ber_buf, static_cast<size_t>(b->ber_ptr - b->ber_buf)); }
+inline std::string written(const BerElement *b) {
+  return hex(b->ber_buf, static_cast<size_t>(b->ber_ptr - b->ber_buf));
+}
+inline std::string bytes_of(const BerElement *b) {
+  return std::string(b->ber_buf, static_cast<size_t>(b->ber_ptr - b->ber_buf));
+}
 
 // A reading element over a private copy of `bytes`.
 inline Ber reader(const std::string &bytes) {
