@@ -172,7 +172,8 @@ LDAPConn *ldap_lc_init(const char *host, int port, int table_size) {
 LDAP *ldap_init(const char *host, int port) {
   ldap_debug_init();
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: defhost=%s, defport=%d\n", host != nullptr ? host : "(null)", port);
-  if (port < 0) {
+  // Ports above 65535 are refused too: they would be cut to 16 bits on connect.
+  if (port < 0 || port > 65535) {
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: bad port (%d)\n", port);
     return nullptr;
   }
@@ -333,6 +334,10 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
       continue;
     }
     if (port == 0) port = lc->lc_port;
+    if (port <= 0 || port > 65535) {
+      rc = LDAP_PARAM_ERROR;
+      continue;
+    }
     rc = open_connection(&lc->lc_sb, host, htons((uint16_t)port));
     if (rc != 0) continue;
     if (ld->ld_ssl == 1) {

@@ -73,6 +73,7 @@ TEST(SessionInit, RefusedArgumentsGiveNull) {
     int port;
   } cases[] = {
       {"127.0.0.1", -1},
+      {"127.0.0.1", 65536},
       {"", 0},
       {"   ", 0},
       {"ldap:///o=example", 0},  // no host: the locator finds no servers
