@@ -157,21 +157,3 @@ TEST(UrlParse, RecognisesTheSchemeOnly) {
   };
   for (const auto &c : cases) EXPECT_EQ(ldap_url_is_ldap_url(c.text), c.is_url) << (c.text ? c.text : "(null)");
 }
-
-TEST(UrlParse, UnescapeAndPortCheck) {
-  struct {
-    const char *in;
-    const char *out;
-  } cases[] = {
-      {"a%20b", "a b"}, {"%41%42", "AB"}, {"%4a%4A", "JJ"}, {"x%", "x"}, {"x%4", "x"}, {"%", ""}, {"plain", "plain"},
-  };
-  for (const auto &c : cases) {
-    std::string buf = c.in;
-    ldap_url_unescape(buf.data());
-    EXPECT_STREQ(buf.c_str(), c.out) << c.in;
-  }
-  EXPECT_EQ(ldap_url_port_is_numeric(nullptr), 0);
-  EXPECT_EQ(ldap_url_port_is_numeric(""), 1);
-  EXPECT_EQ(ldap_url_port_is_numeric("0389"), 1);
-  EXPECT_EQ(ldap_url_port_is_numeric("38 9"), 0);
-}
