@@ -174,7 +174,7 @@ LDAP *ldap_init(const char *host, int port) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: defhost=%s, defport=%d\n", host != nullptr ? host : "(null)", port);
   // Ports above 65535 are refused too: they would be cut to 16 bits on connect.
   if (port < 0 || port > 65535) {
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: bad port (%d)\n", port);
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: bad port (%d)\n", port);
     return nullptr;
   }
   if (port == 0) port = LDAP_PORT;
@@ -197,12 +197,12 @@ LDAP *ldap_init(const char *host, int port) {
   } else {
     owned_host.reset(static_cast<char *>(olx_malloc(LDAP_MAX_HOSTNAME + 1)));
     if (!owned_host) {
-      LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: allocate for hostname failed\n");
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: allocate for hostname failed\n");
       return nullptr;
     }
     if (gethostname(owned_host.get(), LDAP_MAX_HOSTNAME) != 0) {
-      LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: can't get hostname\n");
-      LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: failed to get hostname\n");
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: can't get hostname\n");
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: failed to get hostname\n");
       return nullptr;
     }
     owned_host.get()[LDAP_MAX_HOSTNAME] = '\0';
@@ -210,7 +210,7 @@ LDAP *ldap_init(const char *host, int port) {
   }
   // A list of nothing but blanks names no server either.
   if (*host == '\0' || all_blank(host)) {
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: invalid hostname (blank) is used\n");
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: invalid hostname (blank) is used\n");
     return nullptr;
   }
 
@@ -280,7 +280,7 @@ LDAP *ldap_open(const char *host, int port) {
   unique_cstr version(ldap_getenv("LDAP_VERSION"));
   ld->ld_version = version && strcmp(version.get(), "3") == 0 ? LDAP_VERSION3 : LDAP_VERSION2;
   if (open_default_connection(ld) != 0) {
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_open: open_default_connection failed");
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_open: open_default_connection failed");
     ldap_unbind(ld);
     return nullptr;
   }
@@ -289,7 +289,7 @@ LDAP *ldap_open(const char *host, int port) {
 
 int ldap_start_operation(LDAP *ld) {
   if (ld == nullptr || memcmp(ld->ld_eyecatcher, LDAP_EYECATCHER, LDAP_EYECATCHER_LEN) != 0) {
-    LDAP_LOG(LDAP_LOG_TRACE, "Invalid ld in ldap_start_operation\n");
+    LDAP_LOG(LDAP_LOG_ERROR, "Invalid ld in ldap_start_operation\n");
     return LDAP_PARAM_ERROR;
   }
   if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
@@ -298,7 +298,7 @@ int ldap_start_operation(LDAP *ld) {
   }
   int rc = 0;
   if (ld->ld_unbind_started == 1) {
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_start_operation: unbind started\n");
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_start_operation: unbind started\n");
     rc = LDAP_PARAM_ERROR;
   } else {
     ++ld->ld_active_ops;
@@ -309,7 +309,7 @@ int ldap_start_operation(LDAP *ld) {
 
 void ldap_end_operation(LDAP *ld) {
   if (ld == nullptr || memcmp(ld->ld_eyecatcher, LDAP_EYECATCHER, LDAP_EYECATCHER_LEN) != 0) {
-    LDAP_LOG(LDAP_LOG_TRACE, "Invalid ld in ldap_start_operation\n");
+    LDAP_LOG(LDAP_LOG_ERROR, "Invalid ld in ldap_start_operation\n");
     return;
   }
   if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) return;
@@ -344,7 +344,7 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
       // Secure connections are not available yet: the entry cannot be used.
       LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: SSL In use!\n");
       rc = LDAP_SSL_NOT_AVAILABLE;
-      LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: open_ssl_connection failed with rc=%d\n", rc);
+      LDAP_LOG(LDAP_LOG_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n", rc);
       close_connection(&lc->lc_sb);
       lc->lc_connected = 0;
       continue;

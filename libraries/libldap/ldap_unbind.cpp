@@ -22,7 +22,7 @@ int ldap_unbind(LDAP *ld) {
   while (ld->ld_active_ops != 0) {
     int rc = pthread_cond_wait(&ld->ld_op_cond, &ld->ld_mutex);
     if (rc != 0) {
-      LDAP_LOG(LDAP_LOG_TRACE, "ldap_unbind: pthread_cond_wait failed. errno %d\n", rc);
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_unbind: pthread_cond_wait failed. errno %d\n", rc);
       ld->ld_unbind_started = 0;
       LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
       return LDAP_LOCK_ERROR;
