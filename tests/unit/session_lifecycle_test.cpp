@@ -72,15 +72,11 @@ TEST(SessionInit, RefusedArgumentsGiveNull) {
     const char *host;
     int port;
   } cases[] = {
-      {"127.0.0.1", -1},
-      {"127.0.0.1", 65536},
-      {"", 0},
-      {"   ", 0},
-      {"ldap:///o=example", 0},  // no host: the locator finds no servers
-      {"ldaps:///", 0},
-      {"ldap://h:38x/o=x", 0},     // bad port
-      {"ldap://h/o=x??bogus", 0},  // bad scope
-      {"x ldap://h/", 0},          // the text is not a URL
+      {"127.0.0.1", -1},          {"127.0.0.1", 65536},    {"", 0}, {"   ", 0},
+      {"ldap:///o=example", 0},                             // no host: the locator finds no servers
+      {"ldaps:///", 0},           {"ldap://h:38x/o=x", 0},  // bad port
+      {"ldap://h/o=x??bogus", 0},                           // bad scope
+      {"x ldap://h/", 0},                                   // the text is not a URL
   };
   for (const auto &c : cases) EXPECT_EQ(ldap_init(c.host, c.port), nullptr) << c.host << " " << c.port;
 }
