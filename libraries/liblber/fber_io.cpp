@@ -177,7 +177,7 @@ void fber_reset(BerElement *ber, int was_writing) {
 }
 
 BerElement *fber_init2(const struct berval *bv) {
-  if (bv == nullptr || bv->bv_len > 0x7FFFFFFFu || (bv->bv_val == nullptr && bv->bv_len != 0)) return nullptr;
+  if (bv == nullptr || bv->bv_len >= 0x7FFFFFFFu || (bv->bv_val == nullptr && bv->bv_len != 0)) return nullptr;
   // Sized to the data (plus the spare byte writers keep), so a reading element
   // is one allocation of the right size rather than 6 KiB grown by copying.
   BerElement *ber = fber_alloc_t(static_cast<int>(bv->bv_len) + 1);
