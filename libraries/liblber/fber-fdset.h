@@ -1,0 +1,22 @@
+// A select() descriptor set spanning 65536 descriptors, so that sockets past
+// the platform's FD_SETSIZE can still be waited on.  A descriptor beyond the
+// set's end is refused rather than written out of bounds.
+#ifndef TAV_FBER_FDSET_H
+#define TAV_FBER_FDSET_H
+
+#include <sys/select.h>
+
+struct FberFdSet {
+  static constexpr int kSpan = 65536;
+  static constexpr int kWordBits = 8 * sizeof(unsigned long);
+  unsigned long bits[kSpan / kWordBits] = {};
+
+  bool add(int fd) {
+    if (fd < 0 || fd >= kSpan) return false;
+    bits[fd / kWordBits] |= 1ul << (fd % kWordBits);
+    return true;
+  }
+  fd_set *get() { return reinterpret_cast<fd_set *>(bits); }
+};
+
+#endif
