@@ -69,7 +69,10 @@ typedef struct ldap_thread_conn {
 
 // One row per message ID.  Guarded by the table lock.
 typedef struct ldap_msg_row {
-  ldap_thread_id owner_tid;  // meaningful only when owned (flags & LDAP_ROW_OWNED)
+  // Kernel thread id of the one thread served by this row; 0 = none.  Unlike
+  // pthread_t, which is reused as soon as a thread is joined, it is not handed
+  // to another thread until the id space wraps.
+  int32_t owner_tid;
   LDAPMessage *request;
   LDAPMessage *head;
   LDAPMessage *tail;
@@ -87,8 +90,6 @@ typedef struct ldap_msg_row {
 #define LDAP_ROW_REF_FIXED 0x4
 #define LDAP_ROW_CHASE 0x8
 #define LDAP_ROW_RELEASE_WHEN_DONE 0x20
-// pthread_t has no "none" value, so ownership is a flag of its own.
-#define LDAP_ROW_OWNED 0x100
 
 #define LDAP_MSG_TABLE_GROWTH 256
 #define LDAP_MSG_TABLE_MAX 65536

@@ -1,12 +1,17 @@
-// The message-ID table of a connection: creation and release.
+// The message-ID table of a connection: creation and release, handing out
+// identifiers, storing requests, serving each row's responses to the one
+// thread that owns it.
 #include <pthread.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "ldap-debug.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
 #include "ldap-utils.h"
+#include "ldap-engine.h"
 
 extern "C" {
 
@@ -48,10 +53,12 @@ ldap_msg_table *ldap_msg_table_init(int rows) {
   return table;
 }
 
-// Rows carry no messages until requests can be sent; releasing messages left
-// in rows and the pending element joins this function with the message code.
 void ldap_msg_table_free(ldap_msg_table *table) {
   if (table == nullptr) return;
+  for (uint32_t i = 0; i < table->size; ++i) ldap_msg_table_release_msgid_direct(table, (int)i);
+  free_msg(table->pending_msg, 0);
+  // Responses read but never sorted into rows.
+  free_msg(table->queue_head, 1);
   free(table->rows);
   int rc = pthread_mutex_destroy(&table->table_mutex);
   if (rc != 0)
@@ -62,5 +69,347 @@ void ldap_msg_table_free(ldap_msg_table *table) {
   rc = pthread_cond_destroy(&table->table_cond);
   if (rc != 0) LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_free: pthread_cond_destroy failed, errno %d\n", rc);
   free(table);
+}
+}
+
+namespace {
+
+constexpr int kMaxIds = LDAP_MSG_TABLE_MAX;  // rows 0..65535; IDs 1..65535
+
+int32_t my_tid() { return (int32_t)gettid(); }
+
+bool owned_by_me(const ldap_msg_row *row) { return row->owner_tid != 0 && row->owner_tid == my_tid(); }
+
+void take_ownership(ldap_msg_row *row) { row->owner_tid = my_tid(); }
+
+bool finished(const ldap_msg_row *row) {
+  return (row->flags & LDAP_ROW_COMPLETE) && row->next_unread == nullptr;
+}
+
+// True once `elapsed` (since start) is past `limit`.
+bool past(const struct timeval &start, const struct timeval *limit) {
+  struct timeval now, el;
+  gettimeofday(&now, nullptr);
+  timersub(&now, &start, &el);
+  return el.tv_sec > limit->tv_sec || (el.tv_sec == limit->tv_sec && el.tv_usec > limit->tv_usec);
+}
+
+}  // namespace
+
+extern "C" {
+
+int ldap_msg_table_get_next_msgid(ldap_msg_table *table) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_next_msgid entered %p\n", (void *)table);
+  if (table == nullptr) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_next_msgid: NULL table passed - Error.\n");
+    return -1;
+  }
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_get_next_msgid: failed to lock table, rc=%d\n", LDAP_LOCK_ERROR);
+    return -1;
+  }
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_next_msgid: free msgs = %d\n", table->free_count);
+  while (table->free_count < 2) {
+    uint32_t new_size = table->size + LDAP_MSG_TABLE_GROWTH;
+    ldap_msg_row *rows = nullptr;
+    if (new_size <= (uint32_t)kMaxIds)
+      rows = static_cast<ldap_msg_row *>(olx_calloc(new_size, sizeof(ldap_msg_row)));
+    if (rows != nullptr) {
+      memcpy(rows, table->rows, table->size * sizeof(ldap_msg_row));
+      free(table->rows);
+      table->rows = rows;
+      table->size = new_size;
+      table->free_count += LDAP_MSG_TABLE_GROWTH;
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_next_msgid: table size increased to %d\n", (int)new_size);
+      break;
+    }
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_next_msgid: waiting to get any free msg. No msgid available\n");
+    int rc = pthread_cond_wait(&table->table_cond, &table->table_mutex);
+    if (rc != 0) LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_get_next_msgid: pthread_cond_wait failed, errno %d\n", rc);
+  }
+  int id = -1;
+  for (uint32_t i = (uint32_t)table->last_msgid + 1; i < table->size && id < 0; ++i)
+    if (!(table->rows[i].flags & LDAP_ROW_IN_USE)) id = (int)i;
+  for (uint32_t i = 1; i <= (uint32_t)table->last_msgid && i < table->size && id < 0; ++i)
+    if (!(table->rows[i].flags & LDAP_ROW_IN_USE)) id = (int)i;
+  if (id > 0) {
+    table->rows[id].flags = LDAP_ROW_IN_USE;
+    table->rows[id].refhops = -1;
+    --table->free_count;
+    table->last_msgid = id;
+  }
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_next_msgid returning %d\n", id);
+  return id;
+}
+
+void ldap_msg_table_release_msgid_direct(ldap_msg_table *table, int msgid) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_release_msgid_direct: entered with msgid=%d, table=%p\n", msgid,
+           (void *)table);
+  if (table == nullptr || msgid < 0 || (uint32_t)msgid >= table->size) return;
+  ldap_msg_row *row = &table->rows[msgid];
+  const bool was_in_use = (row->flags & LDAP_ROW_IN_USE) != 0;
+  free_msg(row->request, 0);
+  free_msg(row->head, 1);
+  free_msg(row->held_result, 1);
+  free(row->parent_link);
+  free(row->child_link);
+  free(row->ref_text);
+  memset(row, 0, sizeof *row);
+  // Row 0 is never handed out, so only rows that were in use count as freed.
+  if (was_in_use) {
+    ++table->free_count;
+    pthread_cond_broadcast(&table->table_cond);
+  }
+}
+
+void ldap_msg_table_release_msgid(ldap_msg_table *table, int msgid) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_release_msgid entered (table=%p), msgid=%d\n", (void *)table, msgid);
+  if (table == nullptr) return;
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
+  ldap_msg_table_release_msgid_direct(table, msgid);
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+}
+
+int ldap_msg_table_send_message(ldap_msg_table *table, LDAP *ld, LDAPMessage *request) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_send_message entered: table=%p msg=%p msgid=%d\n", (void *)table,
+           (void *)request, request ? request->lm_msgid : -1);
+  if (table == nullptr || request == nullptr) return LDAP_PARAM_ERROR;
+  ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+  if (request->lm_msgid <= 0 || (uint32_t)request->lm_msgid >= table->size) return LDAP_PARAM_ERROR;
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return LDAP_LOCK_ERROR;
+  }
+  table->rows[request->lm_msgid].request = request;
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  int rc = ldap_write_msg(ld, request);
+  if (rc != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR,
+             "ldap_msg_table_send_message: failed to send request message, rc=%d, removing request msg from table\n",
+             rc);
+    return rc;
+  }
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_send_message: returning rc=%d\n", 0);
+  return 0;
+}
+
+int verify_acquire_row(LDAP *ld, ldap_msg_row *row, int msgid, int all) {
+  if (msgid == 0) {
+    if (all) {
+      LDAP_LOG(LDAP_LOG_ERROR, "verify_acquire_row: LDAP_MSG_ALL asked for msgid=0 - Error\n");
+      ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+      return -1;
+    }
+    return 0;  // unsolicited notifications: no owner, any thread may take them
+  }
+  if (row->request == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "verify_acquire_row: no request msg present and msgid is non-zero - Error\n");
+    ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+    return -1;
+  }
+  if (row->owner_tid != 0 && !owned_by_me(row)) {
+    ldap_set_errno_direct(ld, LDAP_LOCAL_ERROR, nullptr, nullptr);
+    return -1;
+  }
+  take_ownership(row);
+  if (finished(row) && row->child_link == nullptr) {
+    ldap_set_errno_direct(ld, LDAP_LOCAL_ERROR, nullptr, nullptr);
+    return -1;
+  }
+  return 0;
+}
+
+int ldap_get_msg_any(LDAP *ld, ldap_msg_table *table, int *msgid, int all) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg_any: entered\n");
+  uint32_t candidate = 0;
+  for (uint32_t i = 1; i < table->size; ++i) {
+    ldap_msg_row *row = &table->rows[i];
+    if (owned_by_me(row) && (!(row->flags & LDAP_ROW_COMPLETE) || row->next_unread != nullptr)) {
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg_any: found a pre-occupied row for this thread, row-id = %d\n", (int)i);
+      *msgid = (int)i;
+      return 0;
+    }
+    if (candidate == 0 && row->request != nullptr && row->owner_tid == 0) candidate = i;
+  }
+  if (candidate == 0) {
+    if (all) {
+      LDAP_LOG(LDAP_LOG_ERROR, "Error - ldap_get_msg_any: No free row available in table for msgid=LDAP_RES_ANY\n");
+      ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+      *msgid = -1;
+      return -1;
+    }
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg_any: returning msgid=0\n");
+    *msgid = 0;
+    return 0;
+  }
+  uint32_t chosen = candidate;
+  if (table->last_any_row != 0 && table->last_any_row != table->size - 1) {
+    // Round robin: the next outstanding request after the one served last.
+    for (uint32_t i = table->last_any_row + 1; i < table->size; ++i) {
+      ldap_msg_row *row = &table->rows[i];
+      if (row->request != nullptr && row->owner_tid == 0) {
+        chosen = i;
+        break;
+      }
+    }
+  }
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg_any: will take row-id = %d\n", (int)chosen);
+  table->last_any_row = chosen;
+  take_ownership(&table->rows[chosen]);
+  *msgid = (int)chosen;
+  return 0;
+}
+
+int verify_msgid_n_acquire_row(LDAP *ld, ldap_msg_table *table, int *msgid, int all) {
+  LDAP_LOG(LDAP_LOG_TRACE, "verify_msgid_n_acquire_row: ld(%p) table(%p) msgid(%d)\n", (void *)ld, (void *)table,
+           *msgid);
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return LDAP_LOCK_ERROR;
+  }
+  int rc = 0;
+  if (*msgid == LDAP_RES_ANY) {
+    if (ldap_get_msg_any(ld, table, msgid, all) != 0 || *msgid == LDAP_RES_ANY) {
+      LDAP_LOG(LDAP_LOG_ERROR, "verify_msgid_n_acquire_row: No free row available for this thread\n");
+      ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+      rc = LDAP_PARAM_ERROR;
+    }
+  } else if (*msgid < 0 || (uint32_t)*msgid >= table->size) {
+    LDAP_LOG(LDAP_LOG_ERROR, "verify_msgid_n_acquire_row: Bad msgid %d\n", *msgid);
+    ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+    rc = LDAP_PARAM_ERROR;
+  } else if (verify_acquire_row(ld, &table->rows[*msgid], *msgid, all) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "verify_msgid_n_acquire_row: Unable to lock the row\n");
+    ldap_set_errno_direct(ld, LDAP_LOCAL_ERROR, nullptr, nullptr);
+    rc = -1;
+  }
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  if (rc == 0) LDAP_LOG(LDAP_LOG_TRACE, "verify_msgid_n_acquire_row: returning msgid=%d\n", *msgid);
+  return rc;
+}
+
+int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, struct timeval *timeout,
+                               LDAPMessage **result) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_message entered: %p %lu %p\n", (void *)table,
+           (unsigned long)(msgid ? *msgid : -1), (void *)result);
+  if (table == nullptr || result == nullptr || msgid == nullptr || *msgid < 0 || (uint32_t)*msgid >= table->size) {
+    ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+    return -1;
+  }
+  ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return -1;
+  }
+  const int id = *msgid;
+  ldap_msg_row *row = &table->rows[id];
+  if (id != 0 && finished(row)) {
+    // Everything was delivered: only a result kept by referral chasing is left.
+    int rc = -1;
+    if (row->parent_link == nullptr && row->held_result != nullptr) {
+      LDAPMessage *held = row->held_result;
+      row->held_result = nullptr;
+      held->lm_chain = held->lm_prev = nullptr;
+      row->head = row->tail = held;
+      *result = held;
+      rc = held->lm_msgtype;
+    } else {
+      ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+    }
+    LDAP_MUTEX_UNLOCK(&table->table_mutex);
+    return rc;
+  }
+
+  struct timeval start;
+  gettimeofday(&start, nullptr);
+  int rc = 0;
+  auto deliver = [&]() -> bool {
+    row = &table->rows[id];  // growth may have moved the rows
+    LDAPMessage *msg = row->next_unread;
+    if (msg == nullptr) return false;
+    row->next_unread = msg->lm_chain;
+    *result = msg;
+    rc = msg->lm_msgtype;
+    return true;
+  };
+  for (;;) {
+    if (deliver()) break;
+    flush_queue(table);
+    if (deliver()) break;
+    LDAP_MUTEX_UNLOCK(&table->table_mutex);
+    int soc_err = ldap_msg_table_read(ld, table, timeout);
+    if (soc_err != 0) {
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_get_message: soc_err=%d\n", soc_err);
+      ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+      return -1;
+    }
+    if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+      ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+      return -1;
+    }
+    flush_queue(table);
+    if (deliver()) break;
+    if (timeout != nullptr && past(start, timeout)) {
+      rc = 0;
+      break;
+    }
+  }
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_message: returning rc=%d\n", rc);
+  return rc;
+}
+
+void ldap_msg_table_unlink_msg(LDAPMessage *msg) {
+  if (msg == nullptr || msg->lm_conn == nullptr || msg->lm_conn->lc_msgtable == nullptr) return;
+  ldap_msg_table *table = msg->lm_conn->lc_msgtable;
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
+  if (msg->lm_msgid >= 0 && (uint32_t)msg->lm_msgid < table->size) {
+    ldap_msg_row *row = &table->rows[msg->lm_msgid];
+    if (msg->lm_prev != nullptr)
+      msg->lm_prev->lm_chain = msg->lm_chain;
+    else if (row->head == msg)
+      row->head = msg->lm_chain;
+    if (msg->lm_chain != nullptr)
+      msg->lm_chain->lm_prev = msg->lm_prev;
+    else if (row->tail == msg)
+      row->tail = msg->lm_prev;
+    if (row->next_unread == msg) row->next_unread = msg->lm_chain;
+  }
+  msg->lm_chain = msg->lm_prev = nullptr;
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+}
+
+int ldap_msg_table_release_if_done(ldap_msg_table *table, int msgid) {
+  if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return 0;
+  int released = 0;
+  if (msgid > 0 && (uint32_t)msgid < table->size) {
+    ldap_msg_row *row = &table->rows[msgid];
+    if ((row->flags & LDAP_ROW_COMPLETE) && row->head == nullptr && row->child_link == nullptr) {
+      ldap_msg_table_release_msgid_direct(table, msgid);
+      released = 1;
+    }
+  }
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  return released;
+}
+
+// Rows of chased referrals are reached through child_link; until referral
+// chasing exists a row has no children, so only the row itself is marked.
+void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits) {
+  LDAPConn *conn = get_default_connection(ld);
+  ldap_msg_table *table = conn ? conn->lc_msgtable : nullptr;
+  if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
+  if (msgid > 0 && (uint32_t)msgid < table->size) table->rows[msgid].flags |= bits;
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+}
+
+void ldap_msg_table_detach_referral(LDAP *, ldap_msg_table *table, int msgid) {
+  if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
+  if (msgid > 0 && (uint32_t)msgid < table->size) {
+    ldap_msg_row *row = &table->rows[msgid];
+    if (owned_by_me(row) && row->parent_link != nullptr) ldap_msg_table_release_msgid_direct(table, msgid);
+  }
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
 }
 }

@@ -46,3 +46,13 @@ char *olx_strndup(const char *s, size_t n) {
   return strndup(s, n);
 }
 }
+
+// The session's constructor for BER elements: copies of its translation
+// settings go with every element it makes.
+#include "ldap-engine.h"
+
+extern "C" BerElement *ldap_alloc_ber_with_options(LDAP *ld, int for_reading) {
+  BerElement *ber = fber_alloc_with_options(for_reading, ld->ld_xlate, ld->ld_version);
+  if (ber == nullptr) ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+  return ber;
+}

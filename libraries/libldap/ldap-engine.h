@@ -1,0 +1,109 @@
+// The message engine: messages and their chains, the message-ID table's
+// operations, request transmission, response reception and ldap_result.
+#ifndef TAV_LDAP_ENGINE_H
+#define TAV_LDAP_ENGINE_H
+
+#include <sys/time.h>
+
+#include <cstdint>
+
+#include "fber-stream.h"
+#include "lber-int.h"
+#include "ldap-int.h"
+
+// A request or response.  One zero-filled allocation; owns lm_ber.
+struct ldapmsg {
+  int32_t lm_msgid;
+  int32_t lm_msgtype;
+  uint32_t lm_flags;
+  BerElement *lm_ber;
+  LDAPConn *lm_conn;
+  LDAPMessage *lm_chain;
+  LDAPMessage *lm_prev;
+};
+
+// lm_flags: handed out alone by LDAP_MSG_ONE; a chain of one for walking and freeing.
+#define LDAP_MSG_HANDED_ALONE 0x2
+
+#define LDAP_RES_ANY (-1)
+#define LDAP_MSG_ONE 0
+#define LDAP_MSG_ALL 1
+
+// Bytes the readers report when a socket has nothing more for now.
+#define LDAP_WOULD_BLOCK 11
+
+// A connection's state flags are read by readers and writers that hold
+// different locks; they change once (not connected -> connected -> closed),
+// so atomic loads and stores are all they need.
+inline int conn_closed(const LDAPConn *c) { return __atomic_load_n(&c->lc_closed, __ATOMIC_ACQUIRE); }
+inline void set_conn_closed(LDAPConn *c) { __atomic_store_n(&c->lc_closed, 1, __ATOMIC_RELEASE); }
+inline int conn_connected(const LDAPConn *c) { return __atomic_load_n(&c->lc_connected, __ATOMIC_ACQUIRE); }
+inline void set_conn_connected(LDAPConn *c) { __atomic_store_n(&c->lc_connected, 1, __ATOMIC_RELEASE); }
+
+extern "C" {
+// Messages and chains.
+TAV_INTERNAL LDAPMessage *ldap_msg_new(LDAPConn *conn);
+TAV_INTERNAL void free_msg(LDAPMessage *msg, int all);
+TAV_INTERNAL int ldap_msgfree(LDAPMessage *msg);
+TAV_INTERNAL int ldap_msgfree_direct(LDAPMessage *msg);
+TAV_INTERNAL LDAPMessage *ldap_first_message(LDAP *ld, LDAPMessage *res);
+TAV_INTERNAL LDAPMessage *ldap_first_message_direct(LDAP *ld, LDAPMessage *res);
+TAV_INTERNAL LDAPMessage *ldap_next_message(LDAP *ld, LDAPMessage *msg);
+TAV_INTERNAL LDAPMessage *ldap_next_message_direct(LDAP *ld, LDAPMessage *msg);
+TAV_INTERNAL int ldap_count_messages(LDAP *ld, LDAPMessage *res);
+TAV_INTERNAL int ldap_count_messages_direct(LDAP *ld, LDAPMessage *res);
+TAV_INTERNAL int ldap_msgid(LDAPMessage *msg);
+TAV_INTERNAL int ldap_msgtype(LDAPMessage *msg);
+TAV_INTERNAL int is_last_msg(LDAPMessage *msg);
+TAV_INTERNAL void ldap_msg_release_msgid(LDAPMessage *request);
+
+// The message-ID table's rows.
+TAV_INTERNAL int ldap_msg_table_get_next_msgid(ldap_msg_table *table);
+TAV_INTERNAL int ldap_msg_table_send_message(ldap_msg_table *table, LDAP *ld, LDAPMessage *request);
+TAV_INTERNAL void ldap_msg_table_release_msgid(ldap_msg_table *table, int msgid);
+TAV_INTERNAL void ldap_msg_table_release_msgid_direct(ldap_msg_table *table, int msgid);
+TAV_INTERNAL int verify_msgid_n_acquire_row(LDAP *ld, ldap_msg_table *table, int *msgid, int all);
+TAV_INTERNAL int verify_acquire_row(LDAP *ld, ldap_msg_row *row, int msgid, int all);
+TAV_INTERNAL int ldap_get_msg_any(LDAP *ld, ldap_msg_table *table, int *msgid, int all);
+TAV_INTERNAL int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, struct timeval *timeout,
+                                            LDAPMessage **result);
+TAV_INTERNAL void ldap_msg_table_unlink_msg(LDAPMessage *msg);
+TAV_INTERNAL int ldap_msg_table_release_if_done(ldap_msg_table *table, int msgid);
+TAV_INTERNAL void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits);
+TAV_INTERNAL void ldap_msg_table_detach_referral(LDAP *ld, ldap_msg_table *table, int msgid);
+
+// Request transmission.
+TAV_INTERNAL int ldap_write_msg(LDAP *ld, LDAPMessage *request);
+TAV_INTERNAL int waitOnSocket(int fd);
+TAV_INTERNAL int ldap_get_write_timeout(void);
+// Test hook: forget the write time-out read from the environment.
+TAV_INTERNAL void ldap_reset_write_timeout(void);
+
+// Response reception.
+TAV_INTERNAL int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout);
+TAV_INTERNAL int ldap_msg_table_read(LDAP *ld, ldap_msg_table *table, struct timeval *timeout);
+TAV_INTERNAL int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *state, struct timeval *timeout);
+TAV_INTERNAL void ldap_msg_table_pending(ldap_msg_table *table, LDAPMessage **msg, int set);
+TAV_INTERNAL void put_msg_in_queue(ldap_msg_table *table, LDAPMessage *msg);
+TAV_INTERNAL void flush_queue(ldap_msg_table *table);
+TAV_INTERNAL int put_msg_in_table(ldap_msg_table *table, LDAPMessage *msg);
+
+// Result retrieval.
+TAV_INTERNAL int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result);
+TAV_INTERNAL int ldap_result_int(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result);
+TAV_INTERNAL int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result,
+                                      ldap_msg_table *table, int *error, int chase, int hops);
+TAV_INTERNAL int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result,
+                                     ldap_msg_table *table, int *error, int chase, int hops);
+TAV_INTERNAL int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result,
+                                 ldap_msg_table *table);
+
+// Referrals (the chaser hands every message on unchanged until it is built).
+TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout,
+                                    int *error, int hops);
+
+// Elements made for a session carry copies of its translation settings.
+TAV_INTERNAL BerElement *ldap_alloc_ber_with_options(LDAP *ld, int for_reading);
+}
+
+#endif

@@ -1,0 +1,172 @@
+// LDAPMessage records and the chains they form inside message-ID table rows.
+#include <cstdlib>
+
+#include "ldap-debug.h"
+#include "ldap-engine.h"
+#include "ldap-lock.h"
+#include "ldap-utils.h"
+
+namespace {
+// Final responses: BindResponse, SearchResultDone, ModifyResponse,
+// AddResponse, DelResponse, ModifyDNResponse, CompareResponse, ExtendedResponse.
+constexpr uint32_t kFinalTypesFrom0x61 = 0x805551;
+
+bool owns(const LDAPMessage *from, const LDAPMessage *target) {
+  for (const LDAPMessage *m = from; m != nullptr; m = m->lm_chain)
+    if (m == target) return true;
+  return false;
+}
+}  // namespace
+
+extern "C" {
+
+LDAPMessage *ldap_msg_new(LDAPConn *conn) {
+  auto *msg = static_cast<LDAPMessage *>(olx_calloc(1, sizeof(LDAPMessage)));
+  if (msg == nullptr) return nullptr;
+  msg->lm_msgtype = 0x30;
+  msg->lm_conn = conn;
+  return msg;
+}
+
+void free_msg(LDAPMessage *msg, int all) {
+  LDAP_LOG(LDAP_LOG_TRACE, "free_msg: msg(%p), all(%d)\n", (void *)msg, all);
+  while (msg != nullptr) {
+    LDAPMessage *next = msg->lm_chain;
+    fber_free(msg->lm_ber);
+    free(msg);
+    if (!all) break;
+    msg = next;
+  }
+}
+
+int is_last_msg(LDAPMessage *msg) {
+  unsigned int k = (unsigned int)(msg->lm_msgtype - 0x61);
+  int last = k < 24 && ((kFinalTypesFrom0x61 >> k) & 1);
+  LDAP_LOG(LDAP_LOG_TRACE, last ? "is_last_msg: returning TRUE, msgid=%d\n" : "is_last_msg: returning FALSE, msgid=%d\n",
+           msg->lm_msgid);
+  return last;
+}
+
+int ldap_msgfree_direct(LDAPMessage *msg) {
+  ldap_msg_table *table = msg->lm_conn->lc_msgtable;
+  if (table == nullptr) return 0;
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return 0;
+  const bool alone = (msg->lm_flags & LDAP_MSG_HANDED_ALONE) != 0;
+  int type = msg->lm_msgtype;
+  const int id = msg->lm_msgid;
+  if (id >= 0 && (uint32_t)id < table->size) {
+    ldap_msg_row *row = &table->rows[id];
+    if (row->head == msg) {
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_msgfree_direct: removing head message\n");
+      if (alone) {
+        row->head = msg->lm_chain;
+        if (row->head != nullptr)
+          row->head->lm_prev = nullptr;
+        else
+          row->tail = nullptr;
+        if (row->next_unread == msg) row->next_unread = msg->lm_chain;
+        msg->lm_chain = msg->lm_prev = nullptr;
+      } else {
+        if (row->tail != nullptr) type = row->tail->lm_msgtype;
+        row->head = row->tail = row->next_unread = nullptr;
+      }
+    } else if (owns(row->head, msg)) {
+      LDAPMessage *prev = msg->lm_prev;
+      if (alone) {
+        if (prev != nullptr) prev->lm_chain = msg->lm_chain;
+        if (msg->lm_chain != nullptr) msg->lm_chain->lm_prev = prev;
+        if (row->tail == msg) row->tail = prev;
+        if (row->next_unread == msg) row->next_unread = msg->lm_chain;
+        msg->lm_chain = msg->lm_prev = nullptr;
+      } else {
+        if (row->tail != nullptr) type = row->tail->lm_msgtype;
+        // Whatever was still unread goes with the cut-off tail of the chain.
+        if (owns(msg, row->next_unread)) row->next_unread = nullptr;
+        row->tail = prev;
+        if (prev != nullptr) prev->lm_chain = nullptr;
+        msg->lm_prev = nullptr;
+      }
+    }
+    // A message no longer in its row (row released meanwhile) is simply freed.
+    if ((row->flags & LDAP_ROW_COMPLETE) && row->head == nullptr) ldap_msg_table_release_msgid_direct(table, id);
+  }
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  free_msg(msg, 1);
+  return type;
+}
+
+int ldap_msgfree(LDAPMessage *msg) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msgfree entered, msg=%p\n", (void *)msg);
+  if (msg == nullptr) return 0;
+  if (msg->lm_conn == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_msgfree: server pointer NULL\n");
+    return 0;
+  }
+  LDAP *ld = msg->lm_conn->lc_ld;
+  if (ld == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_msgfree: ld pointer NULL\n");
+    return 0;
+  }
+  if (ldap_start_operation(ld) != 0) return 0;
+  int type = ldap_msgfree_direct(msg);
+  ldap_end_operation(ld);
+  return type;
+}
+
+LDAPMessage *ldap_first_message_direct(LDAP *, LDAPMessage *res) { return res; }
+
+LDAPMessage *ldap_first_message(LDAP *ld, LDAPMessage *res) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_first_message: ld(%p) res(%p)\n", (void *)ld, (void *)res);
+  if (ldap_start_operation(ld) != 0) return nullptr;
+  ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+  LDAPMessage *first = ldap_first_message_direct(ld, res);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_first_message: returning (%p)\n", (void *)first);
+  return first;
+}
+
+LDAPMessage *ldap_next_message_direct(LDAP *, LDAPMessage *msg) {
+  if (msg == nullptr || (msg->lm_flags & LDAP_MSG_HANDED_ALONE)) return nullptr;
+  return msg->lm_chain;
+}
+
+LDAPMessage *ldap_next_message(LDAP *ld, LDAPMessage *msg) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_message: ld(%p) msg(%p)\n", (void *)ld, (void *)msg);
+  if (ldap_start_operation(ld) != 0) return nullptr;
+  ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+  LDAPMessage *next = ldap_next_message_direct(ld, msg);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_message: returning (%p)\n", (void *)msg);
+  return next;
+}
+
+int ldap_count_messages_direct(LDAP *, LDAPMessage *res) {
+  if (res == nullptr) return 0;
+  if (res->lm_flags & LDAP_MSG_HANDED_ALONE) return 1;
+  int n = 0;
+  for (LDAPMessage *m = res; m != nullptr; m = m->lm_chain) ++n;
+  return n;
+}
+
+int ldap_count_messages(LDAP *ld, LDAPMessage *res) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_count_messages: ld(%p) res(%p)\n", (void *)ld, (void *)res);
+  if (ldap_start_operation(ld) != 0) return -1;
+  ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+  int n = ldap_count_messages_direct(ld, res);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_count_messages: returning (%d)\n", n);
+  return n;
+}
+
+int ldap_msgid(LDAPMessage *msg) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msgid: msg(%p)\n", (void *)msg);
+  return msg ? msg->lm_msgid : -1;
+}
+
+int ldap_msgtype(LDAPMessage *msg) { return msg ? msg->lm_msgtype : 0; }
+
+void ldap_msg_release_msgid(LDAPMessage *request) {
+  if (request == nullptr || request->lm_conn == nullptr || request->lm_conn->lc_msgtable == nullptr) return;
+  ldap_msg_table_release_msgid(request->lm_conn->lc_msgtable, request->lm_msgid);
+}
+}

@@ -1,0 +1,185 @@
+// ldap_result: the one place where callers wait for responses.
+#include <sys/time.h>
+
+#include "ldap-debug.h"
+#include "ldap-engine.h"
+#include "ldap-lock.h"
+
+namespace {
+
+void trace_one(int rc) { LDAP_LOG(LDAP_LOG_TRACE, "ldap_return_one_msg: rc=%d\n", rc); }
+void trace_all(int rc) { LDAP_LOG(LDAP_LOG_TRACE, "ldap_return_all_msgs: rc=%d\n", rc); }
+
+}  // namespace
+
+extern "C" {
+
+int ldap_get_result(LDAP *ld, int msgid, int, struct timeval *timeout, LDAPMessage **result, ldap_msg_table *table) {
+  return ldap_msg_table_get_message(ld, table, &msgid, timeout, result);
+}
+
+int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result, ldap_msg_table *table,
+                        int *error, int chase, int hops) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_return_one_msg: entered\n");
+  *result = nullptr;
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    trace_one(-1);
+    return -1;
+  }
+  const bool has_child = msgid >= 0 && (uint32_t)msgid < table->size && table->rows[msgid].child_link != nullptr;
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+
+  // A row whose referral is being chased on another connection waits on the
+  // child row; that needs the referral chaser, which keeps has_child false
+  // until it exists.
+  (void)has_child;
+  int rc;
+  for (;;) {
+    LDAPMessage *msg = nullptr;
+    rc = ldap_get_result(ld, msgid, 0, timeout, &msg, table);
+    if (rc <= 0) break;
+    if (!chase || msg->lm_msgtype == 0x64 || msg->lm_msgtype == 0x61) {
+      *result = msg;
+      trace_one(rc);
+      return rc;
+    }
+    LDAPMessage *out = nullptr;
+    rc = look_for_referrals(ld, msg, &out, timeout, error, hops);
+    if (rc != -1) {
+      *result = out;
+      trace_one(rc);
+      return rc;
+    }
+    LDAP_LOG(LDAP_LOG_TRACE,
+             "ldap_return_one_msg: error at referral chasing. Continue with next referral (if any)\n");
+  }
+  if (rc == 0) {
+    trace_one(0);
+    return 0;
+  }
+  if (ldap_get_errno_direct(ld) == LDAP_PARAM_ERROR) ldap_msg_table_detach_referral(ld, table, msgid);
+  trace_one(-1);
+  return -1;
+}
+
+int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result, ldap_msg_table *table,
+                         int *error, int chase, int hops) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_return_all_msgs: entered\n");
+  LDAPMessage *first = nullptr;
+  LDAPMessage *msg = nullptr;
+  int rc;
+  struct timeval remaining, start;
+  if (timeout != nullptr) {
+    remaining = *timeout;
+    gettimeofday(&start, nullptr);
+  }
+  for (;;) {
+    rc = ldap_return_one_msg(ld, msgid, timeout ? &remaining : nullptr, &msg, table, error, chase, hops);
+    if (rc <= 0) break;
+    if (first == nullptr) first = msg;
+    if (is_last_msg(msg)) break;
+    if (timeout != nullptr) {
+      struct timeval now, spent;
+      gettimeofday(&now, nullptr);
+      timersub(&now, &start, &spent);
+      if (spent.tv_sec > remaining.tv_sec ||
+          (spent.tv_sec == remaining.tv_sec && spent.tv_usec >= remaining.tv_usec)) {
+        rc = 0;
+        break;
+      }
+      timersub(&remaining, &spent, &remaining);
+      start = now;
+    }
+  }
+  if (rc > 0) {
+    if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+      ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+      *result = nullptr;
+      trace_all(-1);
+      return -1;
+    }
+    ldap_msg_row *row = &table->rows[msgid];
+    *result = row->head;
+    rc = row->tail ? row->tail->lm_msgtype : rc;
+    LDAP_MUTEX_UNLOCK(&table->table_mutex);
+    trace_all(rc);
+    return rc;
+  }
+  *result = nullptr;
+  if (rc == 0 && first != nullptr) {
+    // Hand the messages read so far out again with the whole result later.
+    if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+      ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    } else {
+      table->rows[msgid].next_unread = first;
+      LDAP_MUTEX_UNLOCK(&table->table_mutex);
+    }
+  }
+  trace_all(rc);
+  return rc;
+}
+
+int ldap_result_int(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_result_int\n");
+  ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+  if (msgid < -1 || ld == nullptr || result == nullptr || ld->ld_servers == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR,
+             "ldap_result: Invalid parameter - msgid(%d), ld(%p), result(%p), ld->ld_servers(%p)\n", msgid,
+             (void *)ld, (void *)result, ld ? (void *)ld->ld_servers : nullptr);
+    return -1;
+  }
+  *result = nullptr;
+  LDAPConn *conn = get_default_connection(ld);
+  ldap_msg_table *table = conn ? conn->lc_msgtable : nullptr;
+  if (table == nullptr) return -1;
+  if (verify_msgid_n_acquire_row(ld, table, &msgid, all) != 0) return -1;
+  ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+  int chase_option = 0, hop_limit = 0;
+  if (ldap_get_option_direct(ld, LDAP_OPT_REFERRALS, &chase_option) != 0 ||
+      ldap_get_option_direct(ld, LDAP_OPT_REFHOPLIMIT, &hop_limit) != 0)
+    return -1;
+  int chase, hops;
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return -1;
+  }
+  ldap_msg_row *row = &table->rows[msgid];
+  if (!(row->flags & LDAP_ROW_REF_FIXED)) {
+    // Fixed on the first wait: later option changes do not touch this request.
+    if (chase_option) {
+      row->flags |= LDAP_ROW_CHASE;
+      row->refhops = hop_limit;
+    } else {
+      row->flags &= ~LDAP_ROW_CHASE;
+    }
+    row->flags |= LDAP_ROW_REF_FIXED;
+  }
+  chase = (row->flags & LDAP_ROW_CHASE) != 0;
+  hops = row->refhops;
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+
+  int error = 0;
+  if (all != 0) return ldap_return_all_msgs(ld, msgid, timeout, result, table, &error, chase, hops);
+  int rc = ldap_return_one_msg(ld, msgid, timeout, result, table, &error, chase, hops);
+  if (*result != nullptr) (*result)->lm_flags |= LDAP_MSG_HANDED_ALONE;
+  return rc;
+}
+
+int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result) {
+  if (timeout != nullptr)
+    LDAP_LOG(LDAP_LOG_TRACE,
+             "ldap_result entered ld(%p), msgid(%d), all (%d), timeout(tv_sec=%d, tv_usec=%d), result(%p)\n",
+             (void *)ld, msgid, all, (int)timeout->tv_sec, (int)timeout->tv_usec, (void *)result);
+  else
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_result entered ld(%p), msgid(%d), all(%d), timeout(NULL), result(%p)\n",
+             (void *)ld, msgid, all, (void *)result);
+  int rc = ldap_start_operation(ld);
+  if (rc != 0) return rc;
+  rc = ldap_result_int(ld, msgid, all, timeout, result);
+  if (rc == 0) ldap_set_errno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_result returning %d\n", rc);
+  return rc;
+}
+}
