@@ -3,7 +3,7 @@
 #   build/       g++, all tests (unit, integration, fuzz corpus replay)
 #   build-asan/  clang++ with AddressSanitizer+UndefinedBehaviorSanitizer:
 #                all tests, plus each libFuzzer target fuzzing for a few seconds
-#   build-tsan/  clang++ with ThreadSanitizer: the unit tests (concurrency among them)
+#   build-tsan/  clang++ with ThreadSanitizer: the unit tests and the concurrency tests
 # Exits non-zero on any failure; the last line sums up all runs.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -64,7 +64,9 @@ if build "ASan+UBSan (clang++)" build-asan -DCMAKE_BUILD_TYPE=Debug -DTAV_SANITI
 fi
 if build "TSan (clang++)" build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAV_SANITIZE=thread -DTAV_BENCH=OFF \
   -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang; then
-  run_ctest "TSan: unit tests" build-tsan -L unit
+  # The stress test's 32 threads x 1000 requests, cut to 200 under TSan's cost.
+  TAV_STRESS_ITERATIONS=200 run_ctest "TSan: unit and concurrency tests" build-tsan -L 'unit|concurrency'
+
 fi
 
 echo "all runs: $passed passed, $failed failed"
