@@ -5,6 +5,8 @@
 #ifndef TAVLDAP_H
 #define TAVLDAP_H
 
+#include <stdint.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -12,6 +14,24 @@ extern "C" {
 #define TAVLDAP_API __attribute__((visibility("default")))
 
 typedef struct berelement BerElement;
+
+/* A counted byte string (a value may hold zero bytes). */
+typedef uint64_t ber_len_t;
+struct berval {
+  ber_len_t bv_len;
+  char *bv_val;
+};
+
+/* A response or a chain of responses; read with the entry functions, freed
+ * with tav_ldap_msgfree. */
+typedef struct ldapmsg LDAPMessage;
+
+/* An LDAPv3 control: OID, value (bv_val null for none), criticality. */
+typedef struct ldapcontrol {
+  char *ldctl_oid;
+  struct berval ldctl_value;
+  int ldctl_iscritical;
+} LDAPControl;
 
 /* A session handle; opaque to callers. */
 typedef struct ldap LDAP;

@@ -23,11 +23,7 @@ typedef uint64_t ber_len_t;
 // Deepest nesting of open SEQUENCEs/SETs.
 #define FBER_MAX_SEQ 100
 
-// A counted byte string; every bv_val this codec makes has a NUL after bv_len bytes.
-struct berval {
-  ber_len_t bv_len;
-  char *bv_val;
-};
+// struct berval (tavldap.h): every bv_val this codec makes has a NUL after bv_len bytes.
 
 // One allocation: this record, then the inline buffer, then the sequence
 // stack (count, then FBER_MAX_SEQ offsets of reserved length octets).

@@ -16,17 +16,9 @@
 #include "tavldap.h"
 
 typedef struct ldapconn LDAPConn;
-typedef struct ldapmsg LDAPMessage;
-typedef struct ldapcontrol LDAPControl;
 struct ldap_referral_link;
 struct ldap_server_request;
 
-// A control: OID, value bytes (bv_val null for none), criticality.
-struct ldapcontrol {
-  char *ldctl_oid;
-  struct berval ldctl_value;
-  int ldctl_iscritical;
-};
 
 // The platform's thread identity, compared only with pthread_equal.
 typedef pthread_t ldap_thread_id;
@@ -248,8 +240,6 @@ TAV_INTERNAL int ldap_set_option_direct(LDAP *ld, int option, const void *value)
 TAV_INTERNAL int ldap_get_option_direct(LDAP *ld, int option, void *out);
 TAV_INTERNAL LDAP *ld_set_global_default(void);
 // Control lists as options store them.
-TAV_INTERNAL int ldap_copy_controls(LDAPControl ***to_here, LDAPControl **from);
-TAV_INTERNAL void ldap_controls_free(LDAPControl **ctrls);
 
 // URLs.
 TAV_INTERNAL int ldap_url_parse(const char *url, LDAPURLDesc **ludpp);
@@ -262,6 +252,54 @@ TAV_INTERNAL int ldap_url_port_is_numeric(const char *s);
 
 // Server location.
 TAV_INTERNAL char *auto_server_locate(struct ldap_server_request *request, int secure);
+}
+
+// Controls.
+extern "C" {
+// 0, or LDAP_ENCODING_ERROR; an absent or empty list writes nothing.
+TAV_INTERNAL int put_ctrls_into_ber(BerElement *ber, LDAPControl **ctrls);
+// 0 (a list, or none when the next tag is not [0]), LDAP_DECODING_ERROR, LDAP_NO_MEMORY.
+TAV_INTERNAL int get_ctrls_from_ber(BerElement *ber, LDAPControl ***ctrls);
+// Refuses critical client controls (12); with no server controls given,
+// substitutes a copy of the session's defaults and sets *substituted so the
+// caller frees it after the operation.
+TAV_INTERNAL int ldap_apply_default_controls(LDAP *ld, LDAPControl ***sctrls, LDAPControl **cctrls, int *substituted);
+TAV_INTERNAL int ldap_copy_controls(LDAPControl ***to_here, LDAPControl **from);
+TAV_INTERNAL int ldap_merge_control_lists(LDAPControl ***dest, LDAPControl **input);
+TAV_INTERNAL void ldap_free_empty_control_list(LDAPControl **ctrls);
+TAV_INTERNAL void ldap_control_free(LDAPControl *ctrl);
+TAV_INTERNAL void ldap_controls_free(LDAPControl **ctrls);
+TAV_INTERNAL int ldap_alloc_control(LDAPControl **ctrl);
+TAV_INTERNAL int ldap_build_control(LDAPControl **ctrl, const char *oid, ber_len_t len, const char *value,
+                                    int critical);
+TAV_INTERNAL int ldap_append_control(LDAPControl *ctrl, LDAPControl ***list);
+TAV_INTERNAL int ldap_add_control_to_list(const char *oid, ber_len_t len, const char *value, int critical,
+                                          LDAPControl ***list);
+TAV_INTERNAL int ldap_remove_control(LDAPControl *ctrl, LDAPControl ***list, int freeit);
+TAV_INTERNAL int ldap_set_bind_controls(LDAP *ld, LDAPControl **ctrls);
+TAV_INTERNAL int ldap_get_bind_controls(LDAP *ld, LDAPControl ***ctrls);
+
+// Result parsing.
+// 0 parsed; LDAP_DECODING_ERROR; 1 when the chain holds no result; 89 bad handle.
+TAV_INTERNAL int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
+                                   char ***referralsp, LDAPControl ***serverctrlsp, int freeit);
+TAV_INTERNAL int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit);
+// The result code of the chain's last message, also stored (with matched DN
+// and message) as the thread's error; used by the synchronous operations.
+TAV_INTERNAL int ldap_result2error_direct(LDAP *ld, LDAPMessage *res, int freeit);
+TAV_INTERNAL int ldap_parse_sasl_bind_result(LDAP *ld, LDAPMessage *res, struct berval **servercredp, int freeit);
+TAV_INTERNAL int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval **servercredp,
+                                                    int freeit);
+TAV_INTERNAL int ldap_parse_extended_result(LDAP *ld, LDAPMessage *res, char **resultoidp, struct berval **resultdatap,
+                                            int freeit);
+TAV_INTERNAL int ldap_parse_extended_result_ext(LDAP *ld, LDAPMessage *res, char **resultoidp,
+                                                struct berval **resultdatap, int freeit,
+                                                LDAPControl ***serverctrlsp);
+TAV_INTERNAL int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resultoidp,
+                                                   struct berval **resultdatap, int freeit,
+                                                   LDAPControl ***serverctrlsp);
+TAV_INTERNAL int ldap_parse_pwdpolicy_response(LDAPControl **ctrls, int *controlerr, int *controlwarn,
+                                               int *controlres);
 }
 
 #endif
