@@ -33,6 +33,25 @@ typedef struct ldapcontrol {
   int ldctl_iscritical;
 } LDAPControl;
 
+/* One key of a server-side sort request: attribute, ordering rule (or null),
+ * reverse flag.  Lists of keys end with a null pointer. */
+typedef struct ldapsortkey {
+  char *sk_attrtype;
+  char *sk_matchruleoid;
+  int sk_reverseorder;
+} LDAPsortkey;
+
+/* A virtual-list-view request: the window around the target entry, chosen
+ * either by offset and content count or by an assertion value. */
+typedef struct ldapvlvinfo {
+  int ldvlv_before_count;
+  int ldvlv_after_count;
+  int ldvlv_offset;
+  int ldvlv_count;
+  struct berval *ldvlv_attrvalue; /* null: position by offset */
+  struct berval *ldvlv_context;   /* context ID from the previous response, or null */
+} LDAPVLVInfo;
+
 /* A session handle; opaque to callers. */
 typedef struct ldap LDAP;
 
