@@ -58,6 +58,8 @@ typedef struct ldap LDAP;
 #define LDAP_PORT 389
 #define LDAPS_PORT 636
 #define LDAP_VERSION2 2
+/* The one authentication method of tav_ldap_bind: simple (DN and password). */
+#define LDAP_AUTH_SIMPLE 0x80
 #define LDAP_VERSION3 3
 
 /* Result codes: 0 to 80 come from servers, 81 and up from the library. */

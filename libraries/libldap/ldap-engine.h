@@ -104,6 +104,8 @@ TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **ou
 
 // Elements made for a session carry copies of its translation settings.
 TAV_INTERNAL BerElement *ldap_alloc_ber_with_options(LDAP *ld, int for_reading);
+// A reading copy of the rest of an element (translation settings included).
+TAV_INTERNAL BerElement *ldap_ber_dup(const BerElement *ber);
 }
 
 #endif

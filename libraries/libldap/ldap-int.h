@@ -279,6 +279,33 @@ TAV_INTERNAL int ldap_remove_control(LDAPControl *ctrl, LDAPControl ***list, int
 TAV_INTERNAL int ldap_set_bind_controls(LDAP *ld, LDAPControl **ctrls);
 TAV_INTERNAL int ldap_get_bind_controls(LDAP *ld, LDAPControl ***ctrls);
 
+// Bind.
+TAV_INTERNAL int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd);
+TAV_INTERNAL int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd);
+TAV_INTERNAL int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPControl **sctrls,
+                                         int *msgidp, LDAPConn *conn);
+TAV_INTERNAL int ldap_bind(LDAP *ld, const char *dn, const char *cred, int method);
+TAV_INTERNAL int ldap_bind_s(LDAP *ld, const char *dn, const char *cred, int method);
+TAV_INTERNAL int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                                LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
+TAV_INTERNAL int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                                  LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp);
+TAV_INTERNAL int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                                    LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp,
+                                    int async, int *msgidp);
+TAV_INTERNAL int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                                       LDAPControl **sctrls, int *msgidp, LDAPConn *conn);
+TAV_INTERNAL int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mech,
+                                                const struct berval *cred, LDAPControl **sctrls,
+                                                LDAPControl **cctrls, int *msgidp, LDAPConn *conn);
+TAV_INTERNAL int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                                         LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp);
+TAV_INTERNAL int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                                            LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp,
+                                            int xlate, int async, int *msgidp);
+TAV_INTERNAL int ldap_save_bind_info(LDAP *ld, int method, const char *mech, LDAPControl **sctrls,
+                                     LDAPControl **cctrls, const struct berval *cred);
+
 // Result parsing.
 // 0 parsed; LDAP_DECODING_ERROR; 1 when the chain holds no result; 89 bad handle.
 TAV_INTERNAL int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,

@@ -157,69 +157,6 @@ struct Bracket {
 
 extern "C" {
 
-void ldap_controls_free(LDAPControl **ctrls) {
-  if (ctrls == nullptr) return;
-  for (LDAPControl **c = ctrls; *c != nullptr; ++c) {
-    free((*c)->ldctl_oid);
-    free((*c)->ldctl_value.bv_val);
-    free(*c);
-  }
-  free(ctrls);
-}
-
-int ldap_copy_controls(LDAPControl ***to_here, LDAPControl **from) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_copy_controls\n");
-  if (to_here == nullptr) {
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_copy_controls: Invalid input to_here(%x)\n", 0u);
-    return LDAP_PARAM_ERROR;
-  }
-  *to_here = nullptr;
-  if (from == nullptr || from[0] == nullptr) return LDAP_SUCCESS;
-  size_t count = 0;
-  while (from[count] != nullptr) ++count;
-  auto **copy = static_cast<LDAPControl **>(olx_calloc(count + 1, sizeof(LDAPControl *)));
-  if (copy == nullptr) return LDAP_NO_MEMORY;
-  int rc = LDAP_SUCCESS;
-  for (size_t i = 0; i < count && rc == LDAP_SUCCESS; ++i) {
-    const LDAPControl *src = from[i];
-    if (src->ldctl_oid == nullptr) {
-      LDAP_LOG(LDAP_LOG_TRACE, "ldap_copy_controls: OID is missing in control\n");
-      rc = LDAP_PARAM_ERROR;
-      break;
-    }
-    if ((int32_t)src->ldctl_value.bv_len < 0) {
-      LDAP_LOG(LDAP_LOG_TRACE, "ldap_copy_controls: length of value can't be less than 0\n");
-      rc = LDAP_PARAM_ERROR;
-      break;
-    }
-    auto *c = static_cast<LDAPControl *>(olx_calloc(1, sizeof(LDAPControl)));
-    if (c == nullptr) {
-      rc = LDAP_NO_MEMORY;
-      break;
-    }
-    copy[i] = c;
-    c->ldctl_iscritical = src->ldctl_iscritical;
-    c->ldctl_value.bv_len = src->ldctl_value.bv_len;
-    c->ldctl_oid = olx_strdup(src->ldctl_oid);
-    if (c->ldctl_oid == nullptr) rc = LDAP_NO_MEMORY;
-    if (rc == LDAP_SUCCESS && src->ldctl_value.bv_len > 0 && src->ldctl_value.bv_val != nullptr) {
-      c->ldctl_value.bv_val = static_cast<char *>(olx_malloc(src->ldctl_value.bv_len + 1));
-      if (c->ldctl_value.bv_val == nullptr) {
-        rc = LDAP_NO_MEMORY;
-      } else {
-        memcpy(c->ldctl_value.bv_val, src->ldctl_value.bv_val, src->ldctl_value.bv_len);
-        c->ldctl_value.bv_val[src->ldctl_value.bv_len] = '\0';
-      }
-    }
-  }
-  if (rc != LDAP_SUCCESS) {
-    ldap_controls_free(copy);
-    return rc;
-  }
-  *to_here = copy;
-  return LDAP_SUCCESS;
-}
-
 LDAP *ld_set_global_default(void) {
   ldap_lock_defaults();
   if (!global_default_created) {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace {
 // 0: hook off.  Otherwise the countdown to the allocation that fails.
@@ -55,4 +56,23 @@ extern "C" BerElement *ldap_alloc_ber_with_options(LDAP *ld, int for_reading) {
   BerElement *ber = fber_alloc_with_options(for_reading, ld->ld_xlate, ld->ld_version);
   if (ber == nullptr) ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
   return ber;
+}
+
+// A reading copy of what is left of an element, with copies of its
+// translation settings, so a message can be parsed again later.
+extern "C" BerElement *ldap_ber_dup(const BerElement *ber) {
+  if (ber == nullptr) return nullptr;
+  struct berval rest = {(ber_len_t)(ber->ber_end - ber->ber_ptr), ber->ber_ptr};
+  BerElement *copy = fber_init2(&rest);
+  if (copy == nullptr) return nullptr;
+  for (auto [from, to] : {std::pair{ber->ber_noxlate, &copy->ber_noxlate}, {ber->ber_version, &copy->ber_version}}) {
+    if (from == nullptr) continue;
+    *to = static_cast<int32_t *>(olx_malloc(sizeof(int32_t)));
+    if (*to == nullptr) {
+      fber_free(copy);
+      return nullptr;
+    }
+    **to = *from;
+  }
+  return copy;
 }

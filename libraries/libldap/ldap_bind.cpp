@@ -1,0 +1,371 @@
+// Bind: simple and SASL, synchronous and asynchronous.
+#include <strings.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "ldap-debug.h"
+#include "ldap-engine.h"
+#include "ldap-int.h"
+#include "ldap-lock.h"
+#include "ldap-utils.h"
+
+namespace {
+
+constexpr int kBindRequest = 0x60;
+constexpr int kSaslMethod = 2;
+
+const char *current_error_text(LDAP *ld) { return ldap_err2string(ldap_get_errno_direct(ld)); }
+
+// The steps every bind request shares: a message record, an ID, an element
+// for the session, the protocol version, the caller's encoding, the send.
+// `record_all` says whether failures after the record exists are written to
+// the thread's error record (the SASL sender does, the simple one leaves
+// that to the engine or the caller).
+template <typename Encode>
+int send_bind(LDAP *ld, LDAPConn *conn, int *msgidp, const char *who, bool record_all, Encode encode) {
+  ldap_msg_table *table = conn->lc_msgtable;
+  LDAPMessage *msg = ldap_msg_new(conn);
+  if (msg == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "%s: returning rc=%d, error=LDAP_NO_MEMORY\n", who, LDAP_NO_MEMORY);
+    ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+    return LDAP_NO_MEMORY;
+  }
+  int rc = LDAP_SUCCESS;
+  bool stored = false;
+  int id = ldap_msg_table_get_next_msgid(table);
+  int version = LDAP_VERSION2;
+  if (id < 0) {
+    rc = LDAP_LOCAL_ERROR;
+  } else {
+    msg->lm_msgid = id;
+    msg->lm_ber = ldap_alloc_ber_with_options(ld, 0);
+    if (msg->lm_ber == nullptr)
+      rc = LDAP_NO_MEMORY;
+    else
+      rc = ldap_get_option_direct(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    if (rc == LDAP_SUCCESS && encode(msg->lm_ber, id, version) != 0) rc = LDAP_ENCODING_ERROR;
+    if (rc == LDAP_SUCCESS) {
+      msg->lm_msgtype = kBindRequest;
+      stored = true;  // from here the row owns the request
+      rc = ldap_msg_table_send_message(table, ld, msg);
+    }
+  }
+  if (rc == LDAP_SUCCESS) {
+    *msgidp = id;
+    ldap_set_errno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    return LDAP_SUCCESS;
+  }
+  if (stored) {
+    ldap_msg_release_msgid(msg);
+  } else {
+    free_msg(msg, 0);
+    if (id >= 0) ldap_msg_table_release_msgid(table, id);
+  }
+  if (record_all) ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+  if (ldap_trace_on()) ldap_log(LDAP_LOG_ERROR, "%s: returning rc=%d, error=%s\n", who, rc, current_error_text(ld));
+  return rc;
+}
+
+bool is_external(const char *mech) { return mech != nullptr && strcasecmp(mech, "EXTERNAL") == 0; }
+
+// Waits for the whole response of `id` and turns it into the result code.
+int wait_simple(LDAP *ld, int id) {
+  LDAPMessage *res = nullptr;
+  if (ldap_result_int(ld, id, LDAP_MSG_ALL, nullptr, &res) == -1) return ldap_get_errno_direct(ld);
+  return ldap_result2error_direct(ld, res, 1);
+}
+
+}  // namespace
+
+extern "C" {
+
+int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPControl **sctrls, int *msgidp,
+                            LDAPConn *conn) {
+  LDAP_LOG(LDAP_LOG_TRACE,
+           "ldap_simple_bind_direct: entering with ld(%x) dn(%s) pw(***) serverctrls(%x) clientctrls(%x) msgidp(*x) "
+           "connection(%x)\n",
+           (unsigned)(uintptr_t)ld, dn ? dn : "NULL", (unsigned)(uintptr_t)sctrls, 0u, (unsigned)(uintptr_t)conn);
+  *msgidp = -1;
+  if (conn == nullptr) conn = get_default_connection(ld);
+  if (conn == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_simple_bind_direct: found NULL server\n");
+    ldap_set_errno_direct(ld, LDAP_ENCODING_ERROR, nullptr, nullptr);
+    return LDAP_ENCODING_ERROR;
+  }
+  if (conn->lc_msgtable == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_simple_bind_direct: returning rc=%d, error=LDAP_ENCODING_ERROR\n",
+             LDAP_ENCODING_ERROR);
+    ldap_set_errno_direct(ld, LDAP_ENCODING_ERROR, nullptr, nullptr);
+    return LDAP_ENCODING_ERROR;
+  }
+  return send_bind(ld, conn, msgidp, "ldap_simple_bind_direct", false, [&](BerElement *ber, int id, int version) {
+    if (fber_printf(ber, "{it{ists}", id, (ber_tag_t)kBindRequest, version, dn ? dn : "",
+                    (ber_tag_t)LDAP_AUTH_SIMPLE, passwd ? passwd : "") != 0)
+      return -1;
+    if (put_ctrls_into_ber(ber, sctrls) != 0) return -1;
+    return fber_printf(ber, "}");
+  });
+}
+
+int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind: ld(%p) dn(%s) pw(***)\n", (void *)ld, dn ? dn : "NULL");
+  if (ldap_start_operation(ld) != 0) return -1;
+  int id = -1;
+  if (ldap_simple_bind_direct(ld, dn, passwd, nullptr, &id, nullptr) != 0) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind: returning rc=-1\n");
+    id = -1;
+  }
+  ldap_end_operation(ld);
+  return id;
+}
+
+int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind_s: ld(%p) dn(%s) pw(***)\n", (void *)ld, dn ? dn : "NULL");
+  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  int id = -1;
+  int rc = ldap_simple_bind_direct(ld, dn, passwd, nullptr, &id, nullptr);
+  if (rc == LDAP_SUCCESS) rc = wait_simple(ld, id);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind_s: returning rc=%d\n", rc);
+  return rc;
+}
+
+int ldap_bind(LDAP *ld, const char *dn, const char *cred, int method) {
+  if (method != LDAP_AUTH_SIMPLE) {
+    if (ldap_start_operation(ld) == 0) {
+      ldap_set_errno_direct(ld, LDAP_AUTH_UNKNOWN, nullptr, nullptr);
+      ldap_end_operation(ld);
+    }
+    return -1;
+  }
+  return ldap_simple_bind(ld, dn, cred);
+}
+
+int ldap_bind_s(LDAP *ld, const char *dn, const char *cred, int method) {
+  if (method != LDAP_AUTH_SIMPLE) {
+    if (ldap_start_operation(ld) == 0) {
+      ldap_set_errno_direct(ld, LDAP_AUTH_UNKNOWN, nullptr, nullptr);
+      ldap_end_operation(ld);
+    }
+    return LDAP_AUTH_UNKNOWN;
+  }
+  return ldap_simple_bind_s(ld, dn, cred);
+}
+
+int ldap_save_bind_info(LDAP *ld, int method, const char *mech, LDAPControl **sctrls, LDAPControl **cctrls,
+                        const struct berval *cred) {
+  if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return LDAP_LOCK_ERROR;
+  }
+  int rc = LDAP_SUCCESS;
+  ld->ld_bind_method = method;
+  char *mech_copy = olx_strdup(mech ? mech : "");
+  if (mech_copy != nullptr) {
+    free(ld->ld_bind_mech);
+    ld->ld_bind_mech = mech_copy;
+  } else {
+    rc = LDAP_NO_MEMORY;
+  }
+  if (cred != nullptr) {
+    if (ld->ld_bind_cred == nullptr)
+      ld->ld_bind_cred = static_cast<struct berval *>(olx_calloc(1, sizeof(struct berval)));
+    if (ld->ld_bind_cred == nullptr) {
+      rc = LDAP_NO_MEMORY;
+    } else {
+      free(ld->ld_bind_cred->bv_val);
+      ld->ld_bind_cred->bv_val = nullptr;
+      ld->ld_bind_cred->bv_len = 0;
+      const size_t n = cred->bv_val ? cred->bv_len : 0;
+      char *bytes = static_cast<char *>(olx_malloc(n + 1));
+      if (bytes == nullptr) {
+        rc = LDAP_NO_MEMORY;
+      } else {
+        if (n) memcpy(bytes, cred->bv_val, n);
+        bytes[n] = '\0';
+        ld->ld_bind_cred->bv_val = bytes;
+        ld->ld_bind_cred->bv_len = n;
+      }
+    }
+  }
+  LDAPControl **copy = nullptr;
+  if (ldap_copy_controls(&copy, sctrls) == LDAP_SUCCESS) {
+    ldap_controls_free(ld->ld_sctrls);
+    ld->ld_sctrls = copy;
+  }
+  copy = nullptr;
+  if (ldap_copy_controls(&copy, cctrls) == LDAP_SUCCESS) {
+    ldap_controls_free(ld->ld_cctrls);
+    ld->ld_cctrls = copy;
+  }
+  LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+  return rc;
+}
+
+int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                                   LDAPControl **sctrls, LDAPControl **, int *msgidp, LDAPConn *conn) {
+  *msgidp = -1;
+  if (conn == nullptr) conn = get_default_connection(ld);
+  if (conn == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_sasl_bind_encode_and_send: NULL server connection\n");
+    ldap_set_errno_direct(ld, LDAP_ENCODING_ERROR, nullptr, nullptr);
+    return LDAP_ENCODING_ERROR;
+  }
+  if (conn->lc_msgtable == nullptr) return LDAP_ENCODING_ERROR;
+  return send_bind(ld, conn, msgidp, "ldap_sasl_bind_encode_and_send", true,
+                   [&](BerElement *ber, int id, int version) {
+                     if (fber_printf(ber, "{it{ist{s", id, (ber_tag_t)kBindRequest, version, dn ? dn : "",
+                                     (ber_tag_t)0xA3, mech ? mech : "") != 0)
+                       return -1;
+                     if (cred != nullptr && fber_printf(ber, "o", cred->bv_val ? cred->bv_val : "",
+                                                        (int)(cred->bv_val ? cred->bv_len : 0)) != 0)
+                       return -1;
+                     if (fber_printf(ber, "}}") != 0) return -1;
+                     if (put_ctrls_into_ber(ber, sctrls) != 0) return -1;
+                     return fber_printf(ber, "}");
+                   });
+}
+
+int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                          LDAPControl **sctrls, int *msgidp, LDAPConn *conn) {
+  *msgidp = -1;
+  int xlate = 0;
+  int rc = ldap_get_option_direct(ld, LDAP_OPT_XLATE, &xlate);
+  if (rc != LDAP_SUCCESS) return rc;
+  if (mech == nullptr || *mech == '\0') {
+    // A simple bind carrying the credentials' bytes (up to a zero byte) as password.
+    char *password = nullptr;
+    if (cred != nullptr && cred->bv_val != nullptr) {
+      password = olx_strndup(cred->bv_val, cred->bv_len);
+      if (password == nullptr) {
+        ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+        return LDAP_NO_MEMORY;
+      }
+    }
+    rc = ldap_simple_bind_direct(ld, dn, password, sctrls, msgidp, conn);
+    free(password);
+    return rc;
+  }
+  if (is_external(mech)) {
+    if (cred != nullptr) {
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_sasl_bind_direct: credentials given for external bind\n");
+      ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+      return LDAP_PARAM_ERROR;
+    }
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_direct: got mechanism %s\n", mech);
+    return ldap_sasl_bind_encode_and_send(ld, dn, mech, nullptr, sctrls, nullptr, msgidp, conn);
+  }
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_direct: got mechanism %s\n", mech);
+  return LDAP_PARAM_ERROR;
+}
+
+// Plug-ins come from the client configuration file; until it can be read
+// there is none to call, which is what a machine without the file sees.
+int ldap_sasl_bind_call_plugin(LDAP *ld, const char *, const char *, const struct berval *, LDAPControl **,
+                               LDAPControl **, struct berval **, int, int, int *) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_call_plugin \n");
+  ldap_set_errno_direct(ld, LDAP_PLUGIN_CONF_NOT_OPENED, nullptr, nullptr);
+  return LDAP_PLUGIN_CONF_NOT_OPENED;
+}
+
+int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                       LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp, int async,
+                       int *msgidp) {
+  if (async) {
+    if (msgidp == nullptr) {
+      ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+      return LDAP_PARAM_ERROR;
+    }
+    *msgidp = -1;
+  }
+  int xlate = 0;
+  int rc = ldap_get_option_direct(ld, LDAP_OPT_XLATE, &xlate);
+  if (rc != LDAP_SUCCESS) return rc;
+  int id = -1;
+  if (mech == nullptr || *mech == '\0') {
+    rc = ldap_sasl_bind_direct(ld, dn, "", cred, sctrls, &id, nullptr);
+  } else {
+    if (is_external(mech)) {
+      if ((dn != nullptr && *dn != '\0') || cred != nullptr) {
+        ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+        return LDAP_PARAM_ERROR;
+      }
+      ldap_save_bind_info(ld, kSaslMethod, "EXTERNAL", sctrls, cctrls, nullptr);
+    } else {
+      ldap_save_bind_info(ld, kSaslMethod, mech, sctrls, cctrls, cred);
+      if (!async) {
+        rc = ldap_sasl_bind_call_plugin(ld, dn, mech, cred, sctrls, cctrls, servercredp, xlate, 0, &id);
+        if (rc != LDAP_UNAVAILABLE_CRITICAL_EXTENSION && rc != LDAP_PLUGIN_CONF_NOT_OPENED) {
+          ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+          return rc;
+        }
+        LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_int: ldap_sasl_bind_call_plugin() returns rc = %d\n", rc);
+        LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_int: Attempting to bind with ldap_sasl_bind_s_direct() instead\n");
+      }
+    }
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_int: Sending %s Bind request\n", mech);
+    rc = ldap_sasl_bind_encode_and_send(ld, dn, mech, cred, sctrls, cctrls, &id, nullptr);
+  }
+  if (rc != LDAP_SUCCESS) {
+    ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+    return rc;
+  }
+  if (async) {
+    *msgidp = id;
+    return LDAP_SUCCESS;
+  }
+  LDAPMessage *res = nullptr;
+  if (ldap_result_int(ld, id, LDAP_MSG_ALL, nullptr, &res) == -1) return ldap_get_errno_direct(ld);
+  LDAPControl **ctrls = nullptr;
+  int prc = ldap_parse_result(ld, res, nullptr, nullptr, nullptr, nullptr, &ctrls, 0);
+  if (prc != LDAP_SUCCESS) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_sasl_bind_s_int: couldn't parse result for controls. rc = %d\n", prc);
+    ctrls = nullptr;
+  }
+  ldap_set_bind_controls(ld, ctrls);
+  ldap_controls_free(ctrls);
+  return ldap_parse_sasl_bind_result_direct(ld, res, servercredp, 1);
+}
+
+int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mech, const struct berval *cred, LDAPControl **sctrls,
+                   LDAPControl **cctrls, int *msgidp) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind: ld(%p) dn(%s) mechanism(%s) cred(***)\n", (void *)ld, dn ? dn : "NULL",
+           mech ? mech : "NULL");
+  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  int rc;
+  if (msgidp == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_sasl_bind: bad parameters ld(%x) msgidp(%x)\n", (unsigned)(uintptr_t)ld, 0u);
+    ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+    rc = LDAP_PARAM_ERROR;
+  } else {
+    *msgidp = -1;
+    int substituted = 0;
+    rc = ldap_apply_default_controls(ld, &sctrls, cctrls, &substituted);
+    if (rc == LDAP_SUCCESS) rc = ldap_sasl_bind_int(ld, dn, mech, cred, sctrls, cctrls, nullptr, 1, msgidp);
+    if (substituted) ldap_controls_free(sctrls);
+  }
+  ldap_end_operation(ld);
+  return rc;
+}
+
+int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mech, const struct berval *cred, LDAPControl **sctrls,
+                     LDAPControl **cctrls, struct berval **servercredp) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_s: ld(%p) dn(%s) mechanism(%s) cred(***)\n", (void *)ld,
+           dn ? dn : "NULL", mech ? mech : "NULL");
+  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  int rc = ldap_sasl_bind_int(ld, dn, mech, cred, sctrls, cctrls, servercredp, 0, nullptr);
+  ldap_end_operation(ld);
+  return rc;
+}
+
+int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                            LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp) {
+  int id = -1;
+  int rc = ldap_sasl_bind_encode_and_send(ld, dn, mech, cred, sctrls, cctrls, &id, nullptr);
+  if (rc != LDAP_SUCCESS) return rc;
+  LDAPMessage *res = nullptr;
+  if (ldap_result_int(ld, id, LDAP_MSG_ALL, nullptr, &res) == -1) return ldap_get_errno_direct(ld);
+  return ldap_parse_sasl_bind_result_direct(ld, res, servercredp, 1);
+}
+}

@@ -1,0 +1,880 @@
+// LDAPv3 controls: lists and their encoding in requests and decoding from
+// responses, the preparation every operation applies, the last bind
+// response's controls, and constructors and parsers for particular controls
+// and extended-operation values.
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <strings.h>
+
+#include <string_view>
+
+#include "ldap-controls.h"
+#include "ldap-debug.h"
+#include "ldap-engine.h"
+#include "ldap-int.h"
+#include "ldap-lock.h"
+#include "ldap-utils.h"
+
+namespace {
+
+size_t count_of(LDAPControl **list) {
+  size_t n = 0;
+  while (list != nullptr && list[n] != nullptr) ++n;
+  return n;
+}
+
+// Frees an encoding element on every path.
+struct BerGuard {
+  BerElement *ber;
+  ~BerGuard() { fber_free(ber); }
+};
+
+// Encodes with the given format into a fresh element and flattens it into a
+// control value.  Returns 0, LDAP_ENCODING_ERROR or LDAP_NO_MEMORY.
+int flatten_into(BerElement *ber, struct berval *value) {
+  struct berval *bv = nullptr;
+  if (fber_flatten(ber, &bv) != 0) return LDAP_NO_MEMORY;
+  *value = *bv;
+  free(bv);
+  return LDAP_SUCCESS;
+}
+
+// A control with `oid`, `critical` and, when `ber` is given, its flattened contents.
+int control_from_ber(const char *oid, int critical, BerElement *ber, LDAPControl **out) {
+  LDAPControl *c = nullptr;
+  if (ldap_alloc_control(&c) != 0) return LDAP_NO_MEMORY;
+  c->ldctl_iscritical = critical;
+  c->ldctl_oid = olx_strdup(oid);
+  int rc = c->ldctl_oid ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+  if (rc == LDAP_SUCCESS && ber != nullptr) rc = flatten_into(ber, &c->ldctl_value);
+  if (rc != LDAP_SUCCESS) {
+    ldap_control_free(c);
+    return rc;
+  }
+  *out = c;
+  return LDAP_SUCCESS;
+}
+
+// A control value made from an extended-request style flattening.
+int value_from_ber(BerElement *ber, struct berval **out) {
+  if (fber_flatten(ber, out) != 0) return LDAP_NO_MEMORY;
+  return LDAP_SUCCESS;
+}
+
+bool char_critical(char c) { return c == 'T'; }
+
+LDAPControl *find_control(LDAPControl **ctrls, const char *oid) {
+  for (size_t i = 0; ctrls != nullptr && ctrls[i] != nullptr; ++i)
+    if (ctrls[i]->ldctl_oid != nullptr && strcmp(ctrls[i]->ldctl_oid, oid) == 0) return ctrls[i];
+  return nullptr;
+}
+
+// Lengths in the paged-results control's own layout: one byte below 128,
+// otherwise 0x82/0x83/0x84 and two, three or four bytes (0x82 even for 128..255).
+size_t paged_len_size(size_t n) { return n < 128 ? 1 : n <= 0xFFFF ? 3 : n <= 0xFFFFFF ? 4 : 5; }
+
+char *write_paged_len(char *p, size_t n) {
+  if (n < 128) {
+    *p++ = (char)n;
+    return p;
+  }
+  int bytes = n <= 0xFFFF ? 2 : n <= 0xFFFFFF ? 3 : 4;
+  *p++ = (char)(0x80 | bytes);
+  for (int i = bytes - 1; i >= 0; --i) *p++ = (char)((n >> (8 * i)) & 0xFF);
+  return p;
+}
+
+// Reads a length in that layout; false past `end`.
+bool read_paged_len(const unsigned char **p, const unsigned char *end, size_t *n) {
+  if (*p >= end) return false;
+  unsigned char first = *(*p)++;
+  if (!(first & 0x80)) {
+    *n = first;
+    return true;
+  }
+  int bytes = first & 0x7F;
+  if (bytes < 1 || bytes > 4 || end - *p < bytes) return false;
+  size_t v = 0;
+  for (int i = 0; i < bytes; ++i) v = (v << 8) | *(*p)++;
+  *n = v;
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+// ---- lists ----------------------------------------------------------------
+
+void ldap_control_free(LDAPControl *ctrl) {
+  if (ctrl == nullptr) return;
+  free(ctrl->ldctl_oid);
+  free(ctrl->ldctl_value.bv_val);
+  free(ctrl);
+}
+
+void ldap_controls_free(LDAPControl **ctrls) {
+  if (ctrls == nullptr) return;
+  for (LDAPControl **c = ctrls; *c != nullptr; ++c) ldap_control_free(*c);
+  free(ctrls);
+}
+
+void ldap_free_empty_control_list(LDAPControl **ctrls) {
+  if (ctrls == nullptr || ctrls[0] == nullptr) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_free_empty_control_list: called with NULL free, skipping ctrl(%p)\n",
+             (void *)ctrls);
+    return;
+  }
+  free(ctrls);
+}
+
+int ldap_copy_controls(LDAPControl ***to_here, LDAPControl **from) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_copy_controls\n");
+  if (to_here == nullptr) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_copy_controls: Invalid input to_here(%x)\n", 0u);
+    return LDAP_PARAM_ERROR;
+  }
+  *to_here = nullptr;
+  const size_t count = count_of(from);
+  if (count == 0) return LDAP_SUCCESS;
+  auto **copy = static_cast<LDAPControl **>(olx_calloc(count + 1, sizeof(LDAPControl *)));
+  if (copy == nullptr) return LDAP_NO_MEMORY;
+  int rc = LDAP_SUCCESS;
+  for (size_t i = 0; i < count && rc == LDAP_SUCCESS; ++i) {
+    const LDAPControl *src = from[i];
+    if (src->ldctl_oid == nullptr) {
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_copy_controls: OID is missing in control\n");
+      rc = LDAP_PARAM_ERROR;
+      break;
+    }
+    if ((int32_t)src->ldctl_value.bv_len < 0) {
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_copy_controls: length of value can't be less than 0\n");
+      rc = LDAP_PARAM_ERROR;
+      break;
+    }
+    auto *c = static_cast<LDAPControl *>(olx_calloc(1, sizeof(LDAPControl)));
+    if (c == nullptr) {
+      rc = LDAP_NO_MEMORY;
+      break;
+    }
+    copy[i] = c;
+    c->ldctl_iscritical = src->ldctl_iscritical;
+    c->ldctl_value.bv_len = src->ldctl_value.bv_len;
+    c->ldctl_oid = olx_strdup(src->ldctl_oid);
+    if (c->ldctl_oid == nullptr) rc = LDAP_NO_MEMORY;
+    if (rc == LDAP_SUCCESS && src->ldctl_value.bv_len > 0 && src->ldctl_value.bv_val != nullptr) {
+      c->ldctl_value.bv_val = static_cast<char *>(olx_malloc(src->ldctl_value.bv_len + 1));
+      if (c->ldctl_value.bv_val == nullptr) {
+        rc = LDAP_NO_MEMORY;
+      } else {
+        memcpy(c->ldctl_value.bv_val, src->ldctl_value.bv_val, src->ldctl_value.bv_len);
+        c->ldctl_value.bv_val[src->ldctl_value.bv_len] = '\0';
+      }
+    } else {
+      c->ldctl_value.bv_len = 0;  // a 0-length value is copied as no value
+    }
+  }
+  if (rc != LDAP_SUCCESS) {
+    ldap_controls_free(copy);
+    return rc;
+  }
+  *to_here = copy;
+  return LDAP_SUCCESS;
+}
+
+int ldap_merge_control_lists(LDAPControl ***dest, LDAPControl **input) {
+  LDAP_LOG(LDAP_LOG_TRACE,
+           "ldap_merge_control_lists: dest_ctrls(%p), *dest_ctrls(%p), input_ctrls(%p), *input_ctrls(%p)\n",
+           (void *)dest, dest ? (void *)*dest : nullptr, (void *)input, input ? (void *)*input : nullptr);
+  if (dest == nullptr || *dest == nullptr || input == nullptr || input[0] == nullptr) return LDAP_SUCCESS;
+  const size_t a = count_of(input), b = count_of(*dest);
+  auto **merged = static_cast<LDAPControl **>(olx_calloc(a + b + 1, sizeof(LDAPControl *)));
+  if (merged == nullptr) return LDAP_NO_MEMORY;
+  memcpy(merged, input, a * sizeof(LDAPControl *));
+  memcpy(merged + a, *dest, b * sizeof(LDAPControl *));
+  free(input);
+  free(*dest);
+  *dest = merged;
+  return LDAP_SUCCESS;
+}
+
+int ldap_alloc_control(LDAPControl **ctrl) {
+  if (ctrl == nullptr) return LDAP_PARAM_ERROR;
+  *ctrl = static_cast<LDAPControl *>(olx_calloc(1, sizeof(LDAPControl)));
+  return *ctrl ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+}
+
+int ldap_build_control(LDAPControl **ctrl, const char *oid, ber_len_t len, const char *value, int critical) {
+  if (ldap_alloc_control(ctrl) != LDAP_SUCCESS) return LDAP_NO_MEMORY;
+  LDAPControl *c = *ctrl;
+  c->ldctl_iscritical = critical;
+  c->ldctl_oid = olx_strdup(oid ? oid : "");
+  c->ldctl_value.bv_len = len;
+  bool ok = c->ldctl_oid != nullptr;
+  if (ok && len != 0) {
+    c->ldctl_value.bv_val = static_cast<char *>(olx_malloc(len + 1));
+    ok = c->ldctl_value.bv_val != nullptr;
+    if (ok) {
+      memcpy(c->ldctl_value.bv_val, value, len);
+      c->ldctl_value.bv_val[len] = '\0';
+    }
+  }
+  if (!ok) {
+    ldap_control_free(c);
+    *ctrl = nullptr;
+    return LDAP_NO_MEMORY;
+  }
+  return LDAP_SUCCESS;
+}
+
+int ldap_append_control(LDAPControl *ctrl, LDAPControl ***list) {
+  const size_t n = count_of(*list);
+  auto **grown = static_cast<LDAPControl **>(olx_calloc(n + 2, sizeof(LDAPControl *)));
+  if (grown == nullptr) return LDAP_NO_MEMORY;
+  if (n) memcpy(grown, *list, n * sizeof(LDAPControl *));
+  grown[n] = ctrl;
+  ldap_free_empty_control_list(*list);
+  if (n == 0) free(*list);  // an empty array is not freed above, but it is replaced here
+  *list = grown;
+  return LDAP_SUCCESS;
+}
+
+int ldap_add_control_to_list(const char *oid, ber_len_t len, const char *value, int critical,
+                             LDAPControl ***list) {
+  if (list == nullptr || (len != 0 && value == nullptr)) return LDAP_PARAM_ERROR;
+  LDAPControl *c = nullptr;
+  int rc = ldap_build_control(&c, oid, len, value, critical);
+  if (rc != LDAP_SUCCESS) return rc;
+  rc = ldap_append_control(c, list);
+  if (rc != LDAP_SUCCESS) ldap_control_free(c);
+  return rc;
+}
+
+// Removing a control that is not in the list leaves the list as it is.
+int ldap_remove_control(LDAPControl *ctrl, LDAPControl ***list, int freeit) {
+  const size_t n = count_of(*list);
+  size_t at = n;
+  for (size_t i = 0; i < n; ++i)
+    if ((*list)[i] == ctrl) at = i;
+  if (at == n) return LDAP_SUCCESS;
+  auto **shrunk = static_cast<LDAPControl **>(olx_calloc(n, sizeof(LDAPControl *)));
+  if (shrunk == nullptr) return LDAP_NO_MEMORY;
+  for (size_t i = 0, j = 0; i < n; ++i)
+    if (i != at) shrunk[j++] = (*list)[i];
+  free(*list);
+  *list = shrunk;
+  if (freeit) ldap_control_free(ctrl);
+  return LDAP_SUCCESS;
+}
+
+// ---- encoding and decoding --------------------------------------------------
+
+int put_ctrls_into_ber(BerElement *ber, LDAPControl **ctrls) {
+  if (ctrls == nullptr || ctrls[0] == nullptr) return LDAP_SUCCESS;
+  if (fber_printf(ber, "t{", (ber_tag_t)0xA0) != 0) return LDAP_ENCODING_ERROR;
+  for (size_t i = 0; ctrls[i] != nullptr; ++i) {
+    const LDAPControl *c = ctrls[i];
+    if (fber_printf(ber, "{sb", c->ldctl_oid ? c->ldctl_oid : "", c->ldctl_iscritical ? 1 : 0) != 0)
+      return LDAP_ENCODING_ERROR;
+    if (c->ldctl_value.bv_val != nullptr &&
+        fber_printf(ber, "o", c->ldctl_value.bv_val, (int)c->ldctl_value.bv_len) != 0)
+      return LDAP_ENCODING_ERROR;
+    if (fber_printf(ber, "}") != 0) return LDAP_ENCODING_ERROR;
+  }
+  return fber_printf(ber, "}") != 0 ? LDAP_ENCODING_ERROR : LDAP_SUCCESS;
+}
+
+int get_ctrls_from_ber(BerElement *ber, LDAPControl ***out) {
+  *out = nullptr;
+  ber_len_t len = 0;
+  if (fber_peek_tag(ber, &len) != 0xA0) return LDAP_SUCCESS;
+  fber_skip_tag(ber, &len);
+  const char *end = ber->ber_ptr + (len > (ber_len_t)(ber->ber_end - ber->ber_ptr) ? ber->ber_end - ber->ber_ptr : len);
+  auto **list = static_cast<LDAPControl **>(olx_calloc(2, sizeof(LDAPControl *)));
+  size_t n = 0;
+  int rc = list ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+  if (rc != LDAP_SUCCESS) LDAP_LOG(LDAP_LOG_ERROR, "get_ctrls_from_ber: No memory to (re)allocate controls array\n");
+  while (rc == LDAP_SUCCESS && ber->ber_ptr < end) {
+    if (n > 0) {
+      auto **grown = static_cast<LDAPControl **>(olx_realloc(list, (n + 2) * sizeof(LDAPControl *)));
+      if (grown == nullptr) {
+        LDAP_LOG(LDAP_LOG_ERROR, "get_ctrls_from_ber: No memory to (re)allocate controls array\n");
+        rc = LDAP_NO_MEMORY;
+        break;
+      }
+      list = grown;
+      list[n + 1] = nullptr;
+    }
+    auto *c = static_cast<LDAPControl *>(olx_calloc(1, sizeof(LDAPControl)));
+    if (c == nullptr) {
+      LDAP_LOG(LDAP_LOG_ERROR, "get_ctrls_from_ber: No memory for LDAPControl structure\n");
+      rc = LDAP_NO_MEMORY;
+      break;
+    }
+    list[n++] = c;
+    ber_len_t clen = 0;
+    if (fber_skip_tag(ber, &clen) == LBER_DEFAULT || clen > (ber_len_t)(end - ber->ber_ptr)) {
+      rc = LDAP_DECODING_ERROR;
+      break;
+    }
+    const char *cend = ber->ber_ptr + clen;
+    if (fber_scanf(ber, "a", &c->ldctl_oid) == LBER_ERROR || c->ldctl_oid == nullptr) {
+      LDAP_LOG(LDAP_LOG_ERROR, "get_ctrls_from_ber: Error decoding a control OID\n");
+      rc = LDAP_DECODING_ERROR;
+      break;
+    }
+    bool seen_bool = false, seen_value = false;
+    while (rc == LDAP_SUCCESS && ber->ber_ptr < cend) {
+      ber_tag_t tag = fber_peek_tag(ber, &len);
+      if (tag == 0x01 && !seen_bool && !seen_value) {
+        seen_bool = true;
+        if (fber_scanf(ber, "b", &c->ldctl_iscritical) == LBER_ERROR) rc = LDAP_DECODING_ERROR;
+      } else if (tag == 0x04 && !seen_value) {
+        seen_value = true;
+        if (fber_scanf(ber, "o", &c->ldctl_value) == LBER_ERROR) rc = LDAP_DECODING_ERROR;
+      } else {
+        rc = LDAP_DECODING_ERROR;  // out of order, repeated or unknown
+      }
+    }
+    if (rc != LDAP_SUCCESS) break;
+    if (ldap_trace_on()) {
+      if (c->ldctl_value.bv_val != nullptr) {
+        ldap_log(LDAP_LOG_TRACE, "get_ctrls_from_ber: Control OID = %s, critical = %s, value follows\n",
+                 c->ldctl_oid, c->ldctl_iscritical ? "Yes" : "No");
+        if (ldap_trace_enabled(LDAP_LOG_TRACE)) ldap_log_dump(c->ldctl_value.bv_val, (unsigned)c->ldctl_value.bv_len, nullptr);
+      } else {
+        ldap_log(LDAP_LOG_TRACE, "get_ctrls_from_ber: control value is NULL. \n");
+      }
+    }
+  }
+  if (rc != LDAP_SUCCESS) {
+    ldap_controls_free(list);
+    list = nullptr;
+    n = 0;
+  } else if (n == 0) {
+    free(list);
+    list = nullptr;
+  }
+  LDAP_LOG(LDAP_LOG_TRACE, "get_ctrls_from_ber: return(%d), ctrls=%p, %d controls returned\n", rc, (void *)list,
+           (int)n);
+  *out = list;
+  return rc;
+}
+
+int ldap_apply_default_controls(LDAP *ld, LDAPControl ***sctrls, LDAPControl **cctrls, int *substituted) {
+  *substituted = 0;
+  for (size_t i = 0; cctrls != nullptr && cctrls[i] != nullptr; ++i) {
+    if (cctrls[i]->ldctl_iscritical) {
+      LDAP_LOG(LDAP_LOG_ERROR, "Critical client controls not supported\n");
+      ldap_set_errno_direct(ld, LDAP_UNAVAILABLE_CRITICAL_EXTENSION, nullptr, nullptr);
+      return LDAP_UNAVAILABLE_CRITICAL_EXTENSION;
+    }
+  }
+  if (*sctrls == nullptr) {
+    // Only a missing list falls back to the defaults; an empty one means none.
+    LDAPControl **defaults = nullptr;
+    int rc = ldap_get_option_direct(ld, LDAP_OPT_SERVER_CONTROLS, &defaults);
+    if (rc != LDAP_SUCCESS) return rc;
+    *sctrls = defaults;
+    *substituted = 1;
+  }
+  return LDAP_SUCCESS;
+}
+
+int ldap_set_bind_controls(LDAP *ld, LDAPControl **ctrls) {
+  LDAPConn *conn = ld ? get_default_connection(ld) : nullptr;
+  if (conn == nullptr) return LDAP_PARAM_ERROR;
+  LDAPControl **copy = nullptr;
+  int rc = ldap_copy_controls(&copy, ctrls);
+  if (rc != LDAP_SUCCESS) return rc;
+  if (LDAP_MUTEX_LOCK(&conn->lc_bind_ctrls_mutex) != 0) {
+    ldap_controls_free(copy);
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return LDAP_LOCK_ERROR;
+  }
+  LDAPControl **old = conn->lc_bind_ctrls;
+  conn->lc_bind_ctrls = copy;
+  LDAP_MUTEX_UNLOCK(&conn->lc_bind_ctrls_mutex);
+  ldap_controls_free(old);
+  return LDAP_SUCCESS;
+}
+
+int ldap_get_bind_controls(LDAP *ld, LDAPControl ***ctrls) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_bind_controls\n");
+  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  int rc;
+  LDAPConn *conn = get_default_connection(ld);
+  if (ctrls == nullptr || conn == nullptr) {
+    rc = LDAP_PARAM_ERROR;
+    ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+  } else if (LDAP_MUTEX_LOCK(&conn->lc_bind_ctrls_mutex) != 0) {
+    rc = LDAP_LOCK_ERROR;
+    ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+  } else {
+    rc = ldap_copy_controls(ctrls, conn->lc_bind_ctrls);
+    LDAP_MUTEX_UNLOCK(&conn->lc_bind_ctrls_mutex);
+  }
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_bind_controls: returning rc=%d\n", rc);
+  return rc;
+}
+}
+
+// ---- constructors and parsers for particular controls ------------------------
+
+extern "C" {
+
+int ldap_create_proxyauth_control(LDAP *, const char *dn, int critical, LDAPControl **out) {
+  if (dn == nullptr || out == nullptr || critical == 0) return LDAP_PARAM_ERROR;
+  // The DN's bytes and its terminating zero, the zero counted in the length.
+  return ldap_build_control(out, LDAP_CONTROL_PROXYAUTH, strlen(dn) + 1, dn, critical);
+}
+
+int ldap_proxy_dn_prefix(char **out, const char *dn) {
+  if (out == nullptr || dn == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_proxy_dn_prefix: Bad Parameters passed proxyDN(%x) parm(%x)\n",
+             (unsigned)(uintptr_t)dn, (unsigned)(uintptr_t)out);
+    return LDAP_PARAM_ERROR;
+  }
+  const bool has = strncasecmp(dn, "dn:", 3) == 0;
+  size_t n = strlen(dn) + (has ? 0 : 3) + 1;
+  *out = static_cast<char *>(olx_malloc(n));
+  if (*out == nullptr) return LDAP_NO_MEMORY;
+  snprintf(*out, n, "%s%s", has ? "" : "dn:", dn);
+  return LDAP_SUCCESS;
+}
+
+int ldap_add_proxyauth_control_to_list(LDAPControl ***list, const char *dn) {
+  char *prefixed = nullptr;
+  int rc = ldap_proxy_dn_prefix(&prefixed, dn);
+  if (rc != LDAP_SUCCESS) return rc;
+  rc = ldap_add_control_to_list(LDAP_CONTROL_PROXYAUTH, strlen(prefixed) + 1, prefixed, 0, list);
+  free(prefixed);
+  return rc;
+}
+
+int ldap_create_page_control(LDAP *, unsigned int pagesize, const struct berval *cookie, char critical,
+                             LDAPControl **out) {
+  if (out == nullptr) return LDAP_PARAM_ERROR;
+  // The size as a big-endian two's-complement integer in the fewest bytes.
+  unsigned char size[5];
+  int k = 0;
+  for (int64_t v = (int64_t)pagesize;; v >>= 8) {
+    size[k++] = (unsigned char)(v & 0xFF);
+    if ((v >= -128 && v <= 127) || k == 5) break;
+  }
+  const size_t clen = (cookie && cookie->bv_val) ? cookie->bv_len : 0;
+  const size_t inner = 2 + k + 1 + paged_len_size(clen) + clen;
+  const size_t total = 1 + paged_len_size(inner) + inner;
+  char *buf = static_cast<char *>(olx_malloc(total + 1));
+  if (buf == nullptr) return LDAP_NO_MEMORY;
+  char *p = buf;
+  *p++ = 0x30;
+  p = write_paged_len(p, inner);
+  *p++ = 0x02;
+  *p++ = (char)k;
+  for (int i = k - 1; i >= 0; --i) *p++ = (char)size[i];
+  *p++ = 0x04;
+  p = write_paged_len(p, clen);
+  if (clen) memcpy(p, cookie->bv_val, clen);
+  int rc = ldap_build_control(out, LDAP_CONTROL_PAGEDRESULTS, total, buf, char_critical(critical));
+  free(buf);
+  return rc;
+}
+
+int ldap_parse_page_control(LDAP *, LDAPControl **ctrls, unsigned int *size, struct berval **cookie) {
+  if (cookie) *cookie = nullptr;
+  LDAPControl *c = find_control(ctrls, LDAP_CONTROL_PAGEDRESULTS);
+  if (c == nullptr) return LDAP_CONTROL_NOT_FOUND;
+  const auto *p = reinterpret_cast<const unsigned char *>(c->ldctl_value.bv_val);
+  if (p == nullptr || c->ldctl_value.bv_len == 0) return LDAP_DECODING_ERROR;
+  const unsigned char *end = p + c->ldctl_value.bv_len;
+  size_t len, ilen, clen;
+  if (*p++ != 0x30 || !read_paged_len(&p, end, &len) || len == 0 || (size_t)(end - p) < len) return LDAP_DECODING_ERROR;
+  end = p + len;
+  if (p >= end || *p++ != 0x02 || p >= end) return LDAP_DECODING_ERROR;
+  ilen = *p++;
+  if (ilen == 0 || ilen > 5 || (size_t)(end - p) < ilen) return LDAP_DECODING_ERROR;
+  int64_t v = (p[0] & 0x80) ? -1 : 0;
+  for (size_t i = 0; i < ilen; ++i) v = (v << 8) | p[i];
+  p += ilen;
+  if (p >= end || *p++ != 0x04 || !read_paged_len(&p, end, &clen) || (size_t)(end - p) < clen)
+    return LDAP_DECODING_ERROR;
+  if (size) *size = (unsigned int)v;
+  if (cookie) {
+    *cookie = static_cast<struct berval *>(olx_calloc(1, sizeof(struct berval)));
+    char *bytes = static_cast<char *>(olx_malloc(clen + 1));
+    if (*cookie == nullptr || bytes == nullptr) {
+      free(*cookie);
+      free(bytes);
+      *cookie = nullptr;
+      return LDAP_NO_MEMORY;
+    }
+    memcpy(bytes, p, clen);
+    bytes[clen] = '\0';
+    (*cookie)->bv_val = bytes;
+    (*cookie)->bv_len = clen;
+  }
+  return LDAP_SUCCESS;
+}
+
+int ldap_create_sort_control(LDAP *, LDAPsortkey **keys, char critical, LDAPControl **out) {
+  if (keys == nullptr || out == nullptr) return LDAP_PARAM_ERROR;
+  BerGuard g{fber_alloc()};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  if (fber_printf(g.ber, "{") != 0) return LDAP_ENCODING_ERROR;
+  for (size_t i = 0; keys[i] != nullptr; ++i) {
+    if (fber_printf(g.ber, "{s", keys[i]->sk_attrtype ? keys[i]->sk_attrtype : "") != 0) return LDAP_ENCODING_ERROR;
+    if (keys[i]->sk_matchruleoid && fber_printf(g.ber, "ts", (ber_tag_t)0x80, keys[i]->sk_matchruleoid) != 0)
+      return LDAP_ENCODING_ERROR;
+    if (keys[i]->sk_reverseorder == 1 && fber_printf(g.ber, "tb", (ber_tag_t)0x81, 1) != 0)
+      return LDAP_ENCODING_ERROR;
+    if (fber_printf(g.ber, "}") != 0) return LDAP_ENCODING_ERROR;
+  }
+  if (fber_printf(g.ber, "}") != 0) return LDAP_ENCODING_ERROR;
+  int rc = control_from_ber(LDAP_CONTROL_SORTREQUEST, char_critical(critical), g.ber, out);
+  if (rc == LDAP_NO_MEMORY) {
+    LDAP_LOG(LDAP_LOG_ERROR, "Error: ber_flatten failed for sortkey (NULL)\n");
+    return LDAP_ENCODING_ERROR;
+  }
+  return rc;
+}
+
+int ldap_parse_sort_control(LDAP *, LDAPControl **ctrls, unsigned long *result, char **attribute) {
+  if (attribute) *attribute = nullptr;
+  LDAPControl *c = find_control(ctrls, LDAP_CONTROL_SORTRESPONSE);
+  if (c == nullptr) return LDAP_CONTROL_NOT_FOUND;
+  BerGuard g{fber_init2(&c->ldctl_value)};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  int code = 0;
+  if (fber_scanf(g.ber, "{e", &code) == LBER_ERROR) return LDAP_DECODING_ERROR;
+  if (result) *result = (unsigned long)code;
+  ber_len_t len;
+  // The attribute that caused a failure, [0] after the code, when present.
+  if (attribute && fber_peek_tag(g.ber, &len) == 0x80 && fber_get_stringa(g.ber, attribute, 0) == LBER_ERROR)
+    return LDAP_DECODING_ERROR;
+  return LDAP_SUCCESS;
+}
+
+int ldap_parse_entrychange_control(LDAP *, LDAPControl **ctrls, int *changetype, char **prevdn, int *chgnumpresent,
+                                   long *chgnum) {
+  if (prevdn) *prevdn = nullptr;
+  if (chgnumpresent) *chgnumpresent = 0;
+  LDAPControl *c = find_control(ctrls, LDAP_CONTROL_ENTRYCHANGE);
+  if (c == nullptr) return LDAP_CONTROL_NOT_FOUND;
+  BerGuard g{fber_init2(&c->ldctl_value)};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  int type = 0;
+  if (fber_scanf(g.ber, "{i", &type) == LBER_ERROR) return LDAP_DECODING_ERROR;
+  if (changetype) *changetype = type;
+  ber_len_t len;
+  if (fber_peek_tag(g.ber, &len) == 0x04) {
+    char *dn = nullptr;
+    if (fber_scanf(g.ber, "a", &dn) == LBER_ERROR) return LDAP_DECODING_ERROR;
+    if (prevdn)
+      *prevdn = dn;
+    else
+      free(dn);
+  }
+  if (fber_peek_tag(g.ber, &len) == 0x02) {
+    int64_t n = 0;
+    if (fber_get_long(g.ber, &n) == LBER_ERROR) return LDAP_DECODING_ERROR;
+    if (chgnum) *chgnum = (long)n;
+    if (chgnumpresent) *chgnumpresent = 1;
+  }
+  return LDAP_SUCCESS;
+}
+
+int ldap_create_persistentsearch_control(LDAP *, int changetypes, int changesonly, int return_echg_ctls,
+                                         char critical, LDAPControl **out) {
+  if (out == nullptr) return LDAP_PARAM_ERROR;
+  if (!(changetypes == 1 || changetypes == 2 || changetypes == 4 || changetypes == 8 || changetypes == 15) ||
+      (changesonly != 0 && changesonly != 1))
+    return LDAP_PARAM_ERROR;
+  BerGuard g{fber_alloc()};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  if (fber_printf(g.ber, "{iii}", changetypes, changesonly, return_echg_ctls) != 0) return LDAP_ENCODING_ERROR;
+  return control_from_ber(LDAP_CONTROL_PERSISTENTSEARCH, (int)critical, g.ber, out);
+}
+
+int ldap_create_account_status_request(const char *dn, struct berval **out) {
+  if (dn == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "EntryDN must not be NULL.\n");
+    return LDAP_PARAM_ERROR;
+  }
+  if (out == nullptr) return LDAP_PARAM_ERROR;
+  BerGuard g{fber_alloc()};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  if (fber_printf(g.ber, "{s}", dn) != 0) return LDAP_ENCODING_ERROR;
+  return value_from_ber(g.ber, out);
+}
+
+int ldap_create_chaining_audit_control(char **list, const char *value, int critical, LDAPControl **out) {
+  if (out == nullptr) return LDAP_PARAM_ERROR;
+  BerGuard g{fber_alloc()};
+  if (g.ber == nullptr) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_create_chaining_audit_control: failed in fber_alloc.\n");
+    return LDAP_NO_MEMORY;
+  }
+  if (fber_printf(g.ber, "{{v}s}", list, value ? value : "") != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_create_chaining_audit_control: failed in fber_printf.\n");
+    return LDAP_ENCODING_ERROR;
+  }
+  return control_from_ber(LDAP_CONTROL_CHAINING_AUDIT, critical, g.ber, out);
+}
+
+int ldap_create_group_control_from_list(char **groups, int normalized, LDAPControl **out) {
+  if (out == nullptr) return LDAP_PARAM_ERROR;
+  if (normalized != 0 && normalized != 1) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_create_group_control_from_list: failed. Invalid Normalized Value:%i.\n", normalized);
+    return LDAP_PARAM_ERROR;
+  }
+  BerGuard g{fber_alloc()};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  if (fber_printf(g.ber, "{e{v}}", normalized, groups) != 0) return LDAP_ENCODING_ERROR;
+  return control_from_ber(LDAP_CONTROL_GROUP, 1, g.ber, out);
+}
+
+int ldap_create_group_control(const struct berval *value, LDAPControl **out) {
+  if (value == nullptr || out == nullptr) return LDAP_PARAM_ERROR;
+  return ldap_build_control(out, LDAP_CONTROL_GROUP, value->bv_val ? value->bv_len : 0, value->bv_val, 1);
+}
+
+int ldap_create_oid25_control(LDAPControl **out) {
+  if (out == nullptr) return LDAP_PARAM_ERROR;
+  return ldap_build_control(out, LDAP_CONTROL_OID25, 0, nullptr, 1);
+}
+
+int ldap_create_oid26_control(LDAPControl **out) {
+  if (out == nullptr) return LDAP_PARAM_ERROR;
+  return ldap_build_control(out, LDAP_CONTROL_OID26, 0, nullptr, 1);
+}
+
+int ldap_create_oid33_control(int critical, LDAPControl **out) {
+  if (out == nullptr) return LDAP_PARAM_ERROR;
+  return ldap_build_control(out, LDAP_CONTROL_OID33, 0, nullptr, critical ? 1 : 0);
+}
+
+int ldap_create_transaction_control(const struct berval *txnid, LDAPControl **out) {
+  if (txnid == nullptr || out == nullptr) return LDAP_PARAM_ERROR;
+  return ldap_build_control(out, LDAP_CONTROL_TRANSACTION, txnid->bv_val ? txnid->bv_len : 0, txnid->bv_val, 1);
+}
+
+int ldap_create_end_transaction_request(const struct berval *txnid, int commit, struct berval **out) {
+  if (txnid == nullptr || out == nullptr) return LDAP_PARAM_ERROR;
+  const size_t n = txnid->bv_val ? txnid->bv_len : 0;
+  auto *bv = static_cast<struct berval *>(olx_calloc(1, sizeof(struct berval)));
+  char *bytes = static_cast<char *>(olx_malloc(n + 2));
+  if (bv == nullptr || bytes == nullptr) {
+    free(bv);
+    free(bytes);
+    return LDAP_NO_MEMORY;
+  }
+  bytes[0] = commit ? 1 : 0;
+  if (n) memcpy(bytes + 1, txnid->bv_val, n);
+  bytes[n + 1] = '\0';
+  bv->bv_val = bytes;
+  bv->bv_len = n + 1;
+  *out = bv;
+  return LDAP_SUCCESS;
+}
+
+int ldap_create_prepare_tranaction_request(const struct berval *txnid, struct berval **out) {
+  if (txnid == nullptr || out == nullptr) return LDAP_PARAM_ERROR;
+  const size_t n = txnid->bv_val ? txnid->bv_len : 0;
+  auto *bv = static_cast<struct berval *>(olx_calloc(1, sizeof(struct berval)));
+  char *bytes = static_cast<char *>(olx_malloc(n + 1));
+  if (bv == nullptr || bytes == nullptr) {
+    free(bv);
+    free(bytes);
+    return LDAP_NO_MEMORY;
+  }
+  if (n) memcpy(bytes, txnid->bv_val, n);
+  bytes[n] = '\0';
+  bv->bv_val = bytes;
+  bv->bv_len = n;
+  *out = bv;
+  return LDAP_SUCCESS;
+}
+
+int ldap_create_group_eval_request(const char *dn, char **groups, struct berval **out) {
+  if (dn == nullptr || out == nullptr) return LDAP_PARAM_ERROR;
+  BerGuard g{fber_alloc()};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  int rc = groups ? fber_printf(g.ber, "{s{v}}", dn, groups) : fber_printf(g.ber, "{s}", dn);
+  if (rc != 0) return LDAP_ENCODING_ERROR;
+  return value_from_ber(g.ber, out);
+}
+
+int ldap_create_limit_num_values_control(LDAP *, int per_attribute, int total, int flag, int critical,
+                                         LDAPControl **out) {
+  if (out == nullptr) return LDAP_PARAM_ERROR;
+  if (per_attribute < 0 || total < 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_create_limit_num_values_control: negative value!\n");
+    return LDAP_PARAM_ERROR;
+  }
+  BerGuard g{fber_alloc()};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  if (fber_printf(g.ber, "{iib}", per_attribute, total, flag) != 0) return LDAP_ENCODING_ERROR;
+  return control_from_ber(LDAP_CONTROL_LIMIT_NUM_VALUES, critical, g.ber, out);
+}
+
+void ldap_free_limit_num_values(LDAPLimitNumValues **list) {
+  for (size_t i = 0; list != nullptr && list[i] != nullptr; ++i) {
+    free(list[i]->lnv_attribute);
+    free(list[i]);
+  }
+  free(list);
+}
+
+int ldap_parse_limit_num_values_response(LDAP *, LDAPControl **ctrls, char **dn, LDAPLimitNumValues ***attributes) {
+  if (dn) *dn = nullptr;
+  if (attributes) *attributes = nullptr;
+  LDAPControl *c = find_control(ctrls, LDAP_CONTROL_LIMIT_NUM_VALUES);
+  if (c == nullptr) return LDAP_CONTROL_NOT_FOUND;
+  BerGuard g{fber_init2(&c->ldctl_value)};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  char *entry = nullptr;
+  if (fber_scanf(g.ber, "{a", &entry) == LBER_ERROR) return LDAP_DECODING_ERROR;
+  LDAPLimitNumValues **list = nullptr;
+  size_t n = 0;
+  int rc = LDAP_SUCCESS;
+  ber_len_t len;
+  while (rc == LDAP_SUCCESS && fber_peek_tag(g.ber, &len) == 0x30) {
+    auto *item = static_cast<LDAPLimitNumValues *>(olx_calloc(1, sizeof(LDAPLimitNumValues)));
+    auto **grown = item ? static_cast<LDAPLimitNumValues **>(olx_realloc(list, (n + 2) * sizeof(*list))) : nullptr;
+    if (grown == nullptr) {
+      free(item);
+      rc = LDAP_NO_MEMORY;
+      break;
+    }
+    list = grown;
+    list[n++] = item;
+    list[n] = nullptr;
+    if (fber_scanf(g.ber, "{aii}", &item->lnv_attribute, &item->lnv_returned, &item->lnv_total) == LBER_ERROR)
+      rc = LDAP_DECODING_ERROR;
+  }
+  if (rc != LDAP_SUCCESS || dn == nullptr) free(entry);
+  if (rc != LDAP_SUCCESS || attributes == nullptr) {
+    ldap_free_limit_num_values(list);
+  } else {
+    *attributes = list;
+  }
+  if (rc == LDAP_SUCCESS && dn) *dn = entry;
+  return rc;
+}
+
+int ldap_create_effective_pwdpolicy_request(const char *dn, struct berval **out) {
+  if (dn == nullptr || out == nullptr) return LDAP_PARAM_ERROR;
+  BerGuard g{fber_alloc()};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  if (fber_printf(g.ber, "{s}", dn) != 0) return LDAP_ENCODING_ERROR;
+  return value_from_ber(g.ber, out);
+}
+
+void ldap_free_effective_pwdpolicy(LDAPPolicyItem **items, char **trailing) {
+  for (size_t i = 0; items != nullptr && items[i] != nullptr; ++i) {
+    free(items[i]->lpi_name);
+    fber_svecfree(items[i]->lpi_values);
+    free(items[i]);
+  }
+  free(items);
+  fber_svecfree(trailing);
+}
+
+int ldap_parse_effective_pwdpolicy_response(const char *oid, const struct berval *value, LDAPPolicyItem ***items,
+                                            char ***trailing) {
+  *items = nullptr;
+  *trailing = nullptr;
+  if (oid == nullptr || strcmp(oid, LDAP_EXOP_EFFECTIVE_PWDPOLICY_RESPONSE) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "Unexpected extended response: %s\n", oid ? oid : "(null)");
+    return LDAP_DECODING_ERROR;
+  }
+  if (value == nullptr) return LDAP_DECODING_ERROR;
+  BerGuard g{fber_init2(value)};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  if (fber_scanf(g.ber, "{") == LBER_ERROR) return LDAP_DECODING_ERROR;
+  LDAPPolicyItem **list = nullptr;
+  size_t n = 0;
+  int rc = LDAP_SUCCESS;
+  ber_len_t len;
+  while (rc == LDAP_SUCCESS && fber_peek_tag(g.ber, &len) == 0x30) {
+    auto *item = static_cast<LDAPPolicyItem *>(olx_calloc(1, sizeof(LDAPPolicyItem)));
+    auto **grown = item ? static_cast<LDAPPolicyItem **>(olx_realloc(list, (n + 2) * sizeof(*list))) : nullptr;
+    if (grown == nullptr) {
+      free(item);
+      rc = LDAP_NO_MEMORY;
+      break;
+    }
+    list = grown;
+    list[n++] = item;
+    list[n] = nullptr;
+    if (fber_scanf(g.ber, "{a[v]}", &item->lpi_name, &item->lpi_values) == LBER_ERROR) rc = LDAP_DECODING_ERROR;
+  }
+  char **tail = nullptr;
+  if (rc == LDAP_SUCCESS && fber_peek_tag(g.ber, &len) == 0x80 && fber_scanf(g.ber, "[v]", &tail) == LBER_ERROR)
+    rc = LDAP_DECODING_ERROR;
+  if (rc != LDAP_SUCCESS) {
+    ldap_free_effective_pwdpolicy(list, tail);
+    return rc;
+  }
+  *items = list;
+  *trailing = tail;
+  return LDAP_SUCCESS;
+}
+
+int ldap_create_vlv_control(LDAP *, LDAPVLVInfo *info, LDAPControl **out) {
+  if (info == nullptr || out == nullptr) return LDAP_PARAM_ERROR;
+  if (info->ldvlv_attrvalue == nullptr && info->ldvlv_offset == 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_create_vlv_control: offset=0 not allowed.\n");
+    return LDAP_PARAM_ERROR;
+  }
+  BerGuard g{fber_alloc()};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  if (fber_printf(g.ber, "{ii", info->ldvlv_before_count, info->ldvlv_after_count) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_create_vlv_control: failed in fber_printf - 1\n");
+    return LDAP_ENCODING_ERROR;
+  }
+  int rc = info->ldvlv_attrvalue == nullptr
+               ? fber_printf(g.ber, "t{ii}", (ber_tag_t)0xA0, info->ldvlv_offset, info->ldvlv_count)
+               : fber_printf(g.ber, "to", (ber_tag_t)0x81, info->ldvlv_attrvalue->bv_val,
+                             (int)info->ldvlv_attrvalue->bv_len);
+  if (rc != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_create_vlv_control: failed in fber_printf - 2\n");
+    return LDAP_ENCODING_ERROR;
+  }
+  if (info->ldvlv_context != nullptr &&
+      fber_printf(g.ber, "o", info->ldvlv_context->bv_val, (int)info->ldvlv_context->bv_len) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_create_vlv_control: failed in fber_printf - 3\n");
+    return LDAP_ENCODING_ERROR;
+  }
+  if (fber_printf(g.ber, "}") != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_create_vlv_control: failed in fber_printf - 4\n");
+    return LDAP_ENCODING_ERROR;
+  }
+  return control_from_ber(LDAP_CONTROL_VLVREQUEST, 1, g.ber, out);
+}
+
+// Returns the result code the server put in the control (0 = success), or
+// LDAP_CONTROL_NOT_FOUND / LDAP_DECODING_ERROR / LDAP_NO_MEMORY.
+int ldap_parse_vlv_control(LDAP *, LDAPControl **ctrls, unsigned long *target_pos, unsigned long *list_count,
+                           struct berval **context) {
+  if (context) *context = nullptr;
+  LDAPControl *c = find_control(ctrls, LDAP_CONTROL_VLVRESPONSE);
+  if (c == nullptr) return LDAP_CONTROL_NOT_FOUND;
+  BerGuard g{fber_init2(&c->ldctl_value)};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  int pos = 0, count = 0, code = 0;
+  if (fber_scanf(g.ber, "{iie", &pos, &count, &code) == LBER_ERROR) return LDAP_DECODING_ERROR;
+  if (target_pos) *target_pos = (unsigned long)pos;
+  if (list_count) *list_count = (unsigned long)count;
+  ber_len_t len;
+  if (context && fber_peek_tag(g.ber, &len) == 0x04) {
+    struct berval *ctx = nullptr;
+    if (fber_scanf(g.ber, "O}", &ctx) == LBER_ERROR) return LDAP_DECODING_ERROR;
+    *context = ctx;
+  }
+  return code;
+}
+}
