@@ -263,6 +263,9 @@ TAVLDAP_API void tav_ldap_free_urldesc(LDAPURLDesc *ludp);
 
 /* The canonical path of the loaded library file, newly allocated (release it
  * with free or tav_ldap_memfree); null when it cannot be determined. */
+/* Simple bind (DN and password; both null for an anonymous bind); the result code. */
+TAVLDAP_API int tav_ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd);
+
 TAVLDAP_API char *tavldap_loaded_from(void);
 
 /* Identification lines ("@(#)key: value") and the banner. */
