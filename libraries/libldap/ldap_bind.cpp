@@ -69,6 +69,11 @@ int send_bind(LDAP *ld, LDAPConn *conn, int *msgidp, const char *who, bool recor
 
 bool is_external(const char *mech) { return mech != nullptr && strcasecmp(mech, "EXTERNAL") == 0; }
 
+// EXTERNAL takes no credentials.  An empty credentials value is not refused:
+// it is how a client sends the empty initial response that servers such as
+// slapd expect, and without it they answer "SASL bind in progress" (14).
+bool has_credentials(const struct berval *cred) { return cred != nullptr && cred->bv_len != 0; }
+
 // Waits for the whole response of `id` and turns it into the result code.
 int wait_simple(LDAP *ld, int id) {
   LDAPMessage *res = nullptr;
@@ -248,13 +253,13 @@ int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mech, const stru
     return rc;
   }
   if (is_external(mech)) {
-    if (cred != nullptr) {
+    if (has_credentials(cred)) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_sasl_bind_direct: credentials given for external bind\n");
       ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
       return LDAP_PARAM_ERROR;
     }
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_direct: got mechanism %s\n", mech);
-    return ldap_sasl_bind_encode_and_send(ld, dn, mech, nullptr, sctrls, nullptr, msgidp, conn);
+    return ldap_sasl_bind_encode_and_send(ld, dn, mech, cred, sctrls, nullptr, msgidp, conn);
   }
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_direct: got mechanism %s\n", mech);
   return LDAP_PARAM_ERROR;
@@ -287,7 +292,7 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct 
     rc = ldap_sasl_bind_direct(ld, dn, "", cred, sctrls, &id, nullptr);
   } else {
     if (is_external(mech)) {
-      if ((dn != nullptr && *dn != '\0') || cred != nullptr) {
+      if ((dn != nullptr && *dn != '\0') || has_credentials(cred)) {
         ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
         return LDAP_PARAM_ERROR;
       }

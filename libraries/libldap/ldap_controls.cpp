@@ -287,6 +287,7 @@ int put_ctrls_into_ber(BerElement *ber, LDAPControl **ctrls) {
 
 int get_ctrls_from_ber(BerElement *ber, LDAPControl ***out) {
   *out = nullptr;
+  if (ber == nullptr) return LDAP_DECODING_ERROR;
   ber_len_t len = 0;
   if (fber_peek_tag(ber, &len) != 0xA0) return LDAP_SUCCESS;
   fber_skip_tag(ber, &len);
@@ -319,7 +320,9 @@ int get_ctrls_from_ber(BerElement *ber, LDAPControl ***out) {
       break;
     }
     const char *cend = ber->ber_ptr + clen;
-    if (fber_scanf(ber, "a", &c->ldctl_oid) == LBER_ERROR || c->ldctl_oid == nullptr) {
+    // The OID must be an OCTET STRING; the reader would take any primitive.
+    if (fber_peek_tag(ber, &len) != 0x04 || fber_scanf(ber, "a", &c->ldctl_oid) == LBER_ERROR ||
+        c->ldctl_oid == nullptr) {
       LDAP_LOG(LDAP_LOG_ERROR, "get_ctrls_from_ber: Error decoding a control OID\n");
       rc = LDAP_DECODING_ERROR;
       break;

@@ -562,14 +562,21 @@ int ldap_parse_pwdpolicy_response(LDAPControl **ctrls, int *controlerr, int *con
     if (c->ldctl_oid == nullptr || strcmp(c->ldctl_oid, LDAP_CONTROL_PWDPOLICY) != 0 ||
         c->ldctl_value.bv_val == nullptr || c->ldctl_value.bv_len == 0)
       continue;
+    // SEQUENCE { warning [0] { [0] time before expiration | [1] grace logins } OPTIONAL,
+    //            error [1] ENUMERATED OPTIONAL }
     BerElement *ber = fber_init2(&c->ldctl_value);
     int tag = 0;
     ber_tag_t rc = ber ? fber_scanf(ber, "{t", &tag) : LBER_ERROR;
-    if (rc != LBER_ERROR && tag == 0x80) {
-      rc = fber_scanf(ber, "{t{i}}}", controlwarn, controlres);
-      if (rc != LBER_ERROR) *controlwarn = *controlwarn == 0x80 ? 1 : 2;
-    } else if (rc != LBER_ERROR && tag == 0x81) {
-      rc = fber_scanf(ber, "{e}}", controlerr);
+    if (rc != LBER_ERROR && (tag == 0xA0 || tag == 0x80)) {
+      int inner = 0;
+      rc = fber_scanf(ber, "{t", &inner);
+      if (rc != LBER_ERROR) rc = fber_get_int(ber, controlres);
+      if (rc != LBER_ERROR) *controlwarn = inner == 0x80 ? 1 : 2;
+      ber_len_t len;
+      if (rc != LBER_ERROR && fber_peek_tag(ber, &len) == 0x81) tag = 0x81;
+    }
+    if (rc != LBER_ERROR && tag == 0x81) {
+      rc = fber_get_int(ber, controlerr);
       if (rc != LBER_ERROR) *controlerr += 3;
     }
     fber_free(ber);

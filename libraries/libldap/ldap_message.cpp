@@ -52,7 +52,10 @@ int ldap_msgfree_direct(LDAPMessage *msg) {
   if (table == nullptr) return 0;
   if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return 0;
   const bool alone = (msg->lm_flags & LDAP_MSG_HANDED_ALONE) != 0;
+  // The type of the last message freed: the message itself, or its chain's end.
   int type = msg->lm_msgtype;
+  if (!alone)
+    for (const LDAPMessage *m = msg; m != nullptr; m = m->lm_chain) type = m->lm_msgtype;
   const int id = msg->lm_msgid;
   if (id >= 0 && (uint32_t)id < table->size) {
     ldap_msg_row *row = &table->rows[id];
