@@ -268,6 +268,34 @@ TAVLDAP_API int tav_ldap_simple_bind_s(LDAP *ld, const char *dn, const char *pas
 
 TAVLDAP_API char *tavldap_loaded_from(void);
 
+/* A modification for tav_ldap_add_s and tav_ldap_modify_s, passed in a
+ * null-terminated list.  mod_op is the operation (add ignores it), plus
+ * LDAP_MOD_BVALUES when the values are counted byte strings (mod_bvalues)
+ * rather than NUL-terminated strings (mod_values).  A null value list means
+ * no values: a replace without values removes the attribute. */
+#define LDAP_MOD_ADD 0x00
+#define LDAP_MOD_DELETE 0x01
+#define LDAP_MOD_REPLACE 0x02
+#define LDAP_MOD_BVALUES 0x80
+typedef struct ldapmod {
+  int mod_op;
+  char *mod_type;
+  union {
+    char **modv_strvals;
+    struct berval **modv_bvals;
+  } mod_vals;
+} LDAPMod;
+#define mod_values mod_vals.modv_strvals
+#define mod_bvalues mod_vals.modv_bvals
+
+/* Update operations: the result code of the server's response (0 for
+ * success), or the library's own code when the request could not be made.
+ * Matched DN and message go to the calling thread's error record. */
+TAVLDAP_API int tav_ldap_add_s(LDAP *ld, const char *dn, LDAPMod **attrs);
+TAVLDAP_API int tav_ldap_delete_s(LDAP *ld, const char *dn);
+TAVLDAP_API int tav_ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods);
+TAVLDAP_API int tav_ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn);
+
 /* Identification lines ("@(#)key: value") and the banner. */
 TAVLDAP_API extern const char tavldap_SCCSInfo[];
 TAVLDAP_API extern const char tavldap_Copyright[];
