@@ -439,6 +439,8 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
   ldap_set_errno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
   if (res == nullptr || res->lm_msgtype != kBindResponse) {
     if (res != nullptr) LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_sasl_bind_result_direct: rc=%d\n", LDAP_PARAM_ERROR);
+    // The response is gone after the call whatever the outcome.
+    if (freeit == 1) ldap_msgfree(res);
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     return LDAP_PARAM_ERROR;
   }
@@ -494,6 +496,7 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
   if (serverctrlsp) *serverctrlsp = nullptr;
   ldap_set_errno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
   if (res == nullptr || res->lm_msgtype != kExtendedResponse) {
+    if (freeit == 1) ldap_msgfree(res);
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     return LDAP_PARAM_ERROR;
   }
