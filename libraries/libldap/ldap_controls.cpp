@@ -101,6 +101,28 @@ bool read_paged_len(const unsigned char **p, const unsigned char *end, size_t *n
   return true;
 }
 
+// Reads the SEQUENCEs that follow as items of a null-terminated list, one
+// zeroed record each, filled by `read`; the list is left in *list on every
+// path so the caller frees whatever was built.
+template <typename Item, typename Read>
+int read_item_list(BerElement *ber, Item ***list, Read read) {
+  size_t n = 0;
+  ber_len_t len;
+  while (fber_peek_tag(ber, &len) == 0x30) {
+    auto *item = static_cast<Item *>(olx_calloc(1, sizeof(Item)));
+    auto **grown = item ? static_cast<Item **>(olx_realloc(*list, (n + 2) * sizeof(Item *))) : nullptr;
+    if (grown == nullptr) {
+      free(item);
+      return LDAP_NO_MEMORY;
+    }
+    *list = grown;
+    grown[n++] = item;
+    grown[n] = nullptr;
+    if (read(item) == LBER_ERROR) return LDAP_DECODING_ERROR;
+  }
+  return LDAP_SUCCESS;
+}
+
 }  // namespace
 
 extern "C" {
@@ -741,23 +763,9 @@ int ldap_parse_limit_num_values_response(LDAP *, LDAPControl **ctrls, char **dn,
   char *entry = nullptr;
   if (fber_scanf(g.ber, "{a", &entry) == LBER_ERROR) return LDAP_DECODING_ERROR;
   LDAPLimitNumValues **list = nullptr;
-  size_t n = 0;
-  int rc = LDAP_SUCCESS;
-  ber_len_t len;
-  while (rc == LDAP_SUCCESS && fber_peek_tag(g.ber, &len) == 0x30) {
-    auto *item = static_cast<LDAPLimitNumValues *>(olx_calloc(1, sizeof(LDAPLimitNumValues)));
-    auto **grown = item ? static_cast<LDAPLimitNumValues **>(olx_realloc(list, (n + 2) * sizeof(*list))) : nullptr;
-    if (grown == nullptr) {
-      free(item);
-      rc = LDAP_NO_MEMORY;
-      break;
-    }
-    list = grown;
-    list[n++] = item;
-    list[n] = nullptr;
-    if (fber_scanf(g.ber, "{aii}", &item->lnv_attribute, &item->lnv_returned, &item->lnv_total) == LBER_ERROR)
-      rc = LDAP_DECODING_ERROR;
-  }
+  int rc = read_item_list(g.ber, &list, [&](LDAPLimitNumValues *item) {
+    return fber_scanf(g.ber, "{aii}", &item->lnv_attribute, &item->lnv_returned, &item->lnv_total);
+  });
   if (rc != LDAP_SUCCESS || dn == nullptr) free(entry);
   if (rc != LDAP_SUCCESS || attributes == nullptr) {
     ldap_free_limit_num_values(list);
@@ -799,22 +807,10 @@ int ldap_parse_effective_pwdpolicy_response(const char *oid, const struct berval
   if (g.ber == nullptr) return LDAP_NO_MEMORY;
   if (fber_scanf(g.ber, "{") == LBER_ERROR) return LDAP_DECODING_ERROR;
   LDAPPolicyItem **list = nullptr;
-  size_t n = 0;
-  int rc = LDAP_SUCCESS;
+  int rc = read_item_list(g.ber, &list, [&](LDAPPolicyItem *item) {
+    return fber_scanf(g.ber, "{a[v]}", &item->lpi_name, &item->lpi_values);
+  });
   ber_len_t len;
-  while (rc == LDAP_SUCCESS && fber_peek_tag(g.ber, &len) == 0x30) {
-    auto *item = static_cast<LDAPPolicyItem *>(olx_calloc(1, sizeof(LDAPPolicyItem)));
-    auto **grown = item ? static_cast<LDAPPolicyItem **>(olx_realloc(list, (n + 2) * sizeof(*list))) : nullptr;
-    if (grown == nullptr) {
-      free(item);
-      rc = LDAP_NO_MEMORY;
-      break;
-    }
-    list = grown;
-    list[n++] = item;
-    list[n] = nullptr;
-    if (fber_scanf(g.ber, "{a[v]}", &item->lpi_name, &item->lpi_values) == LBER_ERROR) rc = LDAP_DECODING_ERROR;
-  }
   char **tail = nullptr;
   if (rc == LDAP_SUCCESS && fber_peek_tag(g.ber, &len) == 0x80 && fber_scanf(g.ber, "[v]", &tail) == LBER_ERROR)
     rc = LDAP_DECODING_ERROR;
