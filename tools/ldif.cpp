@@ -303,6 +303,7 @@ bool Reader::next(Record *record, std::string *error) {
           record->newrdn = f.value;
         } else if (name == "newsuperior") {
           record->newsuperior = f.value;
+          record->newsuperior_line = lines[i].number;
         } else if (f.value == "0" || f.value == "1") {
           record->deleteoldrdn = f.value == "1";
         } else {

@@ -29,6 +29,7 @@ struct Record {
   bool deleteoldrdn = false;
   bool has_newsuperior = false;
   std::string newsuperior;
+  int newsuperior_line = 0;
 };
 
 class Reader {

@@ -94,6 +94,7 @@ TEST(LdifReader, ChangeRecordsOfEveryKind) {
   EXPECT_FALSE(records[3].deleteoldrdn);
   EXPECT_TRUE(records[3].has_newsuperior);
   EXPECT_EQ(records[3].newsuperior, "ou=x,dc=example,dc=com");
+  EXPECT_EQ(records[3].newsuperior_line, 36);
 
   EXPECT_EQ(records[4].change, Change::Delete);
   EXPECT_EQ(records[4].line, 38);
