@@ -52,7 +52,7 @@ ber_tag_t enter(BerElement *ber, ber_len_t *len) {
 }
 
 inline bool converts(const BerElement *ber, bool translate) {
-  return translate && ber->ber_version != nullptr && *ber->ber_version >= 3;
+  return translate && ber->ber_version != nullptr && *ber->ber_version >= 3 && !xlate_is_identity();
 }
 
 // Contents of `len` bytes at the cursor into a new NUL-terminated buffer,

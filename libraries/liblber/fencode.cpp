@@ -65,9 +65,9 @@ int put_string(BerElement *ber, unsigned char tag, const char *bytes, size_t n, 
   if (!room(ber, n < 128 ? n + 3 : n + 10)) return -1;
   *ber->ber_ptr++ = static_cast<char>(tag);
   char *converted = nullptr;
-  // Below version 3 the conversion is an identity copy, so the bytes are
-  // written straight from the caller's buffer.
-  if (translate && n > 0 && ber->ber_version != nullptr && *ber->ber_version >= 3) {
+  // Below version 3, or with a UTF-8 local code page, the conversion is an
+  // identity copy, so the bytes are written straight from the caller's buffer.
+  if (translate && n > 0 && ber->ber_version != nullptr && *ber->ber_version >= 3 && !xlate_is_identity()) {
     converted = const_cast<char *>(bytes);
     unsigned long len = n;
     if (xlate_local_to_utf8(&converted, &len, 0) != 0) return -1;

@@ -11,6 +11,9 @@ extern "C" {
 // unchanged.
 TAV_INTERNAL int xlate_local_to_utf8(char **buffer, unsigned long *length, int free_input);
 TAV_INTERNAL int xlate_utf8_to_local(char **buffer, unsigned long *length, int free_input);
+// 1 when both conversions are byte-for-byte copies (the local code page is
+// UTF-8): the codec then skips the copy, which costs an allocation per string.
+TAV_INTERNAL int xlate_is_identity(void);
 }
 
 #endif

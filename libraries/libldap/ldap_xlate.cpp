@@ -32,4 +32,6 @@ int xlate_local_to_utf8(char **buffer, unsigned long *length, int free_input) {
 int xlate_utf8_to_local(char **buffer, unsigned long *length, int free_input) {
   return copy_through(buffer, length, free_input);
 }
+
+int xlate_is_identity(void) { return 1; }
 }
