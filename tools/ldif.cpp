@@ -47,7 +47,7 @@ struct Field {
 };
 
 // "name: value", "name:: base64" or "name:< file://path".
-bool parse_field(int line, const std::string &text, Field *f, std::string *error) {
+bool parse_field(int line, const std::string &text, Field *f, std::string *error, bool files = false) {
   const size_t colon = text.find(':');
   if (colon == std::string::npos) {
     *error = at(line, "expected \"name: value\", found \"" + text.substr(0, 40) + "\"");
@@ -69,6 +69,10 @@ bool parse_field(int line, const std::string &text, Field *f, std::string *error
       return false;
     }
   } else if (kind == '<') {
+    if (!files) {
+      *error = at(line, "values from URLs are switched off");
+      return false;
+    }
     if (rest.substr(0, 7) != "file://") {
       *error = at(line, "only file:// URLs can give a value");
       return false;
@@ -265,7 +269,7 @@ bool Reader::next(Record *record, std::string *error) {
     case Change::None:
     case Change::Add:
       for (; i < lines.size(); ++i) {
-        if (!parse_field(lines[i].number, lines[i].text, &f, error)) return false;
+        if (!parse_field(lines[i].number, lines[i].text, &f, error, files_)) return false;
         Mod *target = nullptr;
         for (auto &m : record->mods)
           if (same_name(m.type, f.name)) target = &m;
@@ -340,7 +344,7 @@ bool Reader::next(Record *record, std::string *error) {
         m.type = f.value;
         const int started = lines[i].number;
         for (++i; i < lines.size() && !is_separator(lines[i].text); ++i) {
-          if (!parse_field(lines[i].number, lines[i].text, &f, error)) return false;
+          if (!parse_field(lines[i].number, lines[i].text, &f, error, files_)) return false;
           if (!same_name(f.name, m.type)) {
             *error = at(lines[i].number, "\"" + f.name + "\" inside the change of \"" + m.type + "\" begun at line " +
                                              std::to_string(started) + " (missing \"-\"?)");

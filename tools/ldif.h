@@ -42,6 +42,9 @@ class Reader {
   // or on a malformed record (*error = "line N: what").  After an error the
   // reader has skipped that record, so reading may go on.
   bool next(Record *record, std::string *error);
+  // "name:< file://path" values are read unless switched off (the fuzz
+  // target must not open files the input names).
+  void allow_file_values(bool allow) { files_ = allow; }
 
  private:
   struct Line {
@@ -55,6 +58,7 @@ class Reader {
   size_t pos_ = 0;
   int line_ = 0;
   bool first_ = true;
+  bool files_ = true;
 };
 
 // Base64 (RFC 4648, padded); decode refuses anything else.
