@@ -21,10 +21,9 @@ TAV_INTERNAL int ldap_add(LDAP *ld, const char *dn, LDAPMod **attrs);
 TAV_INTERNAL int ldap_add_s(LDAP *ld, const char *dn, LDAPMod **attrs);
 TAV_INTERNAL int ldap_add_ext(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, LDAPControl **cctrls,
                               int *msgidp);
-TAV_INTERNAL int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls,
-                                LDAPControl **cctrls);
-TAV_INTERNAL int ldap_add_ext_int(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls,
-                                  LDAPControl **cctrls, int *msgidp);
+TAV_INTERNAL int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, LDAPControl **cctrls);
+TAV_INTERNAL int ldap_add_ext_int(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, LDAPControl **cctrls,
+                                  int *msgidp);
 TAV_INTERNAL int ldap_add_ext_direct(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, int *msgidp,
                                      LDAPConn *conn);
 
@@ -32,15 +31,13 @@ TAV_INTERNAL int ldap_delete(LDAP *ld, const char *dn);
 TAV_INTERNAL int ldap_delete_s(LDAP *ld, const char *dn);
 TAV_INTERNAL int ldap_delete_ext(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
 TAV_INTERNAL int ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls);
-TAV_INTERNAL int ldap_delete_ext_int(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls,
-                                     int *msgidp);
-TAV_INTERNAL int ldap_delete_ext_direct(LDAP *ld, const char *dn, LDAPControl **sctrls, int *msgidp,
-                                        LDAPConn *conn);
+TAV_INTERNAL int ldap_delete_ext_int(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
+TAV_INTERNAL int ldap_delete_ext_direct(LDAP *ld, const char *dn, LDAPControl **sctrls, int *msgidp, LDAPConn *conn);
 
 TAV_INTERNAL int ldap_modify(LDAP *ld, const char *dn, LDAPMod **mods);
 TAV_INTERNAL int ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods);
-TAV_INTERNAL int ldap_modify_ext(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls,
-                                 LDAPControl **cctrls, int *msgidp);
+TAV_INTERNAL int ldap_modify_ext(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls, LDAPControl **cctrls,
+                                 int *msgidp);
 TAV_INTERNAL int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls,
                                    LDAPControl **cctrls);
 TAV_INTERNAL int ldap_modify_ext_int(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls,
@@ -53,8 +50,8 @@ TAV_INTERNAL void ldap_mods_free(LDAPMod **mods, int freemods);
 
 TAV_INTERNAL int ldap_rename(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior, int deleteoldrdn,
                              LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
-TAV_INTERNAL int ldap_rename_s(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior,
-                               int deleteoldrdn, LDAPControl **sctrls, LDAPControl **cctrls);
+TAV_INTERNAL int ldap_rename_s(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior, int deleteoldrdn,
+                               LDAPControl **sctrls, LDAPControl **cctrls);
 TAV_INTERNAL int ldap_rename_int(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior,
                                  int deleteoldrdn, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
 TAV_INTERNAL int ldap_rename_direct(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior,

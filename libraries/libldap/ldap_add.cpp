@@ -23,29 +23,25 @@ int encode_add(BerElement *ber, const char *dn, LDAPMod **attrs) {
 
 extern "C" {
 
-int ldap_add_ext_direct(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, int *msgidp,
-                        LDAPConn *conn) {
+int ldap_add_ext_direct(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, int *msgidp, LDAPConn *conn) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_add_ext_direct: dn(%s)\n", ldap_trace_str(dn));
-  return ldap_update_send(ld, conn, kAdd, sctrls, msgidp,
-                          [&](BerElement *ber) { return encode_add(ber, dn, attrs); });
+  return ldap_update_send(ld, conn, kAdd, sctrls, msgidp, [&](BerElement *ber) { return encode_add(ber, dn, attrs); });
 }
 
 int ldap_add_ext_int(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, LDAPControl **cctrls,
                      int *msgidp) {
   if (msgidp != nullptr) *msgidp = -1;
   if (dn == nullptr || attrs == nullptr || msgidp == nullptr) {
-    LDAP_LOG(LDAP_LOG_ERROR, "ldap_add_ext_int: Error - dn(%p) attrs(%p) msgidp(%p)\n", (const void *)dn,
-             (void *)attrs, (void *)msgidp);
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_add_ext_int: Error - dn(%p) attrs(%p) msgidp(%p)\n", (const void *)dn, (void *)attrs,
+             (void *)msgidp);
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     return LDAP_PARAM_ERROR;
   }
-  return ldap_update_with_controls(ld, sctrls, cctrls, [&](LDAPControl **sc) {
-    return ldap_add_ext_direct(ld, dn, attrs, sc, msgidp, nullptr);
-  });
+  return ldap_update_with_controls(
+      ld, sctrls, cctrls, [&](LDAPControl **sc) { return ldap_add_ext_direct(ld, dn, attrs, sc, msgidp, nullptr); });
 }
 
-int ldap_add_ext(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, LDAPControl **cctrls,
-                 int *msgidp) {
+int ldap_add_ext(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_add_ext: ld(%p) dn(%s) attrs(%p) serverctrls(%p) clientctrls(%p) msgidp(%p)\n",
            (void *)ld, ldap_trace_str(dn), (void *)attrs, (void *)sctrls, (void *)cctrls, (void *)msgidp);
   int rc = ldap_start_operation(ld);

@@ -20,9 +20,8 @@ int ldap_delete_ext_int(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPCont
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     return LDAP_PARAM_ERROR;
   }
-  return ldap_update_with_controls(ld, sctrls, cctrls, [&](LDAPControl **sc) {
-    return ldap_delete_ext_direct(ld, dn, sc, msgidp, nullptr);
-  });
+  return ldap_update_with_controls(
+      ld, sctrls, cctrls, [&](LDAPControl **sc) { return ldap_delete_ext_direct(ld, dn, sc, msgidp, nullptr); });
 }
 
 int ldap_delete_ext(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp) {

@@ -61,13 +61,11 @@ int ldap_modify_ext_int(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     return LDAP_PARAM_ERROR;
   }
-  return ldap_update_with_controls(ld, sctrls, cctrls, [&](LDAPControl **sc) {
-    return ldap_modify_ext_direct(ld, dn, mods, sc, msgidp, nullptr);
-  });
+  return ldap_update_with_controls(
+      ld, sctrls, cctrls, [&](LDAPControl **sc) { return ldap_modify_ext_direct(ld, dn, mods, sc, msgidp, nullptr); });
 }
 
-int ldap_modify_ext(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls, LDAPControl **cctrls,
-                    int *msgidp) {
+int ldap_modify_ext(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_modify_ext: ld(%p) dn(%s) mods(%p) serverctrls(%p) clientctrls(%p) msgidp(%p\n",
            (void *)ld, ldap_trace_str(dn), (void *)mods, (void *)sctrls, (void *)cctrls, (void *)msgidp);
   int rc = ldap_start_operation(ld);

@@ -17,9 +17,8 @@ int ldap_rename_direct(LDAP *ld, const char *dn, const char *newrdn, const char 
                        LDAPControl **sctrls, int *msgidp, LDAPConn *conn) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_rename_direct: dn(%s) newrdn(%s) newsuperior(%s)\n", ldap_trace_str(dn),
            ldap_trace_str(newrdn), ldap_trace_str(newsuperior));
-  return ldap_update_send(ld, conn, kRename, sctrls, msgidp, [&](BerElement *ber) {
-    return encode_rename(ber, dn, newrdn, newsuperior, deleteoldrdn);
-  });
+  return ldap_update_send(ld, conn, kRename, sctrls, msgidp,
+                          [&](BerElement *ber) { return encode_rename(ber, dn, newrdn, newsuperior, deleteoldrdn); });
 }
 
 int ldap_rename_int(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior, int deleteoldrdn,

@@ -3,18 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <functional>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ldap-update.h"
 #include "ldap_requests.h"
 #include "slapd_server.h"
-
 
 using tavtest::SlapdServer;
 
@@ -193,20 +190,25 @@ TEST_F(Update, ModifyAddsDeletesAndReplacesValues) {
     std::vector<std::string> expected;  // empty: the attribute is gone
   };
   std::vector<Step> steps;
-  steps.push_back({"add two values", Mods().add(LDAP_MOD_ADD, "description", {"one", "two"}), "description",
-                   {"one", "two"}});
+  steps.push_back(
+      {"add two values", Mods().add(LDAP_MOD_ADD, "description", {"one", "two"}), "description", {"one", "two"}});
   steps.push_back({"delete one value", Mods().add(LDAP_MOD_DELETE, "description", {"one"}), "description", {"two"}});
-  steps.push_back({"replace the values", Mods().add(LDAP_MOD_REPLACE, "description", {"three", "four"}),
-                   "description", {"three", "four"}});
-  steps.push_back({"replace without values removes the attribute", Mods().none(LDAP_MOD_REPLACE, "description"),
-                   "description", {}});
+  steps.push_back({"replace the values",
+                   Mods().add(LDAP_MOD_REPLACE, "description", {"three", "four"}),
+                   "description",
+                   {"three", "four"}});
+  steps.push_back({"replace without values removes the attribute",
+                   Mods().none(LDAP_MOD_REPLACE, "description"),
+                   "description",
+                   {}});
   steps.push_back({"several changes in one request",
                    Mods()
                        .add(LDAP_MOD_ADD, "telephoneNumber", {"+1 555 0100"})
                        .add(LDAP_MOD_REPLACE, "sn", {"Changed"})
                        .none(LDAP_MOD_DELETE, "telephoneNumber")
                        .add(LDAP_MOD_ADD, "telephoneNumber", {"+1 555 0199"}),
-                   "telephoneNumber", {"+1 555 0199"}});
+                   "telephoneNumber",
+                   {"+1 555 0199"}});
   for (auto &s : steps) {
     SCOPED_TRACE(s.name);
     ASSERT_EQ(ldap_modify_s(ld, dn.c_str(), s.mods.get()), LDAP_SUCCESS);
@@ -271,9 +273,9 @@ TEST_F(Update, RenameWithinAParentAndToANewSuperior) {
   // To a new superior, asynchronously: the response arrives on its own row.
   const std::string moved = "cn=Moved,ou=Groups,dc=example,dc=com";
   int id = -1;
-  ASSERT_EQ(ldap_rename(ld, people("cn=Again").c_str(), "cn=Moved", "ou=Groups,dc=example,dc=com", 1, nullptr,
-                        nullptr, &id),
-            LDAP_SUCCESS);
+  ASSERT_EQ(
+      ldap_rename(ld, people("cn=Again").c_str(), "cn=Moved", "ou=Groups,dc=example,dc=com", 1, nullptr, nullptr, &id),
+      LDAP_SUCCESS);
   ASSERT_GT(id, 0);
   LDAPMessage *res = nullptr;
   ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), 0x6D);
@@ -308,17 +310,16 @@ TEST_F(Update, ServerRefusalsComeBackWithMatchedDnAndMessage) {
     const char *matched;  // null: not checked
     bool message;         // the server explains itself
   } cases[] = {
-      {"add under a missing parent",
-       [&] { return ldap_add_s(ld, "cn=X,ou=Nowhere,dc=example,dc=com", good.get()); }, ld, LDAP_NO_SUCH_OBJECT,
-       SlapdServer::kSuffix, false},
+      {"add under a missing parent", [&] { return ldap_add_s(ld, "cn=X,ou=Nowhere,dc=example,dc=com", good.get()); },
+       ld, LDAP_NO_SUCH_OBJECT, SlapdServer::kSuffix, false},
       {"modify a missing entry", [&] { return ldap_modify_s(ld, people("cn=Nobody").c_str(), bad_attr.get()); }, ld,
        LDAP_NO_SUCH_OBJECT, SlapdServer::kPeopleDn, false},
       {"delete a missing entry", [&] { return ldap_delete_s(ld, "cn=Nobody,ou=Nowhere,dc=example,dc=com"); }, ld,
        LDAP_NO_SUCH_OBJECT, SlapdServer::kSuffix, false},
       {"rename a missing entry", [&] { return ldap_modrdn_s(ld, people("cn=Nobody").c_str(), "cn=Other", 1); }, ld,
        LDAP_NO_SUCH_OBJECT, SlapdServer::kPeopleDn, false},
-      {"add an existing entry", [&] { return ldap_add_s(ld, existing.c_str(), good.get()); }, ld,
-       LDAP_ALREADY_EXISTS, "", false},
+      {"add an existing entry", [&] { return ldap_add_s(ld, existing.c_str(), good.get()); }, ld, LDAP_ALREADY_EXISTS,
+       "", false},
       {"add without a required attribute", [&] { return ldap_add_s(ld, people("cn=Refused").c_str(), no_sn.get()); },
        ld, LDAP_OBJECT_CLASS_VIOLATION, "", true},
       {"delete an entry with children", [&] { return ldap_delete_s(ld, SlapdServer::kPeopleDn); }, ld,
@@ -327,10 +328,10 @@ TEST_F(Update, ServerRefusalsComeBackWithMatchedDnAndMessage) {
        LDAP_INSUFFICIENT_ACCESS, nullptr, true},
       {"anonymous delete", [&] { return ldap_delete_s(anon, existing.c_str()); }, anon, LDAP_INSUFFICIENT_ACCESS,
        nullptr, true},
-      {"a user adds beside itself", [&] { return ldap_add_s(user, people("cn=Refused").c_str(), good.get()); },
-       user, LDAP_INSUFFICIENT_ACCESS, nullptr, true},
-      {"a user renames another", [&] { return ldap_modrdn_s(user, SlapdServer::user_dn(2).c_str(), "uid=x", 1); },
-       user, LDAP_INSUFFICIENT_ACCESS, nullptr, true},
+      {"a user adds beside itself", [&] { return ldap_add_s(user, people("cn=Refused").c_str(), good.get()); }, user,
+       LDAP_INSUFFICIENT_ACCESS, nullptr, true},
+      {"a user renames another", [&] { return ldap_modrdn_s(user, SlapdServer::user_dn(2).c_str(), "uid=x", 1); }, user,
+       LDAP_INSUFFICIENT_ACCESS, nullptr, true},
       {"missing DN", [&] { return ldap_delete_s(ld, nullptr); }, ld, LDAP_PARAM_ERROR, nullptr, false},
       {"missing modifications", [&] { return ldap_modify_s(ld, existing.c_str(), nullptr); }, ld, LDAP_PARAM_ERROR,
        nullptr, false},
@@ -372,43 +373,6 @@ TEST_F(Update, CriticalClientControlIsRefusedAndNothingChanges) {
   crit.ldctl_iscritical = 0;
   EXPECT_EQ(ldap_add_ext_s(ld, dn.c_str(), person("Critical").get(), nullptr, cctrls), LDAP_SUCCESS);
   EXPECT_EQ(ldap_delete_s(ld, dn.c_str()), LDAP_SUCCESS);
-}
-
-// Several threads add, modify, rename and delete their own entries through
-// one session at once; every answer reaches the thread that asked.
-TEST_F(Update, ThreadsUpdateDifferentEntriesThroughOneSession) {
-  constexpr int kThreads = 6, kRounds = 10;
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kRounds; ++i) {
-        const std::string cn = "T" + std::to_string(t) + "R" + std::to_string(i);
-        const std::string dn = people("cn=" + cn);
-        Mods add = person(cn);
-        Mods mod;
-        mod.add(LDAP_MOD_REPLACE, "description", {"thread " + std::to_string(t)});
-        int rc;
-        if ((rc = ldap_add_s(ld, dn.c_str(), add.get())) != 0 || (rc = ldap_modify_s(ld, dn.c_str(), mod.get())) != 0 ||
-            (rc = ldap_modrdn_s(ld, dn.c_str(), ("cn=" + cn + "x").c_str(), 1)) != 0 ||
-            (rc = ldap_delete_s(ld, people("cn=" + cn + "x").c_str())) != 0) {
-          ADD_FAILURE() << cn << ": " << rc;
-          ++failures;
-        }
-        // The last code this thread sees is its own.
-        if (ldap_get_errno(ld) != LDAP_SUCCESS) ++failures;
-      }
-    });
-  }
-  for (auto &th : threads) th.join();
-  EXPECT_EQ(failures.load(), 0);
-  // Every entry went through all four steps.
-  for (int t = 0; t < kThreads; ++t)
-    for (int i = 0; i < kRounds; ++i) {
-      const std::string cn = "cn=T" + std::to_string(t) + "R" + std::to_string(i);
-      EXPECT_FALSE(read_entry(ld, people(cn)).found) << cn;
-      EXPECT_FALSE(read_entry(ld, people(cn + "x")).found) << cn;
-    }
 }
 
 }  // namespace

@@ -48,10 +48,14 @@ std::string response(int msgid, int type, int code, const std::string &matched =
 int response_type(const std::string &request) {
   // 30 84 LLLL 02 01 ID <tag>: the operation's tag follows the message ID.
   switch (static_cast<unsigned char>(request[9])) {
-    case 0x66: return 0x67;
-    case 0x68: return 0x69;
-    case 0x4A: return 0x6B;
-    case 0x6C: return 0x6D;
+    case 0x66:
+      return 0x67;
+    case 0x68:
+      return 0x69;
+    case 0x4A:
+      return 0x6B;
+    case 0x6C:
+      return 0x6D;
   }
   return 0x78;
 }
@@ -108,13 +112,13 @@ TEST(UpdateRequests, ShapesOnTheWire) {
       {"add: string and binary values, operation bits ignored",
        [&](LDAP *ld) { return ldap_add_s(ld, dn.c_str(), add_mods); },
        [&](int id) {
-         return pdu(id, constructed(0x68, octets(dn) + constructed(0x30, constructed(0x30, octets("objectClass") +
-                                                                                              set_of({"person"})) +
-                                                                            constructed(0x30, octets("cn") +
-                                                                                              set_of({"Jo", "Joe"})) +
-                                                                            constructed(0x30, octets("jpegPhoto") +
-                                                                                              set_of({std::string(
-                                                                                                  "a\0b\0c", 5)})))));
+         return pdu(
+             id,
+             constructed(
+                 0x68, octets(dn) + constructed(0x30, constructed(0x30, octets("objectClass") + set_of({"person"})) +
+                                                          constructed(0x30, octets("cn") + set_of({"Jo", "Joe"})) +
+                                                          constructed(0x30, octets("jpegPhoto") +
+                                                                                set_of({std::string("a\0b\0c", 5)})))));
        }},
       {"add: an empty list sends an empty attribute list",
        [&](LDAP *ld) { return ldap_add_s(ld, dn.c_str(), no_mods); },
@@ -123,16 +127,17 @@ TEST(UpdateRequests, ShapesOnTheWire) {
        [&](LDAP *ld) { return ldap_modify_s(ld, dn.c_str(), mod_mods); },
        [&](int id) {
          auto change = [](int op, const std::string &type, const std::string &set) {
-           return constructed(0x30, primitive(0x0A, std::string(1, static_cast<char>(op))) +
-                                        constructed(0x30, octets(type) + set));
+           return constructed(
+               0x30, primitive(0x0A, std::string(1, static_cast<char>(op))) + constructed(0x30, octets(type) + set));
          };
-         return pdu(id, constructed(0x66, octets(dn) + constructed(0x30, change(2, "description", set_of({})) +
-                                                                           change(1, "jpegPhoto",
-                                                                                  set_of({std::string("a\0b\0c", 5)})) +
-                                                                           change(0, "cn", set_of({"Jo", "Joe"})))));
+         return pdu(id,
+                    constructed(0x66, octets(dn) + constructed(0x30, change(2, "description", set_of({})) +
+                                                                         change(1, "jpegPhoto",
+                                                                                set_of({std::string("a\0b\0c", 5)})) +
+                                                                         change(0, "cn", set_of({"Jo", "Joe"})))));
        }},
-      {"delete: the DN is the primitive operation 0x4A",
-       [&](LDAP *ld) { return ldap_delete_s(ld, dn.c_str()); }, [&](int id) { return pdu(id, primitive(0x4A, dn)); }},
+      {"delete: the DN is the primitive operation 0x4A", [&](LDAP *ld) { return ldap_delete_s(ld, dn.c_str()); },
+       [&](int id) { return pdu(id, primitive(0x4A, dn)); }},
       {"rename without new superior ends after the flag",
        [&](LDAP *ld) { return ldap_modrdn_s(ld, dn.c_str(), "cn=y", 1); },
        [&](int id) {
@@ -161,8 +166,9 @@ TEST(UpdateRequests, ServerControlsFollowTheOperation) {
   static LDAPControl *ctrls[] = {&ctrl, nullptr};
   Recorded r;
   ASSERT_EQ(ldap_delete_ext_s(r.ld, "cn=x", ctrls, nullptr), LDAP_SUCCESS);
-  EXPECT_EQ(r.request, pdu(r.msgid, primitive(0x4A, "cn=x"),
-                           constructed(0xA0, constructed(0x30, octets("1.2.3") + primitive(0x01, std::string(1, '\0'))))));
+  EXPECT_EQ(r.request,
+            pdu(r.msgid, primitive(0x4A, "cn=x"),
+                constructed(0xA0, constructed(0x30, octets("1.2.3") + primitive(0x01, std::string(1, '\0'))))));
 }
 
 TEST(UpdateRequests, ServerCodeMatchedDnAndMessageReachTheCaller) {
@@ -216,8 +222,8 @@ TEST(UpdateRequests, MissingArgumentsAndCriticalClientControlsAreRefused) {
       {"modrdn_s without new RDN", [&] { return ldap_modrdn_s(ld, "cn=x", nullptr, 1); }, LDAP_PARAM_ERROR},
       {"add_ext_s critical client control", [&] { return ldap_add_ext_s(ld, "cn=x", mods, nullptr, cctrls); },
        LDAP_UNAVAILABLE_CRITICAL_EXTENSION},
-      {"modify_ext critical client control",
-       [&] { return ldap_modify_ext(ld, "cn=x", mods, nullptr, cctrls, &id); }, LDAP_UNAVAILABLE_CRITICAL_EXTENSION},
+      {"modify_ext critical client control", [&] { return ldap_modify_ext(ld, "cn=x", mods, nullptr, cctrls, &id); },
+       LDAP_UNAVAILABLE_CRITICAL_EXTENSION},
       {"delete_ext_s critical client control", [&] { return ldap_delete_ext_s(ld, "cn=x", nullptr, cctrls); },
        LDAP_UNAVAILABLE_CRITICAL_EXTENSION},
       {"rename_s critical client control",
@@ -239,6 +245,37 @@ TEST(UpdateRequests, MissingArgumentsAndCriticalClientControlsAreRefused) {
   }
   EXPECT_EQ(ldap_add_s(nullptr, "cn=x", mods), LDAP_PARAM_ERROR);
   EXPECT_EQ(ldap_modrdn(nullptr, "cn=x", "cn=y", 1), -1);
+  ldap_unbind(ld);
+}
+
+// Failures after the arguments were accepted: what each returns and records.
+TEST(UpdateRequests, EncodingAndConnectionFailures) {
+  static char *v[] = {s("x"), nullptr};
+  static LDAPMod untyped = {LDAP_MOD_ADD, nullptr, {v}};
+  static LDAPMod *bad[] = {&untyped, nullptr};
+  LDAP *ld = ldap_init("127.0.0.1", tavtest::free_port());
+  ASSERT_NE(ld, nullptr);
+  int id = 0;
+  // A modification without a type cannot be encoded; nothing is sent.
+  EXPECT_EQ(ldap_add_ext(ld, "cn=x", bad, nullptr, nullptr, &id), LDAP_ENCODING_ERROR);
+  EXPECT_EQ(ldap_get_errno(ld), LDAP_ENCODING_ERROR);
+  EXPECT_EQ(id, -1);
+  EXPECT_EQ(ldap_modify_s(ld, "cn=x", bad), LDAP_ENCODING_ERROR);
+  // Nobody listens: the send fails with 81 and the ID goes back to the table.
+  EXPECT_EQ(ldap_delete_s(ld, "cn=x"), LDAP_SERVER_DOWN);
+  EXPECT_EQ(ldap_get_errno(ld), LDAP_SERVER_DOWN);
+  EXPECT_EQ(ldap_modrdn(ld, "cn=x", "cn=y", 1), -1);
+  EXPECT_EQ(ldap_get_errno(ld), LDAP_SERVER_DOWN);
+  // A connection without a message-ID table: 83, recorded except by add.
+  LDAPConn *conn = get_default_connection(ld);
+  ldap_msg_table *table = conn->lc_msgtable;
+  conn->lc_msgtable = nullptr;
+  ldap_set_errno(ld, LDAP_OTHER, nullptr, nullptr);
+  EXPECT_EQ(ldap_add_ext_direct(ld, "cn=x", bad, nullptr, &id, nullptr), LDAP_ENCODING_ERROR);
+  EXPECT_EQ(ldap_get_errno(ld), LDAP_OTHER);
+  EXPECT_EQ(ldap_delete_ext_direct(ld, "cn=x", nullptr, &id, nullptr), LDAP_ENCODING_ERROR);
+  EXPECT_EQ(ldap_get_errno(ld), LDAP_ENCODING_ERROR);
+  conn->lc_msgtable = table;
   ldap_unbind(ld);
 }
 
@@ -266,6 +303,7 @@ TEST(UpdateRequests, AllocationFailuresGiveTheirCodesAndLeakNothing) {
   static LDAPMod m = {LDAP_MOD_ADD, s("cn"), {v}};
   static LDAPMod *mods[] = {&m, nullptr};
   bool reached_end = false;
+  int no_memory = 0;
   for (long n = 1; n < 200 && !reached_end; ++n) {
     SCOPED_TRACE(n);
     Recorded r;
@@ -276,6 +314,7 @@ TEST(UpdateRequests, AllocationFailuresGiveTheirCodesAndLeakNothing) {
     const int rc = ldap_add_s(r.ld, "cn=x", mods);
     const long counted = olx_fail_alloc_at(0);
     reached_end = counted < n;
+    no_memory += rc == LDAP_NO_MEMORY;
     // Some allocations only copy what the error record keeps; losing them
     // still leaves the operation's code intact.
     if (reached_end) {
@@ -287,6 +326,8 @@ TEST(UpdateRequests, AllocationFailuresGiveTheirCodesAndLeakNothing) {
     }
   }
   EXPECT_TRUE(reached_end);
+  // The record, the element and the result's strings each failed in turn.
+  EXPECT_GE(no_memory, 2);
 }
 
 }  // namespace
