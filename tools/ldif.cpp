@@ -295,9 +295,10 @@ bool Reader::next(Record *record, std::string *error) {
       for (; i < lines.size(); ++i) {
         if (!parse_field(lines[i].number, lines[i].text, &f, error)) return false;
         const std::string name = lower(f.name);
-        bool *seen = name == "newrdn" ? &have_rdn : name == "deleteoldrdn" ? &have_flag
-                                                 : name == "newsuperior"  ? &record->has_newsuperior
-                                                                          : nullptr;
+        bool *seen = name == "newrdn"         ? &have_rdn
+                     : name == "deleteoldrdn" ? &have_flag
+                     : name == "newsuperior"  ? &record->has_newsuperior
+                                              : nullptr;
         if (seen == nullptr || *seen) {
           *error = at(lines[i].number, (seen ? "repeated \"" : "unexpected \"") + f.name + "\" in a modrdn record");
           return false;
@@ -316,8 +317,8 @@ bool Reader::next(Record *record, std::string *error) {
         }
       }
       if (!have_rdn || !have_flag) {
-        *error = at(record->line, have_rdn ? "a modrdn record needs \"deleteoldrdn:\""
-                                           : "a modrdn record needs \"newrdn:\"");
+        *error = at(record->line,
+                    have_rdn ? "a modrdn record needs \"deleteoldrdn:\"" : "a modrdn record needs \"newrdn:\"");
         return false;
       }
       break;

@@ -24,8 +24,8 @@ struct Record {
   int line = 0;  // where the record's dn line starts
   std::string dn;
   Change change = Change::Add;  // as written, or the reader's default
-  std::vector<Mod> mods;          // add: one per attribute, in first-seen order; modify: the changes
-  std::string newrdn;             // modrdn
+  std::vector<Mod> mods;        // add: one per attribute, in first-seen order; modify: the changes
+  std::string newrdn;           // modrdn
   bool deleteoldrdn = false;
   bool has_newsuperior = false;
   std::string newsuperior;

@@ -3,6 +3,8 @@
 // It loads the library with dlopen and calls only the exported functions.
 // The library is looked for in TAVLDAP_LIBRARY, then next to the program
 // (../lib/libtav8ldap_64.so), then on the loader's search path.
+#include "tavldap.h"
+
 #include <dlfcn.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -19,7 +21,6 @@
 #include <vector>
 
 #include "ldif.h"
-#include "tavldap.h"
 
 namespace {
 
@@ -472,21 +473,31 @@ int parse_options(int argc, char **argv, Options &o) {
   optind = 1;
   while ((opt = getopt(argc, argv, "H:h:p:D:w:Wb:s:z:l:Avcf:rxd:")) != -1) {
     switch (opt) {
-      case 'H': o.uri = optarg; break;
-      case 'h': o.host = optarg; break;
+      case 'H':
+        o.uri = optarg;
+        break;
+      case 'h':
+        o.host = optarg;
+        break;
       case 'p':
         if (!parse_int(optarg, &o.port) || o.port > 65535) {
           fprintf(stderr, "tavldap: bad port \"%s\"\n", optarg);
           return kUsage;
         }
         break;
-      case 'D': o.binddn = optarg; break;
+      case 'D':
+        o.binddn = optarg;
+        break;
       case 'w':
         o.password = optarg;
         o.have_password = true;
         break;
-      case 'W': o.prompt = true; break;
-      case 'b': o.base = optarg; break;
+      case 'W':
+        o.prompt = true;
+        break;
+      case 'b':
+        o.base = optarg;
+        break;
       case 's':
         if (strcmp(optarg, "base") == 0) {
           o.scope = LDAP_SCOPE_BASE;
@@ -506,13 +517,26 @@ int parse_options(int argc, char **argv, Options &o) {
           return kUsage;
         }
         break;
-      case 'A': o.attrs_only = true; break;
-      case 'v': o.verbose = true; break;
-      case 'c': o.keep_going = true; break;
-      case 'f': o.file = optarg; break;
-      case 'r': o.delete_old_rdn = true; break;
-      case 'x': break;
-      case 'd': setenv("LDAP_DEBUG", optarg, 1); break;
+      case 'A':
+        o.attrs_only = true;
+        break;
+      case 'v':
+        o.verbose = true;
+        break;
+      case 'c':
+        o.keep_going = true;
+        break;
+      case 'f':
+        o.file = optarg;
+        break;
+      case 'r':
+        o.delete_old_rdn = true;
+        break;
+      case 'x':
+        break;
+      case 'd':
+        setenv("LDAP_DEBUG", optarg, 1);
+        break;
       default:
         usage();
         return kUsage;

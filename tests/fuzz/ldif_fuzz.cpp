@@ -1,10 +1,11 @@
 // Fuzzes the LDIF reader with every default kind of record, and checks that
 // whatever it accepts survives the writer: each record written back as a
 // content record reads back with the same DN and values.
+#include <strings.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <string>
-#include <strings.h>
 #include <vector>
 
 #include "ldif.h"

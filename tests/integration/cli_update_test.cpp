@@ -53,23 +53,22 @@ SlapdServer *Cli::slapd = nullptr;
 std::string people(const std::string &rdn) { return rdn + "," + SlapdServer::kPeopleDn; }
 
 TEST_F(Cli, ChangeRecordsOfEveryKindAreApplied) {
-  const std::string ldif =
-      "dn: " + people("cn=Cli") +
-      "\n"
-      "objectClass: inetOrgPerson\ncn: Cli\nsn: Test\n"
-      "jpegPhoto:: AAEAAgD/\n"  // 00 01 00 02 00 FF
-      "description: first\n"
-      "\n"
-      "dn: " +
-      people("cn=Cli") +
-      "\n"
-      "changetype: modify\n"
-      "add: mail\nmail: cli@example.com\n-\n"
-      "delete: description\n-\n"
-      "replace: sn\nsn: Changed\n-\n"
-      "\n"
-      "dn: " +
-      people("cn=Cli") + "\nchangetype: modrdn\nnewrdn: cn=Cli2\ndeleteoldrdn: 1\n";
+  const std::string ldif = "dn: " + people("cn=Cli") +
+                           "\n"
+                           "objectClass: inetOrgPerson\ncn: Cli\nsn: Test\n"
+                           "jpegPhoto:: AAEAAgD/\n"  // 00 01 00 02 00 FF
+                           "description: first\n"
+                           "\n"
+                           "dn: " +
+                           people("cn=Cli") +
+                           "\n"
+                           "changetype: modify\n"
+                           "add: mail\nmail: cli@example.com\n-\n"
+                           "delete: description\n-\n"
+                           "replace: sn\nsn: Changed\n-\n"
+                           "\n"
+                           "dn: " +
+                           people("cn=Cli") + "\nchangetype: modrdn\nnewrdn: cn=Cli2\ndeleteoldrdn: 1\n";
   auto r = run("add", {}, ldif);
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_EQ(r.out, "adding new entry \"" + people("cn=Cli") + "\"\nmodifying entry \"" + people("cn=Cli") +
@@ -96,8 +95,8 @@ TEST_F(Cli, ChangeRecordsOfEveryKindAreApplied) {
 
 TEST_F(Cli, InputFromAFileAndDeleteRecords) {
   tavtest::TempDir dir;
-  tavtest::write_file(dir.file("add.ldif"), "version: 1\n\ndn: " + people("cn=FromFile") +
-                                                "\nobjectClass: person\ncn: FromFile\nsn: F\n");
+  tavtest::write_file(dir.file("add.ldif"),
+                      "version: 1\n\ndn: " + people("cn=FromFile") + "\nobjectClass: person\ncn: FromFile\nsn: F\n");
   auto r = run("add", {"-f", dir.file("add.ldif")});
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_NE(entry(people("cn=FromFile")), "");
@@ -120,10 +119,18 @@ TEST_F(Cli, FailuresExitWithTheResultCode) {
     bool bind;
     int code;
   } cases[] = {
-      {"entry exists", "add", {}, std::string("dn: ") + SlapdServer::kPeopleDn + "\nobjectClass: organizationalUnit\nou: People\n",
-       true, LDAP_ALREADY_EXISTS},
+      {"entry exists",
+       "add",
+       {},
+       std::string("dn: ") + SlapdServer::kPeopleDn + "\nobjectClass: organizationalUnit\nou: People\n",
+       true,
+       LDAP_ALREADY_EXISTS},
       {"no such entry", "delete", {people("cn=Nobody")}, "", true, LDAP_NO_SUCH_OBJECT},
-      {"object class violation", "add", {}, "dn: " + people("cn=NoSn") + "\nobjectClass: person\ncn: NoSn\n", true,
+      {"object class violation",
+       "add",
+       {},
+       "dn: " + people("cn=NoSn") + "\nobjectClass: person\ncn: NoSn\n",
+       true,
        LDAP_OBJECT_CLASS_VIOLATION},
       {"not a leaf", "delete", {SlapdServer::kPeopleDn}, "", true, LDAP_NOT_ALLOWED_ON_NONLEAF},
       {"anonymous update", "modrdn", {SlapdServer::user_dn(1), "uid=x"}, "", false, LDAP_STRONG_AUTH_REQUIRED},
@@ -134,8 +141,7 @@ TEST_F(Cli, FailuresExitWithTheResultCode) {
     if (c.name == std::string("wrong password")) c.args.insert(c.args.begin(), {"-D", SlapdServer::kRootDn});
     auto r = run(c.command, c.args, c.input, c.bind);
     EXPECT_EQ(r.exit_code, c.code) << r.err;
-    EXPECT_NE(r.err.find(std::string(ldap_err2string(c.code)) + " (" + std::to_string(c.code) + ")"),
-              std::string::npos)
+    EXPECT_NE(r.err.find(std::string(ldap_err2string(c.code)) + " (" + std::to_string(c.code) + ")"), std::string::npos)
         << r.err;
   }
   EXPECT_NE(entry(SlapdServer::user_dn(1)), "");
@@ -156,8 +162,9 @@ TEST_F(Cli, MalformedLdifIsRefusedByLine) {
        "line 7: unknown changetype \"move\""},
       {"continuation without a line", " cn=B,ou=People,dc=example,dc=com\n",
        "line 6: continuation line without a line before it"},
-      {"new superior", "dn: cn=A,ou=People,dc=example,dc=com\nchangetype: modrdn\nnewrdn: cn=B\ndeleteoldrdn: 1\n"
-                       "newsuperior: ou=Groups,dc=example,dc=com\n",
+      {"new superior",
+       "dn: cn=A,ou=People,dc=example,dc=com\nchangetype: modrdn\nnewrdn: cn=B\ndeleteoldrdn: 1\n"
+       "newsuperior: ou=Groups,dc=example,dc=com\n",
        "line 10: newsuperior is not supported"},
   };
   for (const auto &c : cases) {
@@ -182,9 +189,9 @@ TEST_F(Cli, MalformedLdifIsRefusedByLine) {
 }
 
 TEST_F(Cli, DebugLevelTracesTheRun) {
-  std::vector<std::string> argv = {TAV_CLIENT,          "delete", "-d",      "65535", "-H", slapd->url(),
-                                   "-D",                SlapdServer::kRootDn, "-w",    SlapdServer::kRootPw,
-                                   people("cn=Nobody")};
+  std::vector<std::string> argv = {
+      TAV_CLIENT,           "delete",           "-d", "65535", "-H", slapd->url(), "-D", SlapdServer::kRootDn, "-w",
+      SlapdServer::kRootPw, people("cn=Nobody")};
   auto r = tavtest::run_process(argv, {{"TAVLDAP_LIBRARY", TAV_SHARED_OBJECT}, {"LDAP_DEBUG_FILE", ""}});
   EXPECT_EQ(r.exit_code, LDAP_NO_SUCH_OBJECT);
   EXPECT_NE(r.err.find("ldap_delete_s: returning rc=32"), std::string::npos);

@@ -35,7 +35,8 @@ TEST(LdifWriter, UnsafeValuesGoOutAsBase64) {
 
 TEST(LdifWriter, Base64KnownAnswers) {
   const std::pair<std::string, std::string> cases[] = {
-      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {std::string("\0\xFF", 2), "AP8="}};
+      {"", ""},        {"f", "Zg=="},        {"fo", "Zm8="},
+      {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {std::string("\0\xFF", 2), "AP8="}};
   for (const auto &[plain, coded] : cases) {
     EXPECT_EQ(tavldif::base64_encode(plain), coded);
     std::string back;
