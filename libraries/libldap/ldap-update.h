@@ -7,6 +7,7 @@
 #include "ldap-debug.h"
 #include "ldap-engine.h"
 #include "ldap-int.h"
+#include "ldap-lock.h"
 
 // Protocol tags of the update requests.
 #define LDAP_REQ_MODIFY 0x66
@@ -119,8 +120,15 @@ int ldap_update_send(LDAP *ld, LDAPConn *conn, const LdapUpdateWorker &how, LDAP
   msg->lm_msgtype = how.tag;
   rc = ldap_msg_table_send_message(table, ld, msg);
   if (rc != LDAP_SUCCESS) {
-    // Releasing the ID frees the request stored in its row.
+    // A failed write leaves the request in its row, and releasing the ID frees
+    // it there; a send refused before the row took it leaves it to us.
+    bool in_row = false;
+    {
+      LDAP_LOCK_GUARD(g, &table->table_mutex);
+      in_row = g.ok() && table->rows[msgid].request == msg;
+    }
     ldap_msg_release_msgid(msg);
+    if (!in_row) free_msg(msg, 0);
     ldap_set_errno_direct(ld, rc, nullptr, nullptr);
     return rc;
   }
@@ -136,7 +144,10 @@ template <typename Direct>
 int ldap_update_with_controls(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls, Direct direct) {
   int substituted = 0;
   int rc = ldap_apply_default_controls(ld, &sctrls, cctrls, &substituted);
-  if (rc != LDAP_SUCCESS) return rc;
+  if (rc != LDAP_SUCCESS) {
+    ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+    return rc;
+  }
   rc = direct(sctrls);
   if (substituted && sctrls != nullptr) ldap_controls_free(sctrls);
   return rc;
