@@ -171,6 +171,30 @@ TEST(UpdateRequests, ServerControlsFollowTheOperation) {
                 constructed(0xA0, constructed(0x30, octets("1.2.3") + primitive(0x01, std::string(1, '\0'))))));
 }
 
+// Without server controls the session's defaults go out; an empty list
+// means none at all.
+TEST(UpdateRequests, SessionDefaultControlsStandInForAbsentOnes) {
+  static LDAPControl ctrl = {s("1.2.3"), {0, nullptr}, 0};
+  static LDAPControl *defaults[] = {&ctrl, nullptr};
+  static LDAPControl *empty[] = {nullptr};
+  const std::string with_control =
+      constructed(0xA0, constructed(0x30, octets("1.2.3") + primitive(0x01, std::string(1, '\0'))));
+  {
+    Recorded r;
+    ASSERT_EQ(ldap_set_option(r.ld, LDAP_OPT_SERVER_CONTROLS, defaults), LDAP_SUCCESS);
+    ASSERT_EQ(ldap_modrdn_s(r.ld, "cn=x", "cn=y", 0), LDAP_SUCCESS);
+    EXPECT_EQ(r.request,
+              pdu(r.msgid, constructed(0x6C, octets("cn=x") + octets("cn=y") + primitive(0x01, std::string(1, '\0'))),
+                  with_control));
+  }
+  {
+    Recorded r;
+    ASSERT_EQ(ldap_set_option(r.ld, LDAP_OPT_SERVER_CONTROLS, defaults), LDAP_SUCCESS);
+    ASSERT_EQ(ldap_delete_ext_s(r.ld, "cn=x", empty, nullptr), LDAP_SUCCESS);
+    EXPECT_EQ(r.request, pdu(r.msgid, primitive(0x4A, "cn=x")));
+  }
+}
+
 TEST(UpdateRequests, ServerCodeMatchedDnAndMessageReachTheCaller) {
   Recorded r(LDAP_NO_SUCH_OBJECT, "dc=example,dc=com", "no such entry");
   EXPECT_EQ(ldap_delete_s(r.ld, "cn=gone,dc=example,dc=com"), LDAP_NO_SUCH_OBJECT);
