@@ -217,7 +217,12 @@ LDAP *open_session(Library &lib, Options &o, int *rc) {
     *rc = LDAP_PARAM_ERROR;
     return nullptr;
   }
-  if (o.verbose) fprintf(stderr, "tavldap: session for %s\n", target.c_str());
+  if (o.verbose) {
+    if (o.uri.empty())
+      fprintf(stderr, "tavldap: session for %s port %d\n", target.c_str(), o.port ? o.port : LDAP_PORT);
+    else
+      fprintf(stderr, "tavldap: session for %s\n", target.c_str());
+  }
   int version = LDAP_VERSION3;
   *rc = lib.set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
   if (*rc == LDAP_SUCCESS && o.sizelimit >= 0) *rc = lib.set_option(ld, LDAP_OPT_SIZELIMIT, &o.sizelimit);
