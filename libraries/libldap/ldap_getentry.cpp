@@ -1,0 +1,180 @@
+// Walking the entries and references of a result chain, entry DNs, entry
+// controls and referral URLs.  Readers decode from a copy of the message's
+// element record, so a message can be read any number of times.
+#include <cstdlib>
+
+#include "ldap-debug.h"
+#include "ldap-search.h"
+
+namespace {
+
+constexpr int kEntry = 0x64;
+constexpr int kReference = 0x73;
+
+LDAPMessage *first_of_type(LDAPMessage *m, int type) {
+  while (m != nullptr && m->lm_msgtype != type) m = m->lm_chain;
+  return m;
+}
+
+int count_of_type(LDAPMessage *m, int type) {
+  int n = 0;
+  for (; m != nullptr; m = m->lm_chain)
+    if (m->lm_msgtype == type) ++n;
+  return n;
+}
+
+// Bracketed walk step shared by the four first/next functions.
+LDAPMessage *walk(const char *name, LDAP *ld, LDAPMessage *from, int type, bool skip_self) {
+  LDAP_LOG(LDAP_LOG_TRACE, "%s: ld(%p) msg(%p)\n", name, (void *)ld, (void *)from);
+  if (ldap_start_operation(ld) != 0) return nullptr;
+  ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+  LDAPMessage *found = nullptr;
+  if (from != nullptr) found = first_of_type(skip_self ? from->lm_chain : from, type);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "%s: returning (%p)\n", name, (void *)found);
+  return found;
+}
+
+int parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp, int freeit) {
+  char **urls = nullptr;
+  LDAPControl **ctrls = nullptr;
+  int rc = 0;
+  if (ref == nullptr || ref->lm_msgtype != kReference || ref->lm_ber == nullptr) {
+    rc = LDAP_PARAM_ERROR;
+  } else {
+    BerElement copy = *ref->lm_ber;
+    if (referralsp != nullptr) {
+      if (fber_scanf(&copy, "{v}", &urls) == LBER_ERROR) rc = LDAP_DECODING_ERROR;
+    } else if (fber_skip_element(&copy) != 0) {
+      rc = LDAP_DECODING_ERROR;
+    }
+    if (rc == 0 && serverctrlsp != nullptr) rc = get_ctrls_from_ber(&copy, &ctrls);
+  }
+  if (freeit) ldap_msgfree(ref);
+  if (rc == 0) {
+    if (referralsp != nullptr) *referralsp = urls;
+    if (serverctrlsp != nullptr) *serverctrlsp = ctrls;
+  } else {
+    fber_svecfree(urls);
+    ldap_controls_free(ctrls);
+  }
+  ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+  return rc;
+}
+
+int get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrlsp) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_entry_controls:\n ");
+  int rc = 0;
+  if (serverctrlsp == nullptr || entry == nullptr || entry->lm_msgtype != kEntry || entry->lm_ber == nullptr) {
+    rc = LDAP_PARAM_ERROR;
+  } else {
+    *serverctrlsp = nullptr;
+    BerElement copy = *entry->lm_ber;
+    LDAPControl **ctrls = nullptr;
+    if (fber_skip_element(&copy) != 0) {
+      rc = LDAP_DECODING_ERROR;
+    } else if ((rc = get_ctrls_from_ber(&copy, &ctrls)) == 0) {
+      *serverctrlsp = ctrls;
+    } else {
+      ldap_controls_free(ctrls);
+    }
+  }
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_entry_controls: return( %d )\n", rc);
+  ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+  return rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+LDAPMessage *ldap_first_entry(LDAP *ld, LDAPMessage *chain) {
+  return walk("ldap_first_entry", ld, chain, kEntry, false);
+}
+
+LDAPMessage *ldap_next_entry(LDAP *ld, LDAPMessage *entry) {
+  return walk("ldap_next_entry", ld, entry, kEntry, true);
+}
+
+LDAPMessage *ldap_first_reference(LDAP *ld, LDAPMessage *chain) {
+  return walk("ldap_first_reference", ld, chain, kReference, false);
+}
+
+LDAPMessage *ldap_next_reference(LDAP *ld, LDAPMessage *ref) {
+  return walk("ldap_next_reference", ld, ref, kReference, true);
+}
+
+int ldap_count_entries(LDAP *ld, LDAPMessage *chain) {
+  if (ldap_start_operation(ld) != 0) return -1;
+  ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+  const int n = count_of_type(chain, kEntry);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_count_entries: returning (%d)\n", n);
+  return n;
+}
+
+int ldap_count_references(LDAP *ld, LDAPMessage *chain) {
+  if (ldap_start_operation(ld) != 0) return -1;
+  ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+  const int n = count_of_type(chain, kReference);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_count_references: returning (%d)\n", n);
+  return n;
+}
+
+int ldap_parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp, int freeit) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_reference: ld(%p) ref(%p) referralsp(%p) serverctrlsp(%p) freeit(%d)\n",
+           (void *)ld, (void *)ref, (void *)referralsp, (void *)serverctrlsp, freeit);
+  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  const int rc = parse_reference(ld, ref, referralsp, serverctrlsp, freeit);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_reference: returning (%d)\n", rc);
+  return rc;
+}
+
+int ldap_parse_reference_np(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp,
+                            int freeit) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_reference_np: ld(%p) ref(%p) referralsp(%p) serverctrlsp(%p) freeit(%d)\n",
+           (void *)ld, (void *)ref, (void *)referralsp, (void *)serverctrlsp, freeit);
+  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  const int rc = parse_reference(ld, ref, referralsp, serverctrlsp, freeit);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_reference_np: returning rc=%d\n", rc);
+  return rc;
+}
+
+char *ldap_get_dn(LDAP *ld, LDAPMessage *entry) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_dn: ld(%p) entry(%p)\n", (void *)ld, (void *)entry);
+  if (ldap_start_operation(ld) != 0) return nullptr;
+  char *dn = nullptr;
+  if (entry == nullptr || entry->lm_ber == nullptr) {
+    ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+  } else {
+    BerElement copy = *entry->lm_ber;
+    if (fber_scanf(&copy, "{a", &dn) == LBER_ERROR) {
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_dn: fber_scanf failed\n");
+      ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
+      free(dn);
+      dn = nullptr;
+    }
+  }
+  ldap_end_operation(ld);
+  return dn;
+}
+
+int ldap_get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrlsp) {
+  if (ldap_start_operation(ld) != 0) return -1;
+  const int rc = get_entry_controls(ld, entry, serverctrlsp);
+  ldap_end_operation(ld);
+  return rc;
+}
+
+int ldap_get_entry_controls_np(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrlsp) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_entry_controls_np: ld(%p) entry(%p) serverctrlsp(%p)\n", (void *)ld,
+           (void *)entry, (void *)serverctrlsp);
+  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  const int rc = get_entry_controls(ld, entry, serverctrlsp);
+  ldap_end_operation(ld);
+  return rc;
+}
+}
