@@ -1,0 +1,184 @@
+// The string filter encoder, byte for byte, and the inputs it must refuse.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "ldap-search.h"
+#include "ldap-utils.h"
+
+namespace {
+
+// Every SEQUENCE the encoder opens gets a 4-octet length.
+std::string cons(unsigned char tag, const std::string &content) {
+  std::string out(1, static_cast<char>(tag));
+  out += '\x84';
+  for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>((content.size() >> shift) & 0xFF);
+  return out + content;
+}
+std::string prim(unsigned char tag, const std::string &v) {
+  return std::string(1, static_cast<char>(tag)) + static_cast<char>(v.size()) + v;
+}
+std::string ava(unsigned char tag, const std::string &a, const std::string &v) {
+  return cons(tag, prim(0x04, a) + prim(0x04, v));
+}
+std::string eq(const std::string &a, const std::string &v) { return ava(0xA3, a, v); }
+std::string present(const std::string &a) { return prim(0x87, a); }
+std::string subs(const std::string &a, const std::string &pieces) { return cons(0xA4, prim(0x04, a) + cons(0x30, pieces)); }
+std::string ext(const std::string &rule, const std::string &attr, const std::string &value, bool dn) {
+  std::string c;
+  if (!rule.empty()) c += prim(0x81, rule);
+  if (!attr.empty()) c += prim(0x82, attr);
+  c += prim(0x83, value);
+  c += std::string("\x84\x01", 2) + (dn ? '\xFF' : '\x00');
+  return cons(0xA9, c);
+}
+
+// Encodes with put_filter; "" with *ok false when it refuses.
+std::string encode(const std::string &filter, bool *ok) {
+  BerElement *ber = fber_alloc();
+  *ok = put_filter(ber, filter.c_str(), 0) == 0;
+  std::string out(ber->ber_buf, static_cast<size_t>(ber->ber_ptr - ber->ber_buf));
+  fber_free(ber);
+  return *ok ? out : "";
+}
+
+struct Case {
+  const char *filter;
+  std::string bytes;
+};
+
+TEST(FilterEncoder, EveryFilterFormEncodesAsTheProtocolDefines) {
+  const Case cases[] = {
+      {"(cn=Ann Lee)", eq("cn", "Ann Lee")},
+      {"cn=Ann Lee ", eq("cn", "Ann Lee")},
+      {"  (  cn=x)", eq("cn", "x")},
+      {"(cn= spaced\\20)", eq("cn", "spaced ")},
+      {"(cn=*)", present("cn")},
+      {"(cn=**)", subs("cn", "")},
+      {"(cn=a*b*c)", subs("cn", prim(0x80, "a") + prim(0x81, "b") + prim(0x82, "c"))},
+      {"(cn=a*)", subs("cn", prim(0x80, "a"))},
+      {"(cn=*a)", subs("cn", prim(0x82, "a"))},
+      {"(cn=*a*b*)", subs("cn", prim(0x81, "a") + prim(0x81, "b"))},
+      {"(cn=*\\2a*)", subs("cn", prim(0x81, "*"))},
+      {"(age>=30)", ava(0xA5, "age", "30")},
+      {"(age<=30)", ava(0xA6, "age", "30")},
+      {"(cn~=jon)", ava(0xA8, "cn", "jon")},
+      {"(cn\xE2\x80\xBE=jon)", ava(0xA8, "cn", "jon")},
+      {"(&(a=1)(b=2))", cons(0xA0, eq("a", "1") + eq("b", "2"))},
+      {"(|(a=1))", cons(0xA1, eq("a", "1"))},
+      {"(!(a=1))", cons(0xA2, eq("a", "1"))},
+      {"(!(a=1)(b=2))", cons(0xA2, eq("a", "1") + eq("b", "2"))},
+      {"(&(a=1)(|(b=2)(c=3)))", cons(0xA0, eq("a", "1") + cons(0xA1, eq("b", "2") + eq("c", "3")))},
+      {"( & (a=1) (b=2) )", cons(0xA0, eq("a", "1") + eq("b", "2"))},
+      {"(&)", cons(0xA0, "")},
+      {"(a=1)(b=2)", eq("a", "1") + eq("b", "2")},
+      {"(cn=a\\29b)", eq("cn", "a)b")},
+      {"(cn=a\\)b)", ""},  // "\)" is no hex pair
+      {"(cn=\\2a)", eq("cn", "*")},
+      {"(cn=\\00)", eq("cn", "\\00")},
+      {"(cn=x\\4A\\6b)", eq("cn", "xJk")},
+      {"(cn:dn:2.5.13.5:=x)", ext("2.5.13.5", "cn", "x", true)},
+      {"(:2.5.13.5:=x)", ext("2.5.13.5", "", "x", false)},
+      {"(cn:caseExactMatch:=A\\2a)", ext("caseExactMatch", "cn", "A\\2a", false)},
+      {"(:dn:2.5.13.5:=x)", ext("2.5.13.5", "", "x", true)},
+      {"", ""},
+  };
+  for (const Case &c : cases) {
+    bool ok = false;
+    const std::string got = encode(c.filter, &ok);
+    if (std::string(c.filter) == "(cn=a\\)b)") {
+      EXPECT_FALSE(ok) << c.filter;
+      continue;
+    }
+    EXPECT_TRUE(ok) << c.filter;
+    EXPECT_EQ(got, c.bytes) << c.filter;
+  }
+}
+
+TEST(FilterEncoder, MalformedFiltersAreRefused) {
+  const char *bad[] = {
+      "(a=1))",        "(a=1",       "a",          "(a)",         "(&(a=1)",     "(&(a=1)x)",   ")",
+      "(cn=\\zz)",     "(cn=\\4)",   "(cn=\\",     "(cn=x\\",     "(cn:=x)",     "(cn::r:=x)",  "(cn:dn:::=x)",
+      "((a=1)",        "(&(a=1)))",  "(a=\\g0)",   "(cn=a*\\q*)", "(!(a=1)(b)", "(|(a=1)((b=2))",
+  };
+  for (const char *f : bad) {
+    bool ok = true;
+    encode(f, &ok);
+    EXPECT_FALSE(ok) << f;
+  }
+}
+
+TEST(FilterEncoder, CompressHexDecodesPairsInPlaceAndKeepsEscapedNul) {
+  struct {
+    const char *in;
+    int rc;
+    const char *out;
+  } cases[] = {
+      {"plain", 0, "plain"}, {"a\\41b", 0, "aAb"}, {"\\00x", 0, "\\00x"}, {"\\2A\\2a", 0, "**"},
+      {"\\4", -1, nullptr},  {"\\xy", -1, nullptr}, {"end\\", -1, nullptr},
+  };
+  for (const auto &c : cases) {
+    char buf[32];
+    strcpy(buf, c.in);
+    EXPECT_EQ(compress_hex(buf), c.rc) << c.in;
+    if (c.out) {
+      EXPECT_STREQ(buf, c.out) << c.in;
+    }
+  }
+}
+
+TEST(SortKeyList, KeysSplitIntoNameRuleAndReverseFlag) {
+  LDAPsortkey **keys = nullptr;
+  ASSERT_EQ(ldap_create_sort_keylist(&keys, " cn  -sn:caseExactOrderingMatch uid "), 0);
+  ASSERT_NE(keys, nullptr);
+  EXPECT_STREQ(keys[0]->sk_attrtype, "cn");
+  EXPECT_EQ(keys[0]->sk_matchruleoid, nullptr);
+  EXPECT_EQ(keys[0]->sk_reverseorder, 0);
+  EXPECT_STREQ(keys[1]->sk_attrtype, "sn");
+  EXPECT_STREQ(keys[1]->sk_matchruleoid, "caseExactOrderingMatch");
+  EXPECT_EQ(keys[1]->sk_reverseorder, 1);
+  EXPECT_STREQ(keys[2]->sk_attrtype, "uid");
+  EXPECT_EQ(keys[3], nullptr);
+  ldap_free_sort_keylist(keys);
+
+  keys = reinterpret_cast<LDAPsortkey **>(1);
+  EXPECT_EQ(ldap_create_sort_keylist(&keys, "   "), LDAP_PARAM_ERROR);
+  EXPECT_EQ(keys, nullptr);
+  EXPECT_EQ(ldap_create_sort_keylist(&keys, nullptr), LDAP_PARAM_ERROR);
+  EXPECT_EQ(ldap_create_sort_keylist(nullptr, "cn"), LDAP_PARAM_ERROR);
+}
+
+TEST(SortKeyList, EveryAllocationFailureGivesNoMemoryAndLeaksNothing) {
+  for (long n = 1;; ++n) {
+    olx_fail_alloc_at(n);
+    LDAPsortkey **keys = nullptr;
+    const int rc = ldap_create_sort_keylist(&keys, "cn -sn:rule uid:r2");
+    const long used = olx_fail_alloc_at(0);
+    if (rc == 0) {
+      ldap_free_sort_keylist(keys);
+      EXPECT_LT(used, n);
+      break;
+    }
+    EXPECT_EQ(rc, LDAP_NO_MEMORY) << n;
+    EXPECT_EQ(keys, nullptr);
+  }
+}
+
+TEST(FilterEncoder, AllocationFailuresRefuseTheFilter) {
+  for (long n = 1; n < 64; ++n) {
+    BerElement *ber = fber_alloc();
+    olx_fail_alloc_at(n);
+    const int rc = put_filter(ber, "(&(cn=a*b)(!(sn=x\\41))(cn:dn:r:=v))", 0);
+    const long used = olx_fail_alloc_at(0);
+    fber_free(ber);
+    if (used < n) {
+      EXPECT_EQ(rc, 0);
+      break;
+    }
+    EXPECT_EQ(rc, -1) << n;
+  }
+}
+
+}  // namespace
