@@ -22,7 +22,9 @@ run() {
     if [[ "${shown[$i]}" == "-w" ]]; then shown[$((i + 1))]="***"; fi
   done
   printf '$ tavldap'
-  printf ' %q' "${shown[@]}"
+  for i in "${shown[@]}"; do
+    if [[ "$i" =~ ^[][A-Za-z0-9_./:=,@+*-]+$ ]]; then printf ' %s' "$i"; else printf " '%s'" "$i"; fi
+  done
   echo
   local rc=0
   "$client" "$@" || rc=$?
