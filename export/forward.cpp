@@ -4,6 +4,7 @@
 #include "tavldap.h"
 
 #include "ldap-int.h"
+#include "ldap-search.h"
 #include "ldap-update.h"
 
 #define TAV_EXPORT_FN(R, N, P, A) \

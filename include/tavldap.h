@@ -6,6 +6,7 @@
 #define TAVLDAP_H
 
 #include <stdint.h>
+#include <sys/time.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -295,6 +296,29 @@ TAVLDAP_API int tav_ldap_add_s(LDAP *ld, const char *dn, LDAPMod **attrs);
 TAVLDAP_API int tav_ldap_delete_s(LDAP *ld, const char *dn);
 TAVLDAP_API int tav_ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods);
 TAVLDAP_API int tav_ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn);
+
+/* Searches and waits at most *timeout (null: without limit) for the whole
+ * answer; the server is sent the session's time limit.  *res is set whenever
+ * a response arrived, also on failure, and is freed with tav_ldap_msgfree. */
+TAVLDAP_API int tav_ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                                   int attrsonly, struct timeval *timeout, LDAPMessage **res);
+/* Walking the entries of a result chain; -1 from the count for a bad handle. */
+TAVLDAP_API int tav_ldap_count_entries(LDAP *ld, LDAPMessage *chain);
+TAVLDAP_API LDAPMessage *tav_ldap_first_entry(LDAP *ld, LDAPMessage *chain);
+TAVLDAP_API LDAPMessage *tav_ldap_next_entry(LDAP *ld, LDAPMessage *entry);
+/* The entry's DN, newly allocated (tav_ldap_memfree). */
+TAVLDAP_API char *tav_ldap_get_dn(LDAP *ld, LDAPMessage *entry);
+/* Attribute names, each newly allocated (tav_ldap_memfree); *cursor is freed
+ * with tav_ldap_ber_free before the chain is.  Null with tav_ldap_get_errno 0
+ * marks the end. */
+TAVLDAP_API char *tav_ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursor);
+TAVLDAP_API char *tav_ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *cursor);
+/* Values of one attribute (name compared without regard to case) as a
+ * null-terminated list, freed with tav_ldap_value_free_len. */
+TAVLDAP_API struct berval **tav_ldap_get_values_len(LDAP *ld, LDAPMessage *entry, const char *attr);
+TAVLDAP_API void tav_ldap_value_free_len(struct berval **vals);
+/* Frees a result chain; returns the type of its last message. */
+TAVLDAP_API int tav_ldap_msgfree(LDAPMessage *chain);
 
 /* Identification lines ("@(#)key: value") and the banner. */
 TAVLDAP_API extern const char tavldap_SCCSInfo[];
