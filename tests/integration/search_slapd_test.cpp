@@ -216,10 +216,17 @@ TEST_F(Search, TimedOutSearchMarksItsRowAndTheLateResultReleasesIt) {
   for (uint32_t i = 1; i < table->size; ++i)
     if (table->rows[i].flags & LDAP_ROW_RELEASE_WHEN_DONE) marked = (int)i;
   ASSERT_GT(marked, 0);
-  // A later search reads past the late answer, which frees the marked row.
+  // Later searches read past the late answer, which frees the marked row.
+  // slapd may answer them before it has finished the slow one, so keep
+  // reading until the late result has come in.
   ASSERT_EQ(ldap_search_s(ld, SlapdServer::kPeopleDn, 2, "(objectClass=*)", nullptr, 0, &res), LDAP_SUCCESS);
   EXPECT_EQ(ldap_count_entries(ld, res), 301);
   ldap_msgfree(res);
+  for (int i = 0; i < 500 && table->rows[marked].flags != 0; ++i) {
+    ASSERT_EQ(ldap_search_s(ld, SlapdServer::user_dn(1).c_str(), 0, "(objectClass=*)", nullptr, 0, &res),
+              LDAP_SUCCESS);
+    ldap_msgfree(res);
+  }
   EXPECT_EQ(table->rows[marked].flags, 0u);
   EXPECT_EQ(table->rows[marked].head, nullptr);
 }
