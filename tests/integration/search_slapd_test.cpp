@@ -9,6 +9,7 @@
 
 #include "fake_server.h"
 #include "ldap-search.h"
+#include "ldap-utils.h"
 #include "slapd_server.h"
 
 using tavtest::SlapdServer;
@@ -245,6 +246,34 @@ TEST_F(Search, SubtreeWithAReferralObjectGivesReferences) {
   EXPECT_EQ(std::string(urls[0]).find("ldap://elsewhere.example:389/"), 0u);
   ldap_value_free(urls);
   ldap_msgfree(res);
+}
+
+TEST_F(Search, EveryAllocationFailureEndsWithADocumentedCodeAndNoLeak) {
+  // Each run fails the nth allocation from the search call on, in a fresh
+  // session so that a failure that closed the connection does not carry over.
+  const std::set<int> documented = {LDAP_SUCCESS,     LDAP_NO_MEMORY,    LDAP_LOCAL_ERROR, LDAP_ENCODING_ERROR,
+                                    LDAP_FILTER_ERROR, LDAP_SERVER_DOWN, LDAP_DECODING_ERROR};
+  char cn[] = "cn";
+  char *attrs[] = {cn, nullptr};
+  std::set<int> codes;
+  for (long n = 1; n < 400; ++n) {
+    LDAP *s = ldap_init("127.0.0.1", slapd->port());
+    ASSERT_NE(s, nullptr);
+    struct timeval tv = {5, 0};
+    LDAPMessage *res = nullptr;
+    olx_fail_alloc_at(n);
+    const int rc = ldap_search_st(s, kFilters, 1, "(&(uid=f*)(!(cn=x\\41*)))", attrs, 0, &tv, &res);
+    const long used = olx_fail_alloc_at(0);
+    EXPECT_TRUE(documented.count(rc)) << "allocation " << n << " gave " << rc;
+    if (rc == LDAP_SUCCESS) EXPECT_EQ(ldap_count_entries(s, res), 3);
+    ldap_msgfree(res);
+    ldap_unbind(s);
+    codes.insert(rc);
+    if (used < n) break;
+  }
+  // The sweep reached the end and the failures were seen as failures.
+  EXPECT_TRUE(codes.count(LDAP_SUCCESS));
+  EXPECT_TRUE(codes.count(LDAP_NO_MEMORY));
 }
 
 // The request as it reaches a server: the time limit a synchronous search
