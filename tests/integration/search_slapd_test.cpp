@@ -265,7 +265,9 @@ TEST_F(Search, EveryAllocationFailureEndsWithADocumentedCodeAndNoLeak) {
     const int rc = ldap_search_st(s, kFilters, 1, "(&(uid=f*)(!(cn=x\\41*)))", attrs, 0, &tv, &res);
     const long used = olx_fail_alloc_at(0);
     EXPECT_TRUE(documented.count(rc)) << "allocation " << n << " gave " << rc;
-    if (rc == LDAP_SUCCESS) EXPECT_EQ(ldap_count_entries(s, res), 3);
+    if (rc == LDAP_SUCCESS) {
+      EXPECT_EQ(ldap_count_entries(s, res), 3);
+    }
     ldap_msgfree(res);
     ldap_unbind(s);
     codes.insert(rc);
