@@ -72,8 +72,7 @@ static void *sb_thread_main(void *arg) {
   for (long i = 0; sb_wall_seconds() < t->until; ++i) {
     snprintf(dn, sizeof dn, t->dn_format, (int)((t->index * 7919 + i) % 1000) + 1);
     LDAPMessage *res = NULL;
-    if (SB_SEARCH(t->ld, dn, 0, "(objectClass=*)", &res) != 0 || ldap_count_entries(t->ld, res) != 1)
-      ++t->failures;
+    if (SB_SEARCH(t->ld, dn, 0, "(objectClass=*)", &res) != 0 || ldap_count_entries(t->ld, res) != 1) ++t->failures;
     ldap_msgfree(res);
     ++t->ops;
   }

@@ -14,19 +14,19 @@
 extern "C" {
 // Search forms.
 TAV_INTERNAL int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly);
-TAV_INTERNAL int ldap_search_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
-                               int attrsonly, LDAPMessage **res);
-TAV_INTERNAL int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
-                                int attrsonly, struct timeval *timeout, LDAPMessage **res);
-TAV_INTERNAL int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
-                                 int attrsonly, LDAPControl **sctrls, LDAPControl **cctrls, struct timeval *timeout,
-                                 int sizelimit, int *msgidp);
+TAV_INTERNAL int ldap_search_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                               LDAPMessage **res);
+TAV_INTERNAL int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                                struct timeval *timeout, LDAPMessage **res);
+TAV_INTERNAL int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                                 LDAPControl **sctrls, LDAPControl **cctrls, struct timeval *timeout, int sizelimit,
+                                 int *msgidp);
 TAV_INTERNAL int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
-                                   int attrsonly, LDAPControl **sctrls, LDAPControl **cctrls,
-                                   struct timeval *timeout, int sizelimit, LDAPMessage **res);
+                                   int attrsonly, LDAPControl **sctrls, LDAPControl **cctrls, struct timeval *timeout,
+                                   int sizelimit, LDAPMessage **res);
 TAV_INTERNAL int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
-                                        int attrsonly, LDAPControl **sctrls, int sizelimit,
-                                        struct timeval *timeout, int *msgidp, LDAPConn *conn);
+                                        int attrsonly, LDAPControl **sctrls, int sizelimit, struct timeval *timeout,
+                                        int *msgidp, LDAPConn *conn);
 
 // Filter encoder: 0 or -1.
 TAV_INTERNAL int put_filter(BerElement *ber, const char *filter, int nested);
@@ -49,8 +49,8 @@ TAV_INTERNAL LDAPMessage *ldap_next_reference(LDAP *ld, LDAPMessage *ref);
 TAV_INTERNAL int ldap_count_references(LDAP *ld, LDAPMessage *chain);
 TAV_INTERNAL int ldap_parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp,
                                       int freeit);
-TAV_INTERNAL int ldap_parse_reference_np(LDAP *ld, LDAPMessage *ref, char ***referralsp,
-                                         LDAPControl ***serverctrlsp, int freeit);
+TAV_INTERNAL int ldap_parse_reference_np(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp,
+                                         int freeit);
 TAV_INTERNAL char *ldap_get_dn(LDAP *ld, LDAPMessage *entry);
 TAV_INTERNAL int ldap_get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrlsp);
 TAV_INTERNAL int ldap_get_entry_controls_np(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrlsp);

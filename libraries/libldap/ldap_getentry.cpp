@@ -92,9 +92,7 @@ LDAPMessage *ldap_first_entry(LDAP *ld, LDAPMessage *chain) {
   return walk("ldap_first_entry", ld, chain, kEntry, false);
 }
 
-LDAPMessage *ldap_next_entry(LDAP *ld, LDAPMessage *entry) {
-  return walk("ldap_next_entry", ld, entry, kEntry, true);
-}
+LDAPMessage *ldap_next_entry(LDAP *ld, LDAPMessage *entry) { return walk("ldap_next_entry", ld, entry, kEntry, true); }
 
 LDAPMessage *ldap_first_reference(LDAP *ld, LDAPMessage *chain) {
   return walk("ldap_first_reference", ld, chain, kReference, false);
@@ -132,8 +130,7 @@ int ldap_parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPCon
   return rc;
 }
 
-int ldap_parse_reference_np(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp,
-                            int freeit) {
+int ldap_parse_reference_np(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp, int freeit) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_reference_np: ld(%p) ref(%p) referralsp(%p) serverctrlsp(%p) freeit(%d)\n",
            (void *)ld, (void *)ref, (void *)referralsp, (void *)serverctrlsp, freeit);
   if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
@@ -170,8 +167,8 @@ int ldap_get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverc
 }
 
 int ldap_get_entry_controls_np(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrlsp) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_entry_controls_np: ld(%p) entry(%p) serverctrlsp(%p)\n", (void *)ld,
-           (void *)entry, (void *)serverctrlsp);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_entry_controls_np: ld(%p) entry(%p) serverctrlsp(%p)\n", (void *)ld, (void *)entry,
+           (void *)serverctrlsp);
   if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
   const int rc = get_entry_controls(ld, entry, serverctrlsp);
   ldap_end_operation(ld);

@@ -316,8 +316,7 @@ void ldap_free_sort_keylist(LDAPsortkey **keys) {
 }
 
 int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
-                           LDAPControl **sctrls, int sizelimit, struct timeval *timeout, int *msgidp,
-                           LDAPConn *conn) {
+                           LDAPControl **sctrls, int sizelimit, struct timeval *timeout, int *msgidp, LDAPConn *conn) {
   if (conn == nullptr && (conn = get_default_connection(ld)) == nullptr) {
     ldap_set_errno_direct(ld, LDAP_ENCODING_ERROR, nullptr, nullptr);
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_search_ext_direct: NULL server connection\n");
@@ -378,10 +377,9 @@ int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *fi
 }
 
 int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
-                    LDAPControl **sctrls, LDAPControl **cctrls, struct timeval *timeout, int sizelimit,
-                    int *msgidp) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_search_ext: ld(%p) base(%s) scope(%d) filter(%s)\n", (void *)ld,
-           base ? base : "NULL", scope, filter ? filter : "NULL");
+                    LDAPControl **sctrls, LDAPControl **cctrls, struct timeval *timeout, int sizelimit, int *msgidp) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_search_ext: ld(%p) base(%s) scope(%d) filter(%s)\n", (void *)ld, base ? base : "NULL",
+           scope, filter ? filter : "NULL");
   if (msgidp != nullptr) *msgidp = -1;
   if (ld == nullptr || scope < 0 || scope > 2 || filter == nullptr || msgidp == nullptr) return LDAP_PARAM_ERROR;
   int rc = ldap_start_operation(ld);
@@ -389,8 +387,7 @@ int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, c
   int substituted = 0;
   rc = ldap_apply_default_controls(ld, &sctrls, cctrls, &substituted);
   if (rc == 0)
-    rc = ldap_search_ext_direct(ld, base, scope, filter, attrs, attrsonly, sctrls, sizelimit, timeout, msgidp,
-                                nullptr);
+    rc = ldap_search_ext_direct(ld, base, scope, filter, attrs, attrsonly, sctrls, sizelimit, timeout, msgidp, nullptr);
   if (substituted) ldap_controls_free(sctrls);
   ldap_end_operation(ld);
   return rc;
@@ -481,8 +478,8 @@ int ldap_search_s(LDAP *ld, const char *base, int scope, const char *filter, cha
 
 int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
                    struct timeval *timeout, LDAPMessage **res) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_search_st: ld(%p) base(%s) scope(%d) filter(%s)\n", (void *)ld,
-           base ? base : "NULL", scope, filter ? filter : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_search_st: ld(%p) base(%s) scope(%d) filter(%s)\n", (void *)ld, base ? base : "NULL",
+           scope, filter ? filter : "NULL");
   if (res == nullptr) return LDAP_PARAM_ERROR;
   *res = nullptr;
   int rc = ldap_start_operation(ld);

@@ -20,8 +20,8 @@ bool find_attribute(BerElement *copy, const char *attr) {
     // Past the last attribute the next tag is not a SEQUENCE (the entry's
     // controls, or nothing), which ends the search too.
     ber_len_t len;
-    if (fber_scanf(copy, "x}") == LBER_ERROR || copy->ber_ptr >= copy->ber_end ||
-        fber_peek_tag(copy, &len) != 0x30 || fber_scanf(copy, "{s", type, &size) == LBER_ERROR)
+    if (fber_scanf(copy, "x}") == LBER_ERROR || copy->ber_ptr >= copy->ber_end || fber_peek_tag(copy, &len) != 0x30 ||
+        fber_scanf(copy, "{s", type, &size) == LBER_ERROR)
       return false;
   }
   return true;
@@ -29,8 +29,7 @@ bool find_attribute(BerElement *copy, const char *attr) {
 
 template <typename T>
 T **get_values(const char *name, LDAP *ld, LDAPMessage *entry, const char *attr, const char *format) {
-  LDAP_LOG(LDAP_LOG_TRACE, "%s: ld(%p) entry(%p) attr(%s)\n", name, (void *)ld, (void *)entry,
-           attr ? attr : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "%s: ld(%p) entry(%p) attr(%s)\n", name, (void *)ld, (void *)entry, attr ? attr : "NULL");
   if (ldap_start_operation(ld) != 0) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   T **vals = nullptr;

@@ -83,8 +83,8 @@ TEST_F(SearchControls, PagedResultsWalkTheWholeSubtreeWithTheCookie) {
     cookie = nullptr;
     LDAPControl *sctrls[] = {page, nullptr};
     LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_search_ext_s(ld, SlapdServer::kPeopleDn, 1, "(objectClass=inetOrgPerson)", attrs, 0, sctrls,
-                                nullptr, nullptr, 0, &res),
+    ASSERT_EQ(ldap_search_ext_s(ld, SlapdServer::kPeopleDn, 1, "(objectClass=inetOrgPerson)", attrs, 0, sctrls, nullptr,
+                                nullptr, 0, &res),
               LDAP_SUCCESS);
     ldap_control_free(page);
     const int n = ldap_count_entries(ld, res);
@@ -110,8 +110,8 @@ TEST_F(SearchControls, ServerSideSortAndVirtualListView) {
   ASSERT_EQ(ldap_create_sort_control(ld, keys, 1, &sort), 0);
   LDAPControl *sctrls[] = {sort, nullptr, nullptr};
   LDAPMessage *res = nullptr;
-  ASSERT_EQ(ldap_search_ext_s(ld, SlapdServer::kPeopleDn, 1, "(|(uid=user1)(uid=user3)(uid=user2))", nullptr, 0,
-                              sctrls, nullptr, nullptr, 0, &res),
+  ASSERT_EQ(ldap_search_ext_s(ld, SlapdServer::kPeopleDn, 1, "(|(uid=user1)(uid=user3)(uid=user2))", nullptr, 0, sctrls,
+                              nullptr, nullptr, 0, &res),
             LDAP_SUCCESS);
   EXPECT_EQ(uids_in_order(res), (std::vector<std::string>{"user3", "user2", "user1"}));
   int code = -1;
@@ -139,8 +139,8 @@ TEST_F(SearchControls, ServerSideSortAndVirtualListView) {
   ASSERT_EQ(ldap_create_vlv_control(ld, &info, &vlv), 0);
   sctrls[0] = sort;
   sctrls[1] = vlv;
-  ASSERT_EQ(ldap_search_ext_s(ld, SlapdServer::kPeopleDn, 1, "(objectClass=inetOrgPerson)", nullptr, 0, sctrls,
-                              nullptr, nullptr, 0, &res),
+  ASSERT_EQ(ldap_search_ext_s(ld, SlapdServer::kPeopleDn, 1, "(objectClass=inetOrgPerson)", nullptr, 0, sctrls, nullptr,
+                              nullptr, 0, &res),
             LDAP_SUCCESS);
   EXPECT_EQ(uids_in_order(res), (std::vector<std::string>{"user10", "user100", "user1000", "user101"}));
   rctrls = response_controls(res, &code);
@@ -165,13 +165,12 @@ TEST_F(SearchControls, AssertionControlTrueAndFalse) {
   for (const auto &c : cases) {
     BerElement *ber = fber_alloc();
     ASSERT_EQ(put_filter(ber, c.assertion, 0), 0);
-    LDAPControl assertion = {const_cast<char *>(LDAP_CONTROL_ASSERTION),
-                             {(ber_len_t)(ber->ber_ptr - ber->ber_buf), ber->ber_buf},
-                             1};
+    LDAPControl assertion = {
+        const_cast<char *>(LDAP_CONTROL_ASSERTION), {(ber_len_t)(ber->ber_ptr - ber->ber_buf), ber->ber_buf}, 1};
     LDAPControl *sctrls[] = {&assertion, nullptr};
     LDAPMessage *res = nullptr;
-    EXPECT_EQ(ldap_search_ext_s(ld, SlapdServer::user_dn(1).c_str(), 0, "(objectClass=*)", nullptr, 0, sctrls,
-                                nullptr, nullptr, 0, &res),
+    EXPECT_EQ(ldap_search_ext_s(ld, SlapdServer::user_dn(1).c_str(), 0, "(objectClass=*)", nullptr, 0, sctrls, nullptr,
+                                nullptr, 0, &res),
               c.rc)
         << c.assertion;
     EXPECT_EQ(ldap_count_entries(ld, res), c.entries);

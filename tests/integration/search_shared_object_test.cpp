@@ -33,8 +33,9 @@ TEST(SearchSharedObject, SearchAndWalkEntriesAttributesAndValues) {
   auto get_errno = sym<int (*)(LDAP *)>(h, "tav_ldap_get_errno");
   auto memfree = sym<void (*)(void *)>(h, "tav_ldap_memfree");
   auto ber_free = sym<void (*)(BerElement *)>(h, "tav_ldap_ber_free");
-  auto search_st = sym<int (*)(LDAP *, const char *, int, const char *, char **, int, struct timeval *,
-                               LDAPMessage **)>(h, "tav_ldap_search_st");
+  auto search_st =
+      sym<int (*)(LDAP *, const char *, int, const char *, char **, int, struct timeval *, LDAPMessage **)>(
+          h, "tav_ldap_search_st");
   auto count_entries = sym<int (*)(LDAP *, LDAPMessage *)>(h, "tav_ldap_count_entries");
   auto first_entry = sym<LDAPMessage *(*)(LDAP *, LDAPMessage *)>(h, "tav_ldap_first_entry");
   auto next_entry = sym<LDAPMessage *(*)(LDAP *, LDAPMessage *)>(h, "tav_ldap_next_entry");

@@ -33,7 +33,8 @@ std::string test_data() {
          person("f2", "Bob Stone", "Stone", 20, "description: \\00\njpegPhoto:: AAEAAg==\n") +
          person("f3", "Carl Lee", "Lee", 30, "") + "dn: " + kRefs +
          "\nobjectClass: organizationalUnit\nou: Refs\n\n"
-         "dn: ou=Away," + kRefs +
+         "dn: ou=Away," +
+         kRefs +
          "\nobjectClass: referral\nobjectClass: extensibleObject\nou: Away\n"
          "ref: ldap://elsewhere.example:389/ou=Away,dc=example,dc=com\n\n";
 }
@@ -152,8 +153,7 @@ TEST_F(Search, BadFiltersGive87AndBadScopeGives89) {
   EXPECT_EQ(ldap_search_ext(ld, kFilters, 3, "(uid=f1)", nullptr, 0, nullptr, nullptr, nullptr, 0, &id),
             LDAP_PARAM_ERROR);
   EXPECT_EQ(id, -1);
-  EXPECT_EQ(ldap_search_ext(ld, kFilters, 1, nullptr, nullptr, 0, nullptr, nullptr, nullptr, 0, &id),
-            LDAP_PARAM_ERROR);
+  EXPECT_EQ(ldap_search_ext(ld, kFilters, 1, nullptr, nullptr, 0, nullptr, nullptr, nullptr, 0, &id), LDAP_PARAM_ERROR);
 }
 
 TEST_F(Search, AttributeListsAndAttributesOnly) {
@@ -199,8 +199,8 @@ TEST_F(Search, SizeLimitExceededKeepsTheEntriesThatArrived) {
   EXPECT_EQ(ldap_count_entries(ld, res), 2);
   ldap_msgfree(res);
   res = nullptr;
-  EXPECT_EQ(ldap_search_ext_s(ld, SlapdServer::kPeopleDn, 1, "(objectClass=*)", nullptr, 0, nullptr, nullptr,
-                              nullptr, 3, &res),
+  EXPECT_EQ(ldap_search_ext_s(ld, SlapdServer::kPeopleDn, 1, "(objectClass=*)", nullptr, 0, nullptr, nullptr, nullptr,
+                              3, &res),
             LDAP_SIZELIMIT_EXCEEDED);
   EXPECT_EQ(ldap_count_entries(ld, res), 3);
   ldap_msgfree(res);
@@ -224,8 +224,7 @@ TEST_F(Search, TimedOutSearchMarksItsRowAndTheLateResultReleasesIt) {
   EXPECT_EQ(ldap_count_entries(ld, res), 301);
   ldap_msgfree(res);
   for (int i = 0; i < 500 && table->rows[marked].flags != 0; ++i) {
-    ASSERT_EQ(ldap_search_s(ld, SlapdServer::user_dn(1).c_str(), 0, "(objectClass=*)", nullptr, 0, &res),
-              LDAP_SUCCESS);
+    ASSERT_EQ(ldap_search_s(ld, SlapdServer::user_dn(1).c_str(), 0, "(objectClass=*)", nullptr, 0, &res), LDAP_SUCCESS);
     ldap_msgfree(res);
   }
   EXPECT_EQ(table->rows[marked].flags, 0u);
@@ -251,7 +250,7 @@ TEST_F(Search, SubtreeWithAReferralObjectGivesReferences) {
 TEST_F(Search, EveryAllocationFailureEndsWithADocumentedCodeAndNoLeak) {
   // Each run fails the nth allocation from the search call on, in a fresh
   // session so that a failure that closed the connection does not carry over.
-  const std::set<int> documented = {LDAP_SUCCESS,     LDAP_NO_MEMORY,    LDAP_LOCAL_ERROR, LDAP_ENCODING_ERROR,
+  const std::set<int> documented = {LDAP_SUCCESS,      LDAP_NO_MEMORY,   LDAP_LOCAL_ERROR,   LDAP_ENCODING_ERROR,
                                     LDAP_FILTER_ERROR, LDAP_SERVER_DOWN, LDAP_DECODING_ERROR};
   char cn[] = "cn";
   char *attrs[] = {cn, nullptr};
@@ -285,8 +284,8 @@ TEST(SearchRequest, TimeLimitSentFollowsTheForm) {
     // {i t{ s e e i i b: find the two INTEGERs after the two ENUMERATEDs.
     size_t at = pdu.find('\x0a');
     at = pdu.find('\x0a', at + 3);
-    at += 3;                    // past deref
-    at += 2 + pdu[at + 1];      // past size limit
+    at += 3;                // past deref
+    at += 2 + pdu[at + 1];  // past size limit
     int v = 0;
     for (int i = 0; i < pdu[at + 1]; ++i) v = v << 8 | (unsigned char)pdu[at + 2 + i];
     return v;

@@ -174,7 +174,9 @@ TEST_F(Chain, WalkingAndCountingEntriesAndReferences) {
 
 TEST_F(Chain, MissingArgumentsAndMalformedEntries) {
   LDAPMessage *bad = add(cons(0x64, octets("cn=x") + std::string("\x30\x05\x30", 3)));
-  LDAPMessage *nodn = add(cons(0x64, std::string("\x04\x10" "ab", 4)));  // DN runs past the end
+  LDAPMessage *nodn = add(cons(0x64, std::string("\x04\x10"
+                                                 "ab",
+                                                 4)));  // DN runs past the end
   BerElement *cursor = reinterpret_cast<BerElement *>(1);
   EXPECT_EQ(ldap_first_attribute(ld, bad, &cursor), nullptr);
   EXPECT_EQ(ldap_get_errno(ld), LDAP_DECODING_ERROR);

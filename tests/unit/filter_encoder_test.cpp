@@ -25,7 +25,9 @@ std::string ava(unsigned char tag, const std::string &a, const std::string &v) {
 }
 std::string eq(const std::string &a, const std::string &v) { return ava(0xA3, a, v); }
 std::string present(const std::string &a) { return prim(0x87, a); }
-std::string subs(const std::string &a, const std::string &pieces) { return cons(0xA4, prim(0x04, a) + cons(0x30, pieces)); }
+std::string subs(const std::string &a, const std::string &pieces) {
+  return cons(0xA4, prim(0x04, a) + cons(0x30, pieces));
+}
 std::string ext(const std::string &rule, const std::string &attr, const std::string &value, bool dn) {
   std::string c;
   if (!rule.empty()) c += prim(0x81, rule);
@@ -99,9 +101,9 @@ TEST(FilterEncoder, EveryFilterFormEncodesAsTheProtocolDefines) {
 
 TEST(FilterEncoder, MalformedFiltersAreRefused) {
   const char *bad[] = {
-      "(a=1))",        "(a=1",       "a",          "(a)",         "(&(a=1)",     "(&(a=1)x)",   ")",
-      "(cn=\\zz)",     "(cn=\\4)",   "(cn=\\",     "(cn=x\\",     "(cn:=x)",     "(cn::r:=x)",  "(cn:dn:::=x)",
-      "((a=1)",        "(&(a=1)))",  "(a=\\g0)",   "(cn=a*\\q*)", "(!(a=1)(b)", "(|(a=1)((b=2))",
+      "(a=1))",    "(a=1",      "a",        "(a)",         "(&(a=1)",    "(&(a=1)x)",      ")",
+      "(cn=\\zz)", "(cn=\\4)",  "(cn=\\",   "(cn=x\\",     "(cn:=x)",    "(cn::r:=x)",     "(cn:dn:::=x)",
+      "((a=1)",    "(&(a=1)))", "(a=\\g0)", "(cn=a*\\q*)", "(!(a=1)(b)", "(|(a=1)((b=2))",
   };
   for (const char *f : bad) {
     bool ok = true;
@@ -116,7 +118,7 @@ TEST(FilterEncoder, CompressHexDecodesPairsInPlaceAndKeepsEscapedNul) {
     int rc;
     const char *out;
   } cases[] = {
-      {"plain", 0, "plain"}, {"a\\41b", 0, "aAb"}, {"\\00x", 0, "\\00x"}, {"\\2A\\2a", 0, "**"},
+      {"plain", 0, "plain"}, {"a\\41b", 0, "aAb"},  {"\\00x", 0, "\\00x"},  {"\\2A\\2a", 0, "**"},
       {"\\4", -1, nullptr},  {"\\xy", -1, nullptr}, {"end\\", -1, nullptr},
   };
   for (const auto &c : cases) {
