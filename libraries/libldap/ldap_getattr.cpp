@@ -22,7 +22,10 @@ char *next_name(LDAP *ld, BerElement *cursor) {
     return nullptr;
   }
   ber_len_t size = LDAP_ATTR_NAME_MAX + 1;
-  if (fber_scanf(cursor, "{sx}", name, &size) == LBER_ERROR) {
+  const int translate = cursor->ber_noxlate == nullptr || *cursor->ber_noxlate == 0;
+  // "{sx}" without the format interpreter: this runs once per attribute.
+  if (fber_skip_tag(cursor, nullptr) == LBER_DEFAULT ||
+      fber_get_stringb(cursor, name, &size, translate) == LBER_DEFAULT || fber_skip_element(cursor) != 0) {
     ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
     free(name);
     return nullptr;

@@ -3,28 +3,43 @@
 #include <strings.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "ldap-debug.h"
 #include "ldap-search.h"
 
 namespace {
 
+inline bool translates(const BerElement *ber) { return ber->ber_noxlate == nullptr || *ber->ber_noxlate == 0; }
+
+// ASCII case folding of the first byte rejects most names without a call.
+inline bool same_name(const char *a, const char *b) {
+  const unsigned char x = static_cast<unsigned char>(*a), y = static_cast<unsigned char>(*b);
+  if (x < 0x80 && y < 0x80 && (x | 0x20) != (y | 0x20)) return false;
+  return strcasecmp(a, b) == 0;
+}
+
 // Positions `copy` at the value set of `attr` (compared without regard to
-// case).  False when the entry is malformed or has no such attribute.
+// case).  False when the entry is malformed or has no such attribute.  The
+// element readers are called directly: this loop runs once per attribute of
+// every lookup, and the format interpreter is most of its cost.
 bool find_attribute(BerElement *copy, const char *attr) {
   char type[LDAP_ATTR_NAME_MAX + 1];
-  ber_len_t size = sizeof type;
-  if (fber_scanf(copy, "{x{{s", type, &size) == LBER_ERROR) return false;
-  while (strcasecmp(type, attr) != 0) {
-    size = sizeof type;
-    // Past the last attribute the next tag is not a SEQUENCE (the entry's
-    // controls, or nothing), which ends the search too.
+  const int translate = translates(copy);
+  if (fber_skip_tag(copy, nullptr) == LBER_DEFAULT || fber_skip_element(copy) != 0 ||
+      fber_skip_tag(copy, nullptr) == LBER_DEFAULT)
+    return false;
+  for (bool first = true;; first = false) {
     ber_len_t len;
-    if (fber_scanf(copy, "x}") == LBER_ERROR || copy->ber_ptr >= copy->ber_end || fber_peek_tag(copy, &len) != 0x30 ||
-        fber_scanf(copy, "{s", type, &size) == LBER_ERROR)
+    // Past the last attribute the next tag is not a SEQUENCE (the entry's
+    // controls, or nothing), which ends the search.
+    if (!first && fber_skip_element(copy) != 0) return false;
+    if (copy->ber_ptr >= copy->ber_end || fber_peek_tag(copy, &len) != 0x30) return false;
+    ber_len_t size = sizeof type;
+    if (fber_skip_tag(copy, nullptr) == LBER_DEFAULT || fber_get_stringb(copy, type, &size, translate) == LBER_DEFAULT)
       return false;
+    if (same_name(type, attr)) return true;
   }
-  return true;
 }
 
 template <typename T>
