@@ -70,6 +70,7 @@ TAV_INTERNAL int ldap_create_effective_pwdpolicy_request(const char *dn, struct 
 TAV_INTERNAL int ldap_parse_effective_pwdpolicy_response(const char *oid, const struct berval *value,
                                                          LDAPPolicyItem ***items, char ***trailing);
 TAV_INTERNAL void ldap_free_effective_pwdpolicy(LDAPPolicyItem **items, char **trailing);
+TAV_INTERNAL int ldap_create_assertion_control(LDAP *ld, const char *filter, int critical, LDAPControl **out);
 TAV_INTERNAL int ldap_create_vlv_control(LDAP *ld, LDAPVLVInfo *info, LDAPControl **out);
 TAV_INTERNAL int ldap_parse_vlv_control(LDAP *ld, LDAPControl **ctrls, unsigned long *target_pos,
                                         unsigned long *list_count, struct berval **context);

@@ -14,6 +14,7 @@
 #include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
+#include "ldap-search.h"
 #include "ldap-utils.h"
 
 namespace {
@@ -821,6 +822,16 @@ int ldap_parse_effective_pwdpolicy_response(const char *oid, const struct berval
   *items = list;
   *trailing = tail;
   return LDAP_SUCCESS;
+}
+
+// The filter is encoded as a nested filter: the caller's string as it
+// stands, without code-page translation.
+int ldap_create_assertion_control(LDAP *, const char *filter, int critical, LDAPControl **out) {
+  if (filter == nullptr || out == nullptr) return LDAP_PARAM_ERROR;
+  BerGuard g{fber_alloc()};
+  if (g.ber == nullptr) return LDAP_NO_MEMORY;
+  if (put_filter(g.ber, filter, 1) != 0) return LDAP_FILTER_ERROR;
+  return control_from_ber(LDAP_CONTROL_ASSERTION, critical, g.ber, out);
 }
 
 int ldap_create_vlv_control(LDAP *, LDAPVLVInfo *info, LDAPControl **out) {

@@ -163,10 +163,9 @@ TEST_F(SearchControls, AssertionControlTrueAndFalse) {
     int entries;
   } cases[] = {{"(uid=user1)", LDAP_SUCCESS, 1}, {"(uid=user2)", LDAP_ASSERTION_FAILED, 0}};
   for (const auto &c : cases) {
-    BerElement *ber = fber_alloc();
-    ASSERT_EQ(put_filter(ber, c.assertion, 0), 0);
-    LDAPControl assertion = {
-        const_cast<char *>(LDAP_CONTROL_ASSERTION), {(ber_len_t)(ber->ber_ptr - ber->ber_buf), ber->ber_buf}, 1};
+    LDAPControl *made = nullptr;
+    ASSERT_EQ(ldap_create_assertion_control(ld, c.assertion, 1, &made), 0);
+    LDAPControl &assertion = *made;
     LDAPControl *sctrls[] = {&assertion, nullptr};
     LDAPMessage *res = nullptr;
     EXPECT_EQ(ldap_search_ext_s(ld, SlapdServer::user_dn(1).c_str(), 0, "(objectClass=*)", nullptr, 0, sctrls, nullptr,
@@ -175,7 +174,7 @@ TEST_F(SearchControls, AssertionControlTrueAndFalse) {
         << c.assertion;
     EXPECT_EQ(ldap_count_entries(ld, res), c.entries);
     ldap_msgfree(res);
-    fber_free(ber);
+    ldap_control_free(made);
   }
 }
 

@@ -230,6 +230,8 @@ TEST_F(Controls, ConstructorsWriteExactBytes) {
        LDAP_CONTROL_TRANSACTION, 1, Bytes("T\x00X", 3)},
       {"limit values", [&](LDAPControl **c) { return ldap_create_limit_num_values_control(ld, 5, 50, 1, 0, c); },
        LDAP_CONTROL_LIMIT_NUM_VALUES, 0, seq(0x30, integer(5) + integer(50) + prim(0x01, "\xff"))},
+      {"assertion", [&](LDAPControl **c) { return ldap_create_assertion_control(ld, "(cn=a)", 1, c); },
+       LDAP_CONTROL_ASSERTION, 1, seq(0xA3, str("cn") + str("a"))},
       {"vlv by offset", [&](LDAPControl **c) { return ldap_create_vlv_control(ld, &by_offset, c); },
        LDAP_CONTROL_VLVREQUEST, 1, seq(0x30, integer(1) + integer(2) + seq(0xA0, integer(5) + integer(100)) + str("c1"))},
       {"vlv by value", [&](LDAPControl **c) { return ldap_create_vlv_control(ld, &by_value, c); },
@@ -253,6 +255,7 @@ TEST_F(Controls, ConstructorsRefuseBadArguments) {
   EXPECT_EQ(ldap_create_proxyauth_control(ld, "cn=x", 0, &c), LDAP_PARAM_ERROR);
   EXPECT_EQ(ldap_create_proxyauth_control(ld, nullptr, 1, &c), LDAP_PARAM_ERROR);
   EXPECT_EQ(ldap_create_vlv_control(ld, &zero, &c), LDAP_PARAM_ERROR);
+  EXPECT_EQ(ldap_create_assertion_control(ld, "(cn=a", 1, &c), LDAP_FILTER_ERROR);
   EXPECT_EQ(ldap_create_persistentsearch_control(ld, 3, 0, 0, 0, &c), LDAP_PARAM_ERROR);
   EXPECT_EQ(ldap_create_persistentsearch_control(ld, 8, 2, 0, 0, &c), LDAP_PARAM_ERROR);
   EXPECT_EQ(ldap_create_group_control_from_list(nullptr, 2, &c), LDAP_PARAM_ERROR);
