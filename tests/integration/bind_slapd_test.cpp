@@ -11,7 +11,7 @@
 #include "ldap-controls.h"
 #include "ldap-debug.h"
 #include "ldap_requests.h"
-#include "slapd_server.h"
+#include "slapd_suite.h"
 
 using tavtest::FakeServer;
 using tavtest::SlapdServer;
@@ -53,27 +53,19 @@ std::string policy_ldif() {
   return l;
 }
 
-class Bind : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
+class Bind : public tavtest::SlapdSuite<Bind> {
+ public:
+  static tavtest::SlapdOptions options() {
     tavtest::SlapdOptions opts;
     opts.modules = {"ppolicy"};
     opts.database_config = "overlay ppolicy\n";
     opts.extra_ldif = policy_ldif();
     opts.access = "access to attrs=userPassword by self write by anonymous auth by * none\n"
                   "access to * by * read\n";
-    slapd = new SlapdServer(opts);
-    std::string error;
-    if (!slapd->start(&error)) {
-      delete slapd;
-      slapd = nullptr;
-      FAIL() << error;
-    }
+    return opts;
   }
-  static void TearDownTestSuite() {
-    delete slapd;
-    slapd = nullptr;
-  }
+
+ protected:
   void SetUp() override {
     ASSERT_NE(slapd, nullptr);
     ld = ldap_init("127.0.0.1", slapd->port());
@@ -99,10 +91,8 @@ class Bind : public ::testing::Test {
     return code;
   }
 
-  static SlapdServer *slapd;
   LDAP *ld = nullptr;
 };
-SlapdServer *Bind::slapd = nullptr;
 
 TEST_F(Bind, SimpleBindsSucceedAndAWrongPasswordIsInvalidCredentials) {
   EXPECT_EQ(ldap_simple_bind_s(ld, SlapdServer::kRootDn, SlapdServer::kRootPw), 0);

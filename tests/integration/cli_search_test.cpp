@@ -11,27 +11,14 @@
 #include "ldap-int.h"
 #include "ldif.h"
 #include "process.h"
-#include "slapd_server.h"
+#include "slapd_suite.h"
 
 using tavtest::SlapdServer;
 
 namespace {
 
-class CliSearch : public ::testing::Test {
+class CliSearch : public tavtest::SlapdSuite<CliSearch> {
  protected:
-  static void SetUpTestSuite() {
-    slapd = new SlapdServer();
-    std::string error;
-    if (!slapd->start(&error)) {
-      delete slapd;
-      slapd = nullptr;
-      FAIL() << error;
-    }
-  }
-  static void TearDownTestSuite() {
-    delete slapd;
-    slapd = nullptr;
-  }
   void SetUp() override {
     ASSERT_NE(slapd, nullptr);
     // The search functions come with the search module's exports.
@@ -48,9 +35,7 @@ class CliSearch : public ::testing::Test {
     argv.insert(argv.end(), args.begin(), args.end());
     return tavtest::run_process(argv, {{"TAVLDAP_LIBRARY", TAV_SHARED_OBJECT}, {"LDAP_DEBUG", ""}}, input);
   }
-  static SlapdServer *slapd;
 };
-SlapdServer *CliSearch::slapd = nullptr;
 
 std::string people(const std::string &rdn) { return rdn + "," + SlapdServer::kPeopleDn; }
 

@@ -3,27 +3,14 @@
 #include <gtest/gtest.h>
 
 #include "ldap_requests.h"
-#include "slapd_server.h"
+#include "slapd_suite.h"
 
 using tavtest::SlapdServer;
 
 namespace {
 
-class Engine : public ::testing::Test {
+class Engine : public tavtest::SlapdSuite<Engine> {
  protected:
-  static void SetUpTestSuite() {
-    slapd = new SlapdServer();
-    std::string error;
-    if (!slapd->start(&error)) {
-      delete slapd;
-      slapd = nullptr;
-      FAIL() << error;
-    }
-  }
-  static void TearDownTestSuite() {
-    delete slapd;
-    slapd = nullptr;
-  }
   void SetUp() override {
     ASSERT_NE(slapd, nullptr);
     ld = ldap_init("127.0.0.1", slapd->port());
@@ -32,10 +19,8 @@ class Engine : public ::testing::Test {
   void TearDown() override {
     if (ld) ldap_unbind(ld);
   }
-  static SlapdServer *slapd;
   LDAP *ld = nullptr;
 };
-SlapdServer *Engine::slapd = nullptr;
 
 std::vector<int> types_of(LDAPMessage *chain) {
   std::vector<int> t;

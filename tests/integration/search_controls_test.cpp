@@ -9,7 +9,7 @@
 
 #include "ldap-controls.h"
 #include "ldap-search.h"
-#include "slapd_server.h"
+#include "slapd_suite.h"
 
 using tavtest::SlapdServer;
 
@@ -17,9 +17,9 @@ namespace {
 
 constexpr const char *kProxyDn = "cn=Proxy,dc=example,dc=com";
 
-class SearchControls : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
+class SearchControls : public tavtest::SlapdSuite<SearchControls> {
+ public:
+  static tavtest::SlapdOptions options() {
     tavtest::SlapdOptions options;
     options.people = 1000;
     options.modules = {"sssvlv"};
@@ -29,18 +29,10 @@ class SearchControls : public ::testing::Test {
     options.extra_ldif = std::string("dn: ") + kProxyDn +
                          "\nobjectClass: person\ncn: Proxy\nsn: Proxy\nuserPassword: proxypw\n"
                          "authzTo: dn.regex:^uid=[^,]+,ou=People,dc=example,dc=com$\n\n";
-    slapd = new SlapdServer(options);
-    std::string error;
-    if (!slapd->start(&error)) {
-      delete slapd;
-      slapd = nullptr;
-      FAIL() << error;
-    }
+    return options;
   }
-  static void TearDownTestSuite() {
-    delete slapd;
-    slapd = nullptr;
-  }
+
+ protected:
   void SetUp() override {
     ASSERT_NE(slapd, nullptr);
     ld = ldap_init("127.0.0.1", slapd->port());
@@ -65,10 +57,8 @@ class SearchControls : public ::testing::Test {
     }
     return out;
   }
-  static SlapdServer *slapd;
   LDAP *ld = nullptr;
 };
-SlapdServer *SearchControls::slapd = nullptr;
 
 TEST_F(SearchControls, PagedResultsWalkTheWholeSubtreeWithTheCookie) {
   std::set<std::string> seen;

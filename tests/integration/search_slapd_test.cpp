@@ -10,7 +10,7 @@
 #include "fake_server.h"
 #include "ldap-search.h"
 #include "ldap-utils.h"
-#include "slapd_server.h"
+#include "slapd_suite.h"
 
 using tavtest::SlapdServer;
 
@@ -39,24 +39,16 @@ std::string test_data() {
          "ref: ldap://elsewhere.example:389/ou=Away,dc=example,dc=com\n\n";
 }
 
-class Search : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
+class Search : public tavtest::SlapdSuite<Search> {
+ public:
+  static tavtest::SlapdOptions options() {
     tavtest::SlapdOptions options;
     options.extra_ldif = test_data();
     options.people = 300;
-    slapd = new SlapdServer(options);
-    std::string error;
-    if (!slapd->start(&error)) {
-      delete slapd;
-      slapd = nullptr;
-      FAIL() << error;
-    }
+    return options;
   }
-  static void TearDownTestSuite() {
-    delete slapd;
-    slapd = nullptr;
-  }
+
+ protected:
   void SetUp() override {
     ASSERT_NE(slapd, nullptr);
     ld = ldap_init("127.0.0.1", slapd->port());
@@ -80,10 +72,8 @@ class Search : public ::testing::Test {
     ldap_msgfree(res);
     return out;
   }
-  static SlapdServer *slapd;
   LDAP *ld = nullptr;
 };
-SlapdServer *Search::slapd = nullptr;
 
 using Set = std::set<std::string>;
 

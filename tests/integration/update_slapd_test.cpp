@@ -11,7 +11,7 @@
 
 #include "ldap-update.h"
 #include "ldap_requests.h"
-#include "slapd_server.h"
+#include "slapd_suite.h"
 
 using tavtest::SlapdServer;
 
@@ -133,25 +133,17 @@ Mods person(const std::string &cn) {
 
 std::string people(const std::string &rdn) { return rdn + "," + SlapdServer::kPeopleDn; }
 
-class Update : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
+class Update : public tavtest::SlapdSuite<Update> {
+ public:
+  static tavtest::SlapdOptions options() {
     tavtest::SlapdOptions options;
     // Without it slapd refuses anonymous updates with 8 before the access
     // rules are consulted; with it they come back as 50.
     options.global_config = "allow update_anon\n";
-    slapd = new SlapdServer(options);
-    std::string error;
-    if (!slapd->start(&error)) {
-      delete slapd;
-      slapd = nullptr;
-      FAIL() << error;
-    }
+    return options;
   }
-  static void TearDownTestSuite() {
-    delete slapd;
-    slapd = nullptr;
-  }
+
+ protected:
   void SetUp() override {
     ASSERT_NE(slapd, nullptr);
     ld = ldap_init("127.0.0.1", slapd->port());
@@ -161,10 +153,8 @@ class Update : public ::testing::Test {
   void TearDown() override {
     if (ld) ldap_unbind(ld);
   }
-  static SlapdServer *slapd;
   LDAP *ld = nullptr;
 };
-SlapdServer *Update::slapd = nullptr;
 
 TEST_F(Update, AddedEntryReadsBack) {
   const std::string dn = people("cn=Added One");
