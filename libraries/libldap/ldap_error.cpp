@@ -153,6 +153,16 @@ ldap_thread_error *find_record(LDAP *ld) {
 
 }  // namespace
 
+// The public forms: the operation bracket around the worker; -1 for a handle
+// that is invalid or being unbound.
+template <typename Work>
+int bracketed(LDAP *ld, Work work) {
+  if (ldap_start_operation(ld) != 0) return -1;
+  int rc = work();
+  ldap_end_operation(ld);
+  return rc;
+}
+
 extern "C" {
 
 char *ldap_err2string(int err) {
@@ -198,10 +208,7 @@ int ldap_set_errno_direct(LDAP *ld, int code, const char *matched, const char *m
 }
 
 int ldap_set_errno(LDAP *ld, int code, const char *matched, const char *msg) {
-  if (ldap_start_operation(ld) != 0) return -1;
-  int rc = ldap_set_errno_direct(ld, code, matched, msg);
-  ldap_end_operation(ld);
-  return rc;
+  return bracketed(ld, [&] { return ldap_set_errno_direct(ld, code, matched, msg); });
 }
 
 int ldap_get_errno_direct(LDAP *ld) {
@@ -212,10 +219,7 @@ int ldap_get_errno_direct(LDAP *ld) {
 }
 
 int ldap_get_errno(LDAP *ld) {
-  if (ldap_start_operation(ld) != 0) return -1;
-  int rc = ldap_get_errno_direct(ld);
-  ldap_end_operation(ld);
-  return rc;
+  return bracketed(ld, [&] { return ldap_get_errno_direct(ld); });
 }
 
 int ldap_get_error_info_direct(LDAP *ld, char **matched, char **msg) {
@@ -232,10 +236,7 @@ int ldap_get_error_info_direct(LDAP *ld, char **matched, char **msg) {
 }
 
 int ldap_get_error_info(LDAP *ld, char **matched, char **msg) {
-  if (ldap_start_operation(ld) != 0) return -1;
-  int rc = ldap_get_error_info_direct(ld, matched, msg);
-  ldap_end_operation(ld);
-  return rc;
+  return bracketed(ld, [&] { return ldap_get_error_info_direct(ld, matched, msg); });
 }
 
 int ldap_get_ext_errno_direct(LDAP *ld) {
@@ -246,10 +247,7 @@ int ldap_get_ext_errno_direct(LDAP *ld) {
 }
 
 int ldap_get_ext_errno(LDAP *ld) {
-  if (ldap_start_operation(ld) != 0) return -1;
-  int rc = ldap_get_ext_errno_direct(ld);
-  ldap_end_operation(ld);
-  return rc;
+  return bracketed(ld, [&] { return ldap_get_ext_errno_direct(ld); });
 }
 
 int ldap_set_ext_errno(LDAP *ld, int value) {
@@ -337,8 +335,8 @@ int read_head(BerElement *ber, int *code, char **matched, char **msg) {
 
 extern "C" {
 
-int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
-                      char ***referralsp, LDAPControl ***serverctrlsp, int freeit) {
+int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp, char ***referralsp,
+                      LDAPControl ***serverctrlsp, int freeit) {
   if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
   if (matcheddnp) *matcheddnp = nullptr;
   if (errmsgp) *errmsgp = nullptr;
@@ -549,8 +547,7 @@ int ldap_parse_extended_result_ext(LDAP *ld, LDAPMessage *res, char **resultoidp
   return rc;
 }
 
-int ldap_parse_extended_result(LDAP *ld, LDAPMessage *res, char **resultoidp, struct berval **resultdatap,
-                               int freeit) {
+int ldap_parse_extended_result(LDAP *ld, LDAPMessage *res, char **resultoidp, struct berval **resultdatap, int freeit) {
   return ldap_parse_extended_result_ext(ld, res, resultoidp, resultdatap, freeit, nullptr);
 }
 

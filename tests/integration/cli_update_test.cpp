@@ -8,27 +8,14 @@
 
 #include "ldap-int.h"
 #include "process.h"
-#include "slapd_server.h"
+#include "slapd_suite.h"
 
 using tavtest::SlapdServer;
 
 namespace {
 
-class Cli : public ::testing::Test {
+class Cli : public tavtest::SlapdSuite<Cli> {
  protected:
-  static void SetUpTestSuite() {
-    slapd = new SlapdServer();
-    std::string error;
-    if (!slapd->start(&error)) {
-      delete slapd;
-      slapd = nullptr;
-      FAIL() << error;
-    }
-  }
-  static void TearDownTestSuite() {
-    delete slapd;
-    slapd = nullptr;
-  }
   void SetUp() override { ASSERT_NE(slapd, nullptr); }
 
   // tavldap COMMAND -H url [bound as the root DN] ARGS, LDIF on stdin.
@@ -46,9 +33,7 @@ class Cli : public ::testing::Test {
       return "";
     return out;
   }
-  static SlapdServer *slapd;
 };
-SlapdServer *Cli::slapd = nullptr;
 
 std::string people(const std::string &rdn) { return rdn + "," + SlapdServer::kPeopleDn; }
 
