@@ -39,6 +39,7 @@ inline int conn_closed(const LDAPConn *c) { return __atomic_load_n(&c->lc_closed
 inline void set_conn_closed(LDAPConn *c) { __atomic_store_n(&c->lc_closed, 1, __ATOMIC_RELEASE); }
 inline int conn_connected(const LDAPConn *c) { return __atomic_load_n(&c->lc_connected, __ATOMIC_ACQUIRE); }
 inline void set_conn_connected(LDAPConn *c) { __atomic_store_n(&c->lc_connected, 1, __ATOMIC_RELEASE); }
+inline void clear_conn_connected(LDAPConn *c) { __atomic_store_n(&c->lc_connected, 0, __ATOMIC_RELEASE); }
 
 extern "C" {
 // Messages and chains.
@@ -60,6 +61,9 @@ TAV_INTERNAL void ldap_msg_release_msgid(LDAPMessage *request);
 // The message-ID table's rows.
 TAV_INTERNAL int ldap_msg_table_get_next_msgid(ldap_msg_table *table);
 TAV_INTERNAL int ldap_msg_table_send_message(ldap_msg_table *table, LDAP *ld, LDAPMessage *request);
+// ldap_msg_table_send_message for the operations: on failure the ID is given
+// back and the request freed, whether or not its row had taken it.
+TAV_INTERNAL int ldap_msg_table_send_request(ldap_msg_table *table, LDAP *ld, LDAPMessage *request);
 TAV_INTERNAL void ldap_msg_table_release_msgid(ldap_msg_table *table, int msgid);
 TAV_INTERNAL void ldap_msg_table_release_msgid_direct(ldap_msg_table *table, int msgid);
 TAV_INTERNAL int verify_msgid_n_acquire_row(LDAP *ld, ldap_msg_table *table, int *msgid, int all);
@@ -99,8 +103,8 @@ TAV_INTERNAL int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *t
                                  ldap_msg_table *table);
 
 // Referrals (the chaser hands every message on unchanged until it is built).
-TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout,
-                                    int *error, int hops);
+TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout, int *error,
+                                    int hops);
 
 // Elements made for a session carry copies of its translation settings.
 TAV_INTERNAL BerElement *ldap_alloc_ber_with_options(LDAP *ld, int for_reading);

@@ -14,6 +14,9 @@
 extern "C" {
 // Search forms.
 TAV_INTERNAL int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly);
+// ldap_search without the operation bracket, for callers inside one.
+TAV_INTERNAL int ldap_search_int(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                                 int attrsonly);
 TAV_INTERNAL int ldap_search_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
                                LDAPMessage **res);
 TAV_INTERNAL int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
@@ -21,6 +24,9 @@ TAV_INTERNAL int ldap_search_st(LDAP *ld, const char *base, int scope, const cha
 TAV_INTERNAL int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
                                  LDAPControl **sctrls, LDAPControl **cctrls, struct timeval *timeout, int sizelimit,
                                  int *msgidp);
+TAV_INTERNAL int ldap_search_ext_int(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                                     int attrsonly, LDAPControl **sctrls, LDAPControl **cctrls, struct timeval *timeout,
+                                     int sizelimit, int *msgidp);
 TAV_INTERNAL int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
                                    int attrsonly, LDAPControl **sctrls, LDAPControl **cctrls, struct timeval *timeout,
                                    int sizelimit, LDAPMessage **res);

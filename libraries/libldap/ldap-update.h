@@ -118,17 +118,8 @@ int ldap_update_send(LDAP *ld, LDAPConn *conn, const LdapUpdateWorker &how, LDAP
     return rc;
   }
   msg->lm_msgtype = how.tag;
-  rc = ldap_msg_table_send_message(table, ld, msg);
+  rc = ldap_msg_table_send_request(table, ld, msg);
   if (rc != LDAP_SUCCESS) {
-    // A failed write leaves the request in its row, and releasing the ID frees
-    // it there; a send refused before the row took it leaves it to us.
-    bool in_row = false;
-    {
-      LDAP_LOCK_GUARD(g, &table->table_mutex);
-      in_row = g.ok() && table->rows[msgid].request == msg;
-    }
-    ldap_msg_release_msgid(msg);
-    if (!in_row) free_msg(msg, 0);
     ldap_set_errno_direct(ld, rc, nullptr, nullptr);
     return rc;
   }

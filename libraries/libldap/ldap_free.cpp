@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "ldap-debug.h"
+#include "ldap-engine.h"
 #include "ldap-int.h"
 
 namespace {
@@ -35,7 +36,7 @@ void ldap_lc_free(LDAPConn *lc) {
   if (lc == nullptr) return;
   free(lc->lc_host);
   free(lc->lc_peer_name);
-  if (lc->lc_connected == 1) close_connection(&lc->lc_sb);
+  if (conn_connected(lc) == 1) close_connection(&lc->lc_sb);
   ldap_msg_table_free(lc->lc_msgtable);
   ldap_controls_free(lc->lc_bind_ctrls);
   pthread_mutex_destroy(&lc->lc_read_mutex);

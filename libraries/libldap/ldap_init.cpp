@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "ldap-debug.h"
+#include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
 #include "ldap-utils.h"
@@ -346,16 +347,16 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
       rc = LDAP_SSL_NOT_AVAILABLE;
       LDAP_LOG(LDAP_LOG_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n", rc);
       close_connection(&lc->lc_sb);
-      lc->lc_connected = 0;
+      clear_conn_connected(lc);
       continue;
     }
     if (set_socket_nb(&lc->lc_sb) == 0) {
-      lc->lc_connected = 1;
+      set_conn_connected(lc);
       return 0;
     }
     rc = LDAP_SERVER_DOWN;
     close_connection(&lc->lc_sb);
-    lc->lc_connected = 0;
+    clear_conn_connected(lc);
   }
   return rc;
 }

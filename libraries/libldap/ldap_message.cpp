@@ -40,6 +40,7 @@ void free_msg(LDAPMessage *msg, int all) {
 }
 
 int is_last_msg(LDAPMessage *msg) {
+  if (msg == nullptr) return 0;
   unsigned int k = (unsigned int)(msg->lm_msgtype - 0x61);
   int last = k < 24 && ((kFinalTypesFrom0x61 >> k) & 1);
   LDAP_LOG(LDAP_LOG_TRACE, last ? "is_last_msg: returning TRUE, msgid=%d\n" : "is_last_msg: returning FALSE, msgid=%d\n",
@@ -48,6 +49,7 @@ int is_last_msg(LDAPMessage *msg) {
 }
 
 int ldap_msgfree_direct(LDAPMessage *msg) {
+  if (msg == nullptr || msg->lm_conn == nullptr) return 0;
   ldap_msg_table *table = msg->lm_conn->lc_msgtable;
   if (table == nullptr) return 0;
   if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return 0;

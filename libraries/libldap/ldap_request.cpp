@@ -83,6 +83,14 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *request) {
     ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
     return LDAP_LOCK_ERROR;
   }
+  // Another writer may have failed (and closed the connection) while this one
+  // waited for the lock: a failed connection is never tried again.
+  if (conn_closed(conn) == 1) {
+    LDAP_MUTEX_UNLOCK(&conn->lc_write_mutex);
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_write_msg: Socket connection was closed earlier\n");
+    ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+    return LDAP_SERVER_DOWN;
+  }
   if (conn_connected(conn) == 0) {
     if (open_ldap_connection(ld, conn) != 0) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_write_msg: open_ldap_connection returned error!\n");

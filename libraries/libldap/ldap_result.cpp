@@ -51,8 +51,7 @@ int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessag
       trace_one(rc);
       return rc;
     }
-    LDAP_LOG(LDAP_LOG_TRACE,
-             "ldap_return_one_msg: error at referral chasing. Continue with next referral (if any)\n");
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_return_one_msg: error at referral chasing. Continue with next referral (if any)\n");
   }
   if (rc == 0) {
     trace_one(0);
@@ -77,14 +76,14 @@ int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessa
   for (;;) {
     rc = ldap_return_one_msg(ld, msgid, timeout ? &remaining : nullptr, &msg, table, error, chase, hops);
     if (rc <= 0) break;
+    // The referral chaser may deliver nothing for a message it consumed.
     if (first == nullptr) first = msg;
     if (is_last_msg(msg)) break;
     if (timeout != nullptr) {
       struct timeval now, spent;
       gettimeofday(&now, nullptr);
       timersub(&now, &start, &spent);
-      if (spent.tv_sec > remaining.tv_sec ||
-          (spent.tv_sec == remaining.tv_sec && spent.tv_usec >= remaining.tv_usec)) {
+      if (spent.tv_sec > remaining.tv_sec || (spent.tv_sec == remaining.tv_sec && spent.tv_usec >= remaining.tv_usec)) {
         rc = 0;
         break;
       }
@@ -99,8 +98,10 @@ int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessa
       trace_all(-1);
       return -1;
     }
+    // Messages handed out alone before this call are the caller's already:
+    // the result starts with the first one delivered here.
     ldap_msg_row *row = &table->rows[msgid];
-    *result = row->head;
+    *result = first;
     rc = row->tail ? row->tail->lm_msgtype : rc;
     LDAP_MUTEX_UNLOCK(&table->table_mutex);
     trace_all(rc);
@@ -122,11 +123,10 @@ int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessa
 
 int ldap_result_int(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_result_int\n");
-  ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+  if (ld != nullptr) ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
   if (msgid < -1 || ld == nullptr || result == nullptr || ld->ld_servers == nullptr) {
-    LDAP_LOG(LDAP_LOG_ERROR,
-             "ldap_result: Invalid parameter - msgid(%d), ld(%p), result(%p), ld->ld_servers(%p)\n", msgid,
-             (void *)ld, (void *)result, ld ? (void *)ld->ld_servers : nullptr);
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_result: Invalid parameter - msgid(%d), ld(%p), result(%p), ld->ld_servers(%p)\n",
+             msgid, (void *)ld, (void *)result, ld ? (void *)ld->ld_servers : nullptr);
     return -1;
   }
   *result = nullptr;
@@ -172,8 +172,8 @@ int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessa
              "ldap_result entered ld(%p), msgid(%d), all (%d), timeout(tv_sec=%d, tv_usec=%d), result(%p)\n",
              (void *)ld, msgid, all, (int)timeout->tv_sec, (int)timeout->tv_usec, (void *)result);
   else
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_result entered ld(%p), msgid(%d), all(%d), timeout(NULL), result(%p)\n",
-             (void *)ld, msgid, all, (void *)result);
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_result entered ld(%p), msgid(%d), all(%d), timeout(NULL), result(%p)\n", (void *)ld,
+             msgid, all, (void *)result);
   int rc = ldap_start_operation(ld);
   if (rc != 0) return rc;
   rc = ldap_result_int(ld, msgid, all, timeout, result);

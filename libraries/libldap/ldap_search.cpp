@@ -365,15 +365,26 @@ int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *fi
   // A request whose outer SEQUENCE cannot be closed is never sent.
   if (fber_printf(ber, "}") != 0) return fail(LDAP_ENCODING_ERROR);
   msg->lm_msgtype = 0x63;
-  rc = ldap_msg_table_send_message(table, ld, msg);
+  rc = ldap_msg_table_send_request(table, ld, msg);
   if (rc != 0) {
-    // The row now holds the request; releasing the row frees it.
     if (ldap_get_errno_direct(ld) == 0) ldap_set_errno_direct(ld, rc, nullptr, nullptr);
-    ldap_msg_release_msgid(msg);
     return rc;
   }
   *msgidp = msgid;
   return 0;
+}
+
+int ldap_search_ext_int(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                        LDAPControl **sctrls, LDAPControl **cctrls, struct timeval *timeout, int sizelimit,
+                        int *msgidp) {
+  if (msgidp != nullptr) *msgidp = -1;
+  if (ld == nullptr || scope < 0 || scope > 2 || filter == nullptr || msgidp == nullptr) return LDAP_PARAM_ERROR;
+  int substituted = 0;
+  int rc = ldap_apply_default_controls(ld, &sctrls, cctrls, &substituted);
+  if (rc == 0)
+    rc = ldap_search_ext_direct(ld, base, scope, filter, attrs, attrsonly, sctrls, sizelimit, timeout, msgidp, nullptr);
+  if (substituted) ldap_controls_free(sctrls);
+  return rc;
 }
 
 int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
@@ -384,60 +395,66 @@ int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, c
   if (ld == nullptr || scope < 0 || scope > 2 || filter == nullptr || msgidp == nullptr) return LDAP_PARAM_ERROR;
   int rc = ldap_start_operation(ld);
   if (rc != 0) return rc;
-  int substituted = 0;
-  rc = ldap_apply_default_controls(ld, &sctrls, cctrls, &substituted);
-  if (rc == 0)
-    rc = ldap_search_ext_direct(ld, base, scope, filter, attrs, attrsonly, sctrls, sizelimit, timeout, msgidp, nullptr);
-  if (substituted) ldap_controls_free(sctrls);
+  rc = ldap_search_ext_int(ld, base, scope, filter, attrs, attrsonly, sctrls, cctrls, timeout, sizelimit, msgidp);
   ldap_end_operation(ld);
   return rc;
 }
 
-int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_search: ld(%p) base(%s) scope(%d) filter(%s)\n", (void *)ld, base ? base : "NULL",
-           scope, filter ? filter : "NULL");
+int ldap_search_int(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly) {
   if (ld == nullptr || scope < 0 || scope > 2 || filter == nullptr) {
     LDAP_LOG(LDAP_LOG_ERROR,
              "ldap_search: bad ld, base, scope or filter provided ld(%x) base(%s) scope(%d) filter(%s)\n",
              (unsigned)(uintptr_t)ld, base ? base : "NULL", scope, filter ? filter : "NULL");
-    if (ld != nullptr) ldap_set_errno(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+    if (ld != nullptr) ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     return -1;
   }
   int sizelimit = 0;
-  if (ldap_get_option(ld, LDAP_OPT_SIZELIMIT, &sizelimit) != 0) return -1;
+  if (ldap_get_option_direct(ld, LDAP_OPT_SIZELIMIT, &sizelimit) != 0) return -1;
   auto *tv = static_cast<struct timeval *>(olx_calloc(1, sizeof(struct timeval)));
   if (tv == nullptr) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldapsearch: Insufficient memory to alloc timeval structure\n");
-    ldap_set_errno(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+    ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
     return -1;
   }
   int timelimit = 0;
-  if (ldap_get_option(ld, LDAP_OPT_TIMELIMIT, &timelimit) != 0) {
+  if (ldap_get_option_direct(ld, LDAP_OPT_TIMELIMIT, &timelimit) != 0) {
     free(tv);
     return -1;
   }
   tv->tv_sec = timelimit;
   int msgid = -1;
-  const int rc = ldap_search_ext(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr, tv, sizelimit, &msgid);
+  const int rc =
+      ldap_search_ext_int(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr, tv, sizelimit, &msgid);
   free(tv);
   if (rc != 0) {
-    ldap_set_errno(ld, rc, nullptr, nullptr);
+    ldap_set_errno_direct(ld, rc, nullptr, nullptr);
     return -1;
   }
+  return msgid;
+}
+
+int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_search: ld(%p) base(%s) scope(%d) filter(%s)\n", (void *)ld, base ? base : "NULL",
+           scope, filter ? filter : "NULL");
+  if (ld != nullptr && ldap_start_operation(ld) != 0) return -1;
+  const int msgid = ldap_search_int(ld, base, scope, filter, attrs, attrsonly);
+  if (ld != nullptr) ldap_end_operation(ld);
   return msgid;
 }
 
 }  // extern "C"
 
 namespace {
-// Steps shared by the synchronous forms once the request is out.
+// Steps shared by the synchronous forms once the request is out.  They run
+// inside their caller's operation bracket, so they wait with the unbracketed
+// ldap_result_int: an unbind begun meanwhile must not cut them short.
 int wait_for_search(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **res) {
-  const int got = ldap_result(ld, msgid, LDAP_MSG_ALL, timeout, res);
+  const int got = ldap_result_int(ld, msgid, LDAP_MSG_ALL, timeout, res);
   if (got == 0) {
-    const int code = ldap_get_errno_direct(ld);
-    // The late result is released as soon as it arrives.
+    ldap_set_errno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
+    // The late result is released as soon as it arrives (or now, if it has).
     ldap_msg_table_mark_rows(ld, msgid, LDAP_ROW_RELEASE_WHEN_DONE);
-    if (code != 0) return code;
+    return LDAP_TIMEOUT;
   }
   if (got == -1) {
     const int code = ldap_get_errno_direct(ld);
@@ -459,7 +476,7 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
   int rc = ldap_start_operation(ld);
   if (rc != 0) return rc;
   int msgid = -1;
-  rc = ldap_search_ext(ld, base, scope, filter, attrs, attrsonly, sctrls, cctrls, timeout, sizelimit, &msgid);
+  rc = ldap_search_ext_int(ld, base, scope, filter, attrs, attrsonly, sctrls, cctrls, timeout, sizelimit, &msgid);
   if (rc == 0) {
     struct timeval *wait = timeout;
     if (wait != nullptr && wait->tv_sec == 0 && wait->tv_usec == 0) wait = nullptr;
@@ -484,7 +501,7 @@ int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, ch
   *res = nullptr;
   int rc = ldap_start_operation(ld);
   if (rc != 0) return rc;
-  const int msgid = ldap_search(ld, base, scope, filter, attrs, attrsonly);
+  const int msgid = ldap_search_int(ld, base, scope, filter, attrs, attrsonly);
   rc = ldap_get_errno_direct(ld);
   if (rc == 0 && msgid < 0) rc = LDAP_LOCAL_ERROR;
   if (rc == 0) rc = wait_for_search(ld, msgid, timeout, res);

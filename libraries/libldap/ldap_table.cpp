@@ -8,10 +8,10 @@
 #include <cstring>
 
 #include "ldap-debug.h"
+#include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
 #include "ldap-utils.h"
-#include "ldap-engine.h"
 
 extern "C" {
 
@@ -82,9 +82,7 @@ bool owned_by_me(const ldap_msg_row *row) { return row->owner_tid != 0 && row->o
 
 void take_ownership(ldap_msg_row *row) { row->owner_tid = my_tid(); }
 
-bool finished(const ldap_msg_row *row) {
-  return (row->flags & LDAP_ROW_COMPLETE) && row->next_unread == nullptr;
-}
+bool finished(const ldap_msg_row *row) { return (row->flags & LDAP_ROW_COMPLETE) && row->next_unread == nullptr; }
 
 // True once `elapsed` (since start) is past `limit`.
 bool past(const struct timeval &start, const struct timeval *limit) {
@@ -112,8 +110,7 @@ int ldap_msg_table_get_next_msgid(ldap_msg_table *table) {
   while (table->free_count < 2) {
     uint32_t new_size = table->size + LDAP_MSG_TABLE_GROWTH;
     ldap_msg_row *rows = nullptr;
-    if (new_size <= (uint32_t)kMaxIds)
-      rows = static_cast<ldap_msg_row *>(olx_calloc(new_size, sizeof(ldap_msg_row)));
+    if (new_size <= (uint32_t)kMaxIds) rows = static_cast<ldap_msg_row *>(olx_calloc(new_size, sizeof(ldap_msg_row)));
     if (rows != nullptr) {
       memcpy(rows, table->rows, table->size * sizeof(ldap_msg_row));
       free(table->rows);
@@ -176,22 +173,45 @@ int ldap_msg_table_send_message(ldap_msg_table *table, LDAP *ld, LDAPMessage *re
            (void *)request, request ? request->lm_msgid : -1);
   if (table == nullptr || request == nullptr) return LDAP_PARAM_ERROR;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
-  if (request->lm_msgid <= 0 || (uint32_t)request->lm_msgid >= table->size) return LDAP_PARAM_ERROR;
   if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
     ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
     return LDAP_LOCK_ERROR;
   }
-  table->rows[request->lm_msgid].request = request;
+  // size moves when another thread grows the table: compare under the lock.
+  const int id = request->lm_msgid;
+  const bool valid = id > 0 && (uint32_t)id < table->size && (table->rows[id].flags & LDAP_ROW_IN_USE);
+  if (valid) table->rows[id].request = request;
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  if (!valid) return LDAP_PARAM_ERROR;
   int rc = ldap_write_msg(ld, request);
-  if (rc != 0) {
-    LDAP_LOG(LDAP_LOG_ERROR,
-             "ldap_msg_table_send_message: failed to send request message, rc=%d, removing request msg from table\n",
-             rc);
-    return rc;
+  if (rc == 0) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_send_message: returning rc=%d\n", 0);
+    return 0;
   }
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_send_message: returning rc=%d\n", 0);
-  return 0;
+  LDAP_LOG(LDAP_LOG_ERROR,
+           "ldap_msg_table_send_message: failed to send request message, rc=%d, removing request msg from table\n", rc);
+  // The caller releases the ID, and with it the request, under this lock; a
+  // lock that cannot be had now leaves the row to the session's tear-down.
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_send_message: failed to get table lock, row %d now unusable", id);
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return LDAP_LOCK_ERROR;
+  }
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  return rc;
+}
+
+int ldap_msg_table_send_request(ldap_msg_table *table, LDAP *ld, LDAPMessage *request) {
+  const int rc = ldap_msg_table_send_message(table, ld, request);
+  if (rc == 0 || table == nullptr || request == nullptr) return rc;
+  // Without the lock the row cannot be touched; the table's release frees it.
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return rc;
+  const int id = request->lm_msgid;
+  const bool in_row = id > 0 && (uint32_t)id < table->size && table->rows[id].request == request;
+  ldap_msg_table_release_msgid_direct(table, id);
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  if (!in_row) free_msg(request, 0);
+  return rc;
 }
 
 int verify_acquire_row(LDAP *ld, ldap_msg_row *row, int msgid, int all) {
@@ -293,7 +313,7 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
                                LDAPMessage **result) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_message entered: %p %lu %p\n", (void *)table,
            (unsigned long)(msgid ? *msgid : -1), (void *)result);
-  if (table == nullptr || result == nullptr || msgid == nullptr || *msgid < 0 || (uint32_t)*msgid >= table->size) {
+  if (table == nullptr || result == nullptr || msgid == nullptr || *msgid < 0) {
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     return -1;
   }
@@ -303,6 +323,11 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     return -1;
   }
   const int id = *msgid;
+  if ((uint32_t)id >= table->size) {
+    LDAP_MUTEX_UNLOCK(&table->table_mutex);
+    ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+    return -1;
+  }
   ldap_msg_row *row = &table->rows[id];
   if (id != 0 && finished(row)) {
     // Everything was delivered: only a result kept by referral chasing is left.
@@ -400,7 +425,14 @@ void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits) {
   LDAPConn *conn = get_default_connection(ld);
   ldap_msg_table *table = conn ? conn->lc_msgtable : nullptr;
   if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
-  if (msgid > 0 && (uint32_t)msgid < table->size) table->rows[msgid].flags |= bits;
+  if (msgid > 0 && (uint32_t)msgid < table->size && (table->rows[msgid].flags & LDAP_ROW_IN_USE)) {
+    ldap_msg_row *row = &table->rows[msgid];
+    row->flags |= bits;
+    // The final response may already be stored (read by this or another
+    // thread after the wait gave up): nothing will arrive to release the row.
+    if ((bits & LDAP_ROW_RELEASE_WHEN_DONE) && (row->flags & LDAP_ROW_COMPLETE) && row->child_link == nullptr)
+      ldap_msg_table_release_msgid_direct(table, msgid);
+  }
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
 }
 
