@@ -310,6 +310,9 @@ TAV_INTERNAL int ldap_save_bind_info(LDAP *ld, int method, const char *mech, LDA
 // 0 parsed; LDAP_DECODING_ERROR; 1 when the chain holds no result; 89 bad handle.
 TAV_INTERNAL int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
                                    char ***referralsp, LDAPControl ***serverctrlsp, int freeit);
+TAV_INTERNAL int ldap_parse_result_direct(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp,
+                                          char **errmsgp, char ***referralsp, LDAPControl ***serverctrlsp,
+                                          int freeit);
 TAV_INTERNAL int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit);
 // The result code of the chain's last message, also stored (with matched DN
 // and message) as the thread's error; used by the synchronous operations.

@@ -47,8 +47,8 @@ int send_bind(LDAP *ld, LDAPConn *conn, int *msgidp, const char *who, bool recor
     if (rc == LDAP_SUCCESS && encode(msg->lm_ber, id, version) != 0) rc = LDAP_ENCODING_ERROR;
     if (rc == LDAP_SUCCESS) {
       msg->lm_msgtype = kBindRequest;
-      stored = true;  // from here the row owns the request
-      rc = ldap_msg_table_send_message(table, ld, msg);
+      stored = true;  // from here the send frees the request on failure
+      rc = ldap_msg_table_send_request(table, ld, msg);
     }
   }
   if (rc == LDAP_SUCCESS) {
@@ -56,9 +56,7 @@ int send_bind(LDAP *ld, LDAPConn *conn, int *msgidp, const char *who, bool recor
     ldap_set_errno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     return LDAP_SUCCESS;
   }
-  if (stored) {
-    ldap_msg_release_msgid(msg);
-  } else {
+  if (!stored) {
     free_msg(msg, 0);
     if (id >= 0) ldap_msg_table_release_msgid(table, id);
   }
@@ -292,7 +290,7 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct 
     rc = ldap_sasl_bind_direct(ld, dn, "", cred, sctrls, &id, nullptr);
   } else {
     if (is_external(mech)) {
-      if ((dn != nullptr && *dn != '\0') || has_credentials(cred)) {
+      if (dn != nullptr || has_credentials(cred)) {
         ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
         return LDAP_PARAM_ERROR;
       }
@@ -323,7 +321,7 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct 
   LDAPMessage *res = nullptr;
   if (ldap_result_int(ld, id, LDAP_MSG_ALL, nullptr, &res) == -1) return ldap_get_errno_direct(ld);
   LDAPControl **ctrls = nullptr;
-  int prc = ldap_parse_result(ld, res, nullptr, nullptr, nullptr, nullptr, &ctrls, 0);
+  int prc = ldap_parse_result_direct(ld, res, nullptr, nullptr, nullptr, nullptr, &ctrls, 0);
   if (prc != LDAP_SUCCESS) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_sasl_bind_s_int: couldn't parse result for controls. rc = %d\n", prc);
     ctrls = nullptr;

@@ -257,8 +257,8 @@ int ldap_append_control(LDAPControl *ctrl, LDAPControl ***list) {
   if (grown == nullptr) return LDAP_NO_MEMORY;
   if (n) memcpy(grown, *list, n * sizeof(LDAPControl *));
   grown[n] = ctrl;
+  // An empty array is not freed here: it stays the caller's.
   ldap_free_empty_control_list(*list);
-  if (n == 0) free(*list);  // an empty array is not freed above, but it is replaced here
   *list = grown;
   return LDAP_SUCCESS;
 }

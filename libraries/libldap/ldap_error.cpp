@@ -338,6 +338,13 @@ extern "C" {
 int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp, char ***referralsp,
                       LDAPControl ***serverctrlsp, int freeit) {
   if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  const int rc = ldap_parse_result_direct(ld, res, errcodep, matcheddnp, errmsgp, referralsp, serverctrlsp, freeit);
+  ldap_end_operation(ld);
+  return rc;
+}
+
+int ldap_parse_result_direct(LDAP *, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
+                             char ***referralsp, LDAPControl ***serverctrlsp, int freeit) {
   if (matcheddnp) *matcheddnp = nullptr;
   if (errmsgp) *errmsgp = nullptr;
   if (referralsp) *referralsp = nullptr;
@@ -393,7 +400,6 @@ int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matchedd
   free(text);
   fber_svecfree(referrals);
   ldap_controls_free(ctrls);
-  ldap_end_operation(ld);
   return rc;
 }
 
@@ -438,7 +444,7 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
   if (res == nullptr || res->lm_msgtype != kBindResponse) {
     if (res != nullptr) LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_sasl_bind_result_direct: rc=%d\n", LDAP_PARAM_ERROR);
     // The response is gone after the call whatever the outcome.
-    if (freeit == 1) ldap_msgfree(res);
+    if (freeit == 1) ldap_msgfree_direct(res);
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     return LDAP_PARAM_ERROR;
   }
@@ -466,7 +472,7 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
   }
   free(matched);
   free(text);
-  if (freeit == 1) ldap_msgfree(res);
+  if (freeit == 1) ldap_msgfree_direct(res);
   if (code != 0) {
     LDAP_LOG(LDAP_LOG_TRACE,
              "ldap_parse_sasl_bind_result_direct: msgrc in ldap_sasl_bind returned non-zero value of 0x%x \n", code);
@@ -494,7 +500,7 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
   if (serverctrlsp) *serverctrlsp = nullptr;
   ldap_set_errno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
   if (res == nullptr || res->lm_msgtype != kExtendedResponse) {
-    if (freeit == 1) ldap_msgfree(res);
+    if (freeit == 1) ldap_msgfree_direct(res);
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     return LDAP_PARAM_ERROR;
   }
@@ -531,7 +537,7 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
   }
   free(matched);
   free(text);
-  if (freeit == 1) ldap_msgfree(res);
+  if (freeit == 1) ldap_msgfree_direct(res);
   ldap_set_errno_direct(ld, rc, nullptr, nullptr);
   return rc;
 }

@@ -50,7 +50,7 @@ int parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl 
     }
     if (rc == 0 && serverctrlsp != nullptr) rc = get_ctrls_from_ber(&copy, &ctrls);
   }
-  if (freeit) ldap_msgfree(ref);
+  if (freeit) ldap_msgfree_direct(ref);
   if (rc == 0) {
     if (referralsp != nullptr) *referralsp = urls;
     if (serverctrlsp != nullptr) *serverctrlsp = ctrls;

@@ -159,6 +159,7 @@ TEST_F(Bind, SaslExternalOverTheLocalSocketUsesThePeerCredentials) {
   // EXTERNAL takes neither DN nor credentials.
   struct berval cred = {1, const_cast<char *>("x")};
   EXPECT_EQ(ldap_sasl_bind_s(local, "cn=x", "EXTERNAL", nullptr, nullptr, nullptr, nullptr), LDAP_PARAM_ERROR);
+  EXPECT_EQ(ldap_sasl_bind_s(local, "", "EXTERNAL", nullptr, nullptr, nullptr, nullptr), LDAP_PARAM_ERROR);
   EXPECT_EQ(ldap_sasl_bind_s(local, nullptr, "EXTERNAL", &cred, nullptr, nullptr, nullptr), LDAP_PARAM_ERROR);
   ldap_unbind(local);
 }

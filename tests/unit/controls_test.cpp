@@ -2,6 +2,7 @@
 // list operations and the preparation every operation applies.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -164,6 +165,17 @@ TEST(ControlLists, CopyMergeAppendRemove) {
   EXPECT_STREQ(copy[1]->ldctl_oid, "1.2");
   EXPECT_EQ(copy[3], nullptr);
   ldap_controls_free(copy);
+
+  // Appending to an empty array replaces it without freeing it: it stays the caller's.
+  auto **empty_list = static_cast<LDAPControl **>(calloc(1, sizeof(LDAPControl *)));
+  LDAPControl **list = empty_list;
+  LDAPControl *c = nullptr;
+  ASSERT_EQ(ldap_build_control(&c, "3.1", 0, nullptr, 0), 0);
+  ASSERT_EQ(ldap_append_control(c, &list), 0);
+  EXPECT_NE(list, empty_list);
+  EXPECT_EQ(empty_list[0], nullptr);  // still readable: not freed
+  free(empty_list);
+  ldap_controls_free(list);
 }
 
 TEST_F(Controls, DefaultsReplaceOnlyAMissingListAndCriticalClientControlsAreRefused) {

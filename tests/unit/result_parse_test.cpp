@@ -83,6 +83,11 @@ TEST_F(Parse, ChainOfEntriesOnlyHasNoResult) {
   EXPECT_EQ(ldap_result2error(ld, nullptr, 0), LDAP_PARAM_ERROR);
   ldap_set_errno(ld, LDAP_TIMEOUT, nullptr, nullptr);
   EXPECT_EQ(ldap_result2error(ld, nullptr, 0), LDAP_TIMEOUT);
+  // No response with the free-it flag: nothing to free, the designed codes.
+  EXPECT_EQ(ldap_parse_result(ld, nullptr, &code, nullptr, nullptr, nullptr, nullptr, 1), 1);
+  ldap_set_errno(ld, 0, nullptr, nullptr);
+  EXPECT_EQ(ldap_result2error(ld, nullptr, 1), LDAP_PARAM_ERROR);
+  EXPECT_EQ(ldap_result2error_direct(ld, nullptr, 1), LDAP_PARAM_ERROR);
 }
 
 TEST_F(Parse, ReferralsAndControlsAfterThem) {
