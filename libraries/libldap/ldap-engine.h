@@ -24,6 +24,10 @@ struct ldapmsg {
 
 // lm_flags: handed out alone by LDAP_MSG_ONE; a chain of one for walking and freeing.
 #define LDAP_MSG_HANDED_ALONE 0x2
+// lm_flags: the reply could not be decoded or does not answer its request; it
+// stands as the request's final response, and every result parser reads it as
+// LDAP_DECODING_ERROR.  Its lm_ber is not to be read.
+#define LDAP_MSG_UNDECODABLE 0x4
 
 #define LDAP_RES_ANY (-1)
 #define LDAP_MSG_ONE 0
@@ -99,8 +103,8 @@ TAV_INTERNAL int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *t
                                  ldap_msg_table *table);
 
 // Referrals (the chaser hands every message on unchanged until it is built).
-TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout,
-                                    int *error, int hops);
+TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout, int *error,
+                                    int hops);
 
 // Elements made for a session carry copies of its translation settings.
 TAV_INTERNAL BerElement *ldap_alloc_ber_with_options(LDAP *ld, int for_reading);

@@ -351,6 +351,8 @@ int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matchedd
   if (msg == nullptr) {
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_result: NULLMSG passed\n");
     rc = 1;
+  } else if (msg->lm_flags & LDAP_MSG_UNDECODABLE) {
+    rc = LDAP_DECODING_ERROR;
   } else {
     BerCopy copy(msg->lm_ber);
     const char *op_end = nullptr;
@@ -405,6 +407,9 @@ int ldap_result2error_direct(LDAP *ld, LDAPMessage *res, int freeit) {
   if (last == nullptr || last->lm_msgtype == kSearchEntry || last->lm_msgtype == kSearchReference) {
     code = LDAP_PARAM_ERROR;
     ldap_set_errno_direct(ld, code, nullptr, nullptr);
+  } else if (last->lm_flags & LDAP_MSG_UNDECODABLE) {
+    code = LDAP_DECODING_ERROR;
+    ldap_set_errno_direct(ld, code, nullptr, nullptr);
   } else {
     BerCopy copy(last->lm_ber);
     char *matched = nullptr, *text = nullptr;
@@ -444,7 +449,9 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
   }
   int code = 0, rc = LDAP_SUCCESS;
   char *matched = nullptr, *text = nullptr;
-  {
+  if (res->lm_flags & LDAP_MSG_UNDECODABLE) {
+    rc = LDAP_DECODING_ERROR;
+  } else {
     BerCopy copy(res->lm_ber);
     const char *op_end = nullptr;
     if (copy.ber == nullptr) {
@@ -503,7 +510,8 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
   int code = 0, rc = LDAP_SUCCESS;
   char *matched = nullptr, *text = nullptr;
   const char *op_end = nullptr;
-  if (!enter_op(ber, &op_end) || read_head(ber, &code, &matched, &text) != 0) {
+  if ((res->lm_flags & LDAP_MSG_UNDECODABLE) || !enter_op(ber, &op_end) ||
+      read_head(ber, &code, &matched, &text) != 0) {
     rc = LDAP_DECODING_ERROR;
   } else if (code != 0) {
     rc = code;
