@@ -320,9 +320,29 @@ bool enter_op(BerElement *ber, const char **op_end) {
   return true;
 }
 
+constexpr ber_tag_t kEnumerated = 0x0A;
+
+// Result codes above 80 are the client's own, so a server that sent one could
+// pass its reply off as, say, a lost connection or a time-out.  The exceptions
+// are the server results the code table names above 80, which the client
+// never produces itself.
+bool server_code(int64_t code) {
+  return (code >= 0 && code <= LDAP_OTHER) || code == LDAP_ASSERTION_FAILED || code == LDAP_NO_EXPLICIT_OWNER;
+}
+
+// resultCode: an ENUMERATED holding a code a server may send.
+bool read_code(BerElement *ber, int *code) {
+  ber_len_t len;
+  int64_t value = 0;
+  if (fber_peek_tag(ber, &len) != kEnumerated || fber_get_long(ber, &value) == LBER_DEFAULT || !server_code(value))
+    return false;
+  *code = (int)value;
+  return true;
+}
+
 int read_head(BerElement *ber, int *code, char **matched, char **msg) {
   *matched = *msg = nullptr;
-  if (fber_scanf(ber, "iaa", code, matched, msg) == LBER_ERROR) {
+  if (!read_code(ber, code) || fber_scanf(ber, "aa", matched, msg) == LBER_ERROR) {
     free(*matched);
     free(*msg);
     *matched = *msg = nullptr;
@@ -414,7 +434,8 @@ int ldap_result2error_direct(LDAP *ld, LDAPMessage *res, int freeit) {
     BerCopy copy(last->lm_ber);
     char *matched = nullptr, *text = nullptr;
     code = LDAP_DECODING_ERROR;
-    if (copy.ber != nullptr && fber_scanf(copy.ber, "{iaa}", &code, &matched, &text) == LBER_ERROR)
+    if (copy.ber != nullptr &&
+        (fber_skip_tag(copy.ber, nullptr) == LBER_DEFAULT || read_head(copy.ber, &code, &matched, &text) != 0))
       code = LDAP_DECODING_ERROR;
     ldap_set_errno_direct(ld, code, matched, text);
     free(matched);
