@@ -24,6 +24,10 @@ struct ldapmsg {
 
 // lm_flags: handed out alone by LDAP_MSG_ONE; a chain of one for walking and freeing.
 #define LDAP_MSG_HANDED_ALONE 0x2
+// lm_flags: the reply could not be decoded or does not answer its request; it
+// stands as the request's final response, and every result parser reads it as
+// LDAP_DECODING_ERROR.  Its lm_ber is not to be read.
+#define LDAP_MSG_UNDECODABLE 0x4
 
 #define LDAP_RES_ANY (-1)
 #define LDAP_MSG_ONE 0

@@ -320,9 +320,29 @@ bool enter_op(BerElement *ber, const char **op_end) {
   return true;
 }
 
+constexpr ber_tag_t kEnumerated = 0x0A;
+
+// Result codes above 80 are the client's own, so a server that sent one could
+// pass its reply off as, say, a lost connection or a time-out.  The exceptions
+// are the server results the code table names above 80, which the client
+// never produces itself.
+bool server_code(int64_t code) {
+  return (code >= 0 && code <= LDAP_OTHER) || code == LDAP_ASSERTION_FAILED || code == LDAP_NO_EXPLICIT_OWNER;
+}
+
+// resultCode: an ENUMERATED holding a code a server may send.
+bool read_code(BerElement *ber, int *code) {
+  ber_len_t len;
+  int64_t value = 0;
+  if (fber_peek_tag(ber, &len) != kEnumerated || fber_get_long(ber, &value) == LBER_DEFAULT || !server_code(value))
+    return false;
+  *code = (int)value;
+  return true;
+}
+
 int read_head(BerElement *ber, int *code, char **matched, char **msg) {
   *matched = *msg = nullptr;
-  if (fber_scanf(ber, "iaa", code, matched, msg) == LBER_ERROR) {
+  if (!read_code(ber, code) || fber_scanf(ber, "aa", matched, msg) == LBER_ERROR) {
     free(*matched);
     free(*msg);
     *matched = *msg = nullptr;
@@ -358,6 +378,8 @@ int ldap_parse_result_direct(LDAP *, LDAPMessage *res, int *errcodep, char **mat
   if (msg == nullptr) {
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_result: NULLMSG passed\n");
     rc = 1;
+  } else if (msg->lm_flags & LDAP_MSG_UNDECODABLE) {
+    rc = LDAP_DECODING_ERROR;
   } else {
     BerCopy copy(msg->lm_ber);
     const char *op_end = nullptr;
@@ -411,11 +433,15 @@ int ldap_result2error_direct(LDAP *ld, LDAPMessage *res, int freeit) {
   if (last == nullptr || last->lm_msgtype == kSearchEntry || last->lm_msgtype == kSearchReference) {
     code = LDAP_PARAM_ERROR;
     ldap_set_errno_direct(ld, code, nullptr, nullptr);
+  } else if (last->lm_flags & LDAP_MSG_UNDECODABLE) {
+    code = LDAP_DECODING_ERROR;
+    ldap_set_errno_direct(ld, code, nullptr, nullptr);
   } else {
     BerCopy copy(last->lm_ber);
     char *matched = nullptr, *text = nullptr;
     code = LDAP_DECODING_ERROR;
-    if (copy.ber != nullptr && fber_scanf(copy.ber, "{iaa}", &code, &matched, &text) == LBER_ERROR)
+    if (copy.ber != nullptr &&
+        (fber_skip_tag(copy.ber, nullptr) == LBER_DEFAULT || read_head(copy.ber, &code, &matched, &text) != 0))
       code = LDAP_DECODING_ERROR;
     ldap_set_errno_direct(ld, code, matched, text);
     free(matched);
@@ -450,7 +476,9 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
   }
   int code = 0, rc = LDAP_SUCCESS;
   char *matched = nullptr, *text = nullptr;
-  {
+  if (res->lm_flags & LDAP_MSG_UNDECODABLE) {
+    rc = LDAP_DECODING_ERROR;
+  } else {
     BerCopy copy(res->lm_ber);
     const char *op_end = nullptr;
     if (copy.ber == nullptr) {
@@ -509,7 +537,8 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
   int code = 0, rc = LDAP_SUCCESS;
   char *matched = nullptr, *text = nullptr;
   const char *op_end = nullptr;
-  if (!enter_op(ber, &op_end) || read_head(ber, &code, &matched, &text) != 0) {
+  if ((res->lm_flags & LDAP_MSG_UNDECODABLE) || !enter_op(ber, &op_end) ||
+      read_head(ber, &code, &matched, &text) != 0) {
     rc = LDAP_DECODING_ERROR;
   } else if (code != 0) {
     rc = code;

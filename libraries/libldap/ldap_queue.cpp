@@ -12,6 +12,115 @@ namespace {
 // The first wait for readability in each read: short, so that a waiter soon
 // re-checks its row (another thread may have read its response meanwhile).
 constexpr suseconds_t kPollMicros = 100;
+
+// lm_msgid of a reply whose message ID could not be read.
+constexpr int kUnreadableId = -1;
+
+constexpr ber_tag_t kEnvelope = 0x30, kInteger = 0x02;
+constexpr int kSearchRequest = 0x63, kSearchEntry = 0x64, kSearchReference = 0x73;
+
+// Each request and the final response that answers it: bind, search, modify,
+// add, delete, modify DN, compare, extended.
+constexpr struct {
+  int request, response;
+} kFinalResponses[] = {{0x60, 0x61}, {0x63, 0x65}, {0x66, 0x67}, {0x68, 0x69},
+                       {0x4A, 0x6B}, {0x6C, 0x6D}, {0x6E, 0x6F}, {0x77, 0x78}};
+
+bool is_response_type(ber_tag_t tag) {
+  if (tag == kSearchEntry || tag == kSearchReference) return true;
+  for (const auto &f : kFinalResponses)
+    if (tag == (ber_tag_t)f.response) return true;
+  return false;
+}
+
+// 0 for requests that get no response.
+int final_type_for(int request_type) {
+  for (const auto &f : kFinalResponses)
+    if (request_type == f.request) return f.response;
+  return 0;
+}
+
+// Entries and references come before a search's final result; every other
+// request is answered by its final response alone.
+bool answers(int request_type, int response_type) {
+  if (response_type == final_type_for(request_type)) return true;
+  return request_type == kSearchRequest && (response_type == kSearchEntry || response_type == kSearchReference);
+}
+
+bool undecodable(const LDAPMessage *msg) { return (msg->lm_flags & LDAP_MSG_UNDECODABLE) != 0; }
+
+// Message ID and operation of a complete reply; the element is left just after
+// the ID.  Only a non-negative INTEGER that fits 32 bits is an ID: anything
+// else attributes the reply to no request.  A reply whose envelope is not a
+// SEQUENCE, or whose operation is missing, unknown or longer than the reply,
+// is marked undecodable for the request its ID names.
+void decode_envelope(LDAPMessage *msg) {
+  BerElement *ber = msg->lm_ber;
+  msg->lm_msgid = kUnreadableId;
+  msg->lm_msgtype = 0;
+  ber_len_t len = 0;
+  int64_t id = 0;
+  if (fber_peek_tag(ber, &len) != kInteger || fber_get_long(ber, &id) == LBER_DEFAULT || id < 0 || id > INT32_MAX) {
+    msg->lm_flags |= LDAP_MSG_UNDECODABLE;
+    return;
+  }
+  msg->lm_msgid = (int32_t)id;
+  char *after_id = ber->ber_ptr;
+  const ber_tag_t op = fber_skip_tag(ber, &len);
+  const bool whole = op != LBER_DEFAULT && len <= (ber_len_t)(ber->ber_end - ber->ber_ptr);
+  ber->ber_ptr = after_id;
+  if (op != LBER_DEFAULT) msg->lm_msgtype = (int32_t)op;
+  if (ber->ber_tag != kEnvelope || !whole || !is_response_type(op)) msg->lm_flags |= LDAP_MSG_UNDECODABLE;
+}
+
+// Appends a response to its row's chain; a final one completes the row.
+void store_in_row(ldap_msg_table *table, ldap_msg_row *row, LDAPMessage *msg) {
+  const int id = msg->lm_msgid;
+  if (row->head != nullptr) {
+    msg->lm_prev = row->tail;
+    msg->lm_chain = nullptr;
+    row->tail->lm_chain = msg;
+    row->tail = msg;
+    if (row->next_unread == nullptr) row->next_unread = msg;
+  } else {
+    msg->lm_chain = msg->lm_prev = nullptr;
+    row->head = row->tail = row->next_unread = msg;
+  }
+  if (id != 0 && is_last_msg(msg)) {
+    row->flags |= LDAP_ROW_COMPLETE;
+    // The waiter gave up on this request: drop it all as soon as it is done.
+    if (row->flags & LDAP_ROW_RELEASE_WHEN_DONE) ldap_msg_table_release_msgid_direct(table, id);
+  }
+}
+
+// Makes `msg` the request's final answer, read by every result parser as a
+// decoding error.
+void stand_as_decoding_error(LDAPMessage *msg, int final_type) {
+  msg->lm_msgtype = final_type;
+  msg->lm_flags |= LDAP_MSG_UNDECODABLE;
+}
+
+// A reply without a readable ID may have been meant for any request on the
+// connection, so none of them can trust its answer any more: each outstanding
+// request gets a decoding error as its final response.  Should memory run out
+// for one, the connection is given up so that its waiter is not left waiting.
+void fail_outstanding(ldap_msg_table *table) {
+  for (uint32_t id = 1; id < table->size; ++id) {
+    ldap_msg_row *row = &table->rows[id];
+    if (row->request == nullptr || (row->flags & LDAP_ROW_COMPLETE)) continue;
+    const int final_type = final_type_for(row->request->lm_msgtype);
+    if (final_type == 0) continue;
+    LDAPMessage *marker = ldap_msg_new(table->conn);
+    if (marker == nullptr) {
+      LDAP_LOG(LDAP_LOG_ERROR, "put_msg_in_table: no memory to fail msgid=%d, closing the connection\n", (int)id);
+      set_conn_closed(table->conn);
+      continue;
+    }
+    marker->lm_msgid = (int32_t)id;
+    stand_as_decoding_error(marker, final_type);
+    store_in_row(table, row, marker);
+  }
+}
 }  // namespace
 
 extern "C" {
@@ -68,6 +177,11 @@ int put_msg_in_table(ldap_msg_table *table, LDAPMessage *msg) {
   LDAP_LOG(LDAP_LOG_TRACE, "put_msg_in_table: storing msgtype=0x%x, msgid=%d in table\n", msg->lm_msgtype,
            msg->lm_msgid);
   const int id = msg->lm_msgid;
+  if (id == kUnreadableId && undecodable(msg)) {
+    LDAP_LOG(LDAP_LOG_ERROR, "put_msg_in_table: unreadable msgid, failing every outstanding request\n");
+    fail_outstanding(table);
+    return LDAP_OTHER;
+  }
   if (id < 0 || (uint32_t)id >= table->size) {
     LDAP_LOG(LDAP_LOG_ERROR, "put_msg_in_table: BAD Msg (%d), throw it.\n", id);
     return LDAP_OTHER;
@@ -77,21 +191,29 @@ int put_msg_in_table(ldap_msg_table *table, LDAPMessage *msg) {
     LDAP_LOG(LDAP_LOG_ERROR, "put_msg_in_table: No corresponding request msg found.\n");
     return LDAP_OTHER;
   }
-  if (row->head != nullptr) {
-    msg->lm_prev = row->tail;
-    msg->lm_chain = nullptr;
-    row->tail->lm_chain = msg;
-    row->tail = msg;
-    if (row->next_unread == nullptr) row->next_unread = msg;
+  if (id == 0) {
+    // An unsolicited notification that cannot be read answers nothing.
+    if (undecodable(msg)) return LDAP_OTHER;
   } else {
-    msg->lm_chain = msg->lm_prev = nullptr;
-    row->head = row->tail = row->next_unread = msg;
+    // After its final response a request takes no other: a late reply must
+    // not change the result its waiter has or is about to get.
+    if (row->flags & LDAP_ROW_COMPLETE) {
+      LDAP_LOG(LDAP_LOG_ERROR, "put_msg_in_table: msgid=%d already answered, throw it.\n", id);
+      return LDAP_OTHER;
+    }
+    const int request_type = row->request->lm_msgtype;
+    const int final_type = final_type_for(request_type);
+    if (final_type == 0) {
+      LDAP_LOG(LDAP_LOG_ERROR, "put_msg_in_table: request type 0x%x takes no response, throw it.\n", request_type);
+      return LDAP_OTHER;
+    }
+    if (undecodable(msg) || !answers(request_type, msg->lm_msgtype)) {
+      LDAP_LOG(LDAP_LOG_ERROR, "put_msg_in_table: msgtype=0x%x does not answer request type 0x%x, msgid=%d\n",
+               msg->lm_msgtype, request_type, id);
+      stand_as_decoding_error(msg, final_type);
+    }
   }
-  if (id != 0 && is_last_msg(msg)) {
-    row->flags |= LDAP_ROW_COMPLETE;
-    // The waiter gave up on this request: drop it all as soon as it is done.
-    if (row->flags & LDAP_ROW_RELEASE_WHEN_DONE) ldap_msg_table_release_msgid_direct(table, id);
-  }
+  store_in_row(table, row, msg);
   return 0;
 }
 
@@ -148,11 +270,7 @@ int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   }
   int rc = wait_for_message(conn, &msg->lm_ber, &table->pending_state, timeout);
   if (rc == 1) {
-    int id = 0;
-    if (fber_get_int(msg->lm_ber, &id) == LBER_ERROR) id = 0;
-    msg->lm_msgid = id;
-    ber_len_t len;
-    msg->lm_msgtype = (int32_t)fber_peek_tag(msg->lm_ber, &len);
+    decode_envelope(msg);
     put_msg_in_queue(table, msg);
     LDAPMessage *none = nullptr;
     ldap_msg_table_pending(table, &none, 1);

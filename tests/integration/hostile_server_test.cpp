@@ -1,0 +1,218 @@
+// A scripted server that answers with broken, lying or mismatched replies: no
+// reply may crash the client or pass for success, and each one gives the
+// request it answers a decoding error (84).
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <set>
+#include <string>
+
+#include "fake_server.h"
+#include "ldap-search.h"
+#include "ldap-update.h"
+#include "ldap-utils.h"
+#include "ldap_requests.h"
+
+using tavtest::FakeServer;
+
+namespace {
+
+// "30 05 02 01 01" -> bytes.
+std::string hex(const char *text) {
+  std::string out;
+  for (const char *p = text; *p != '\0';) {
+    if (*p == ' ') {
+      ++p;
+      continue;
+    }
+    out += static_cast<char>(std::strtol(std::string(p, 2).c_str(), nullptr, 16));
+    p += 2;
+  }
+  return out;
+}
+
+std::string tlv(unsigned tag, const std::string &v) {
+  return std::string(1, static_cast<char>(tag)) + static_cast<char>(v.size()) + v;
+}
+
+const std::string kId1 = hex("02 01 01");
+const std::string kEmptyStrings = hex("04 00 04 00");
+// An LDAPResult of `type` with the given encoded resultCode.
+std::string result(unsigned type, const std::string &code = hex("0a 01 00")) { return tlv(type, code + kEmptyStrings); }
+std::string reply(const std::string &op, const std::string &id = kId1, unsigned envelope = 0x30) {
+  return tlv(envelope, id + op);
+}
+const std::string kEntry = reply(tlv(0x64, tlv(0x04, "cn=x") + hex("30 00")));
+
+enum class Op { kBind, kSaslBind, kSearch, kAdd, kDelete };
+
+// Runs `op` as the first request of a new session (message ID 1) against a
+// server that answers it with `bytes`; the code the call returns.
+int run(Op op, const std::string &bytes) {
+  FakeServer fake;
+  std::atomic<int> seen_id{0};
+  fake.on_request([&](const std::string &request) {
+        seen_id = tavtest::request_msgid(request);
+        return bytes;
+      })
+      .hold_until_closed();
+  fake.start();
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  static char *values[] = {const_cast<char *>("x"), nullptr};
+  static LDAPMod cn = {LDAP_MOD_ADD, const_cast<char *>("cn"), {values}};
+  static LDAPMod *mods[] = {&cn, nullptr};
+  int rc = -1;
+  switch (op) {
+    case Op::kBind:
+      rc = ldap_simple_bind_s(ld, "cn=x", "secret");
+      break;
+    case Op::kSaslBind:
+      rc = ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr);
+      break;
+    case Op::kSearch: {
+      struct timeval wait = {10, 0};
+      LDAPMessage *res = nullptr;
+      rc = ldap_search_st(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0, &wait, &res);
+      ldap_msgfree(res);
+      break;
+    }
+    case Op::kAdd:
+      rc = ldap_add_s(ld, "cn=x", mods);
+      break;
+    case Op::kDelete:
+      rc = ldap_delete_s(ld, "cn=x");
+      break;
+  }
+  EXPECT_EQ(ldap_get_errno(ld), rc) << "the error record disagrees with the code returned";
+  ldap_unbind(ld);
+  EXPECT_TRUE(fake.wait_done());
+  EXPECT_EQ(seen_id.load(), 1) << "the scripted reply answers message ID 1";
+  return rc;
+}
+
+struct Case {
+  const char *name;
+  Op op;
+  std::string bytes;
+  int code;
+};
+
+TEST(HostileServer, EveryBrokenOrMismatchedReplyIsADecodingError) {
+  const int kDecoding = LDAP_DECODING_ERROR;
+  const Case cases[] = {
+      // Well-formed replies keep their codes, so 84 below is not all the client can say.
+      {"bind answered 49", Op::kBind, reply(result(0x61, hex("0a 01 31"))), LDAP_INVALID_CREDENTIALS},
+      {"search answered with an entry and done", Op::kSearch, kEntry + reply(result(0x65)), LDAP_SUCCESS},
+      {"search answered 122 (assertion failed)", Op::kSearch, reply(result(0x65, hex("0a 01 7a"))), 122},
+      {"add answered 68", Op::kAdd, reply(result(0x69, hex("0a 01 44"))), LDAP_ALREADY_EXISTS},
+
+      // Operation tag 0, missing, cut short, or in high-tag form.
+      {"bind, protocolOp 0", Op::kBind, hex("30 05 02 01 01 00 00"), kDecoding},
+      {"search, protocolOp 0", Op::kSearch, hex("30 05 02 01 01 00 00"), kDecoding},
+      {"add, protocolOp 0", Op::kAdd, hex("30 05 02 01 01 00 00"), kDecoding},
+      {"search, entry then protocolOp 0", Op::kSearch, kEntry + hex("30 05 02 01 01 00 00"), kDecoding},
+      {"bind, unknown protocolOp 0x7e", Op::kBind, reply(result(0x7e)), kDecoding},
+      {"bind, no protocolOp", Op::kBind, hex("30 03 02 01 01"), kDecoding},
+      {"delete, no protocolOp", Op::kDelete, hex("30 03 02 01 01"), kDecoding},
+      {"bind, length octet missing", Op::kBind, hex("30 05 02 01 01 61 81"), kDecoding},
+      {"bind, operation longer than the message", Op::kBind, hex("30 05 02 01 01 61 05"), kDecoding},
+      {"bind, high-tag form", Op::kBind, hex("30 05 02 01 01 1F 00"), kDecoding},
+      {"sasl bind, high-tag form", Op::kSaslBind, hex("30 05 02 01 01 1F 00"), kDecoding},
+
+      // Message IDs that are not a non-negative INTEGER fitting 32 bits.
+      {"bind, 5-byte message ID", Op::kBind, reply(result(0x61), hex("02 05 01 00 00 00 01")), kDecoding},
+      {"bind, 8-byte message ID", Op::kBind, reply(result(0x61), hex("02 08 01 00 00 00 00 00 00 01")), kDecoding},
+      {"search, 5-byte message ID", Op::kSearch, reply(result(0x65), hex("02 05 01 00 00 00 01")), kDecoding},
+      {"bind, negative message ID", Op::kBind, reply(result(0x61), hex("02 04 ff ff ff ff")), kDecoding},
+      {"bind, OCTET STRING message ID", Op::kBind, reply(result(0x61), hex("04 01 01")), kDecoding},
+      {"bind, SET envelope", Op::kBind, reply(result(0x61), kId1, 0x31), kDecoding},
+
+      // Result codes that do not fit, are negative, are the client's own, or are not ENUMERATED.
+      {"bind, resultCode 2^32", Op::kBind, reply(result(0x61, hex("0a 05 01 00 00 00 00"))), kDecoding},
+      {"sasl bind, resultCode 2^32", Op::kSaslBind, reply(result(0x61, hex("0a 05 01 00 00 00 00"))), kDecoding},
+      {"bind, resultCode -1", Op::kBind, reply(result(0x61, hex("0a 01 ff"))), kDecoding},
+      {"add, resultCode -2^31", Op::kAdd, reply(result(0x69, hex("0a 04 80 00 00 00"))), kDecoding},
+      {"bind, resultCode 81", Op::kBind, reply(result(0x61, hex("0a 01 51"))), kDecoding},
+      {"sasl bind, resultCode 81", Op::kSaslBind, reply(result(0x61, hex("0a 01 51"))), kDecoding},
+      {"search, resultCode 85", Op::kSearch, reply(result(0x65, hex("0a 01 55"))), kDecoding},
+      {"add, resultCode 90", Op::kAdd, reply(result(0x69, hex("0a 01 5a"))), kDecoding},
+      {"delete, resultCode 129", Op::kDelete, reply(result(0x6b, hex("0a 02 00 81"))), kDecoding},
+      {"bind, resultCode as OCTET STRING", Op::kBind, reply(result(0x61, hex("04 01 00"))), kDecoding},
+
+      // Replies of another operation.
+      {"search answered by a BindResponse", Op::kSearch, reply(result(0x61)), kDecoding},
+      {"search answered by an ExtendedResponse", Op::kSearch, reply(result(0x78)), kDecoding},
+      {"search, entry then a BindResponse", Op::kSearch, kEntry + reply(result(0x61)), kDecoding},
+      {"add answered by an entry and done", Op::kAdd, kEntry + reply(result(0x65)), kDecoding},
+      {"add answered by a DelResponse", Op::kAdd, reply(result(0x6b)), kDecoding},
+      {"bind answered by a SearchResultDone", Op::kBind, reply(result(0x65)), kDecoding},
+      {"sasl bind answered by a SearchResultDone", Op::kSaslBind, reply(result(0x65)), kDecoding},
+      {"delete answered by an ExtendedResponse", Op::kDelete, reply(result(0x78)), kDecoding},
+  };
+  for (const Case &c : cases) EXPECT_EQ(run(c.op, c.bytes), c.code) << c.name;
+}
+
+// With no readable message ID the reply may have been meant for any request,
+// so every outstanding one fails; the connection itself goes on.
+TEST(HostileServer, ReplyWithoutReadableIdFailsEveryOutstandingRequest) {
+  FakeServer fake;
+  fake.on_request([](const std::string &) { return std::string(); })
+      .on_request([](const std::string &) { return reply(result(0x65), hex("04 01 01")); })
+      .on_request([](const std::string &) { return reply(result(0x6b), hex("02 01 03")); })
+      .hold_until_closed();
+  fake.start();
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  const int a = ldap_search(ld, "cn=a", 0, "(objectClass=*)", nullptr, 0);
+  const int b = ldap_search(ld, "cn=b", 0, "(objectClass=*)", nullptr, 0);
+  ASSERT_EQ(a, 1);
+  ASSERT_EQ(b, 2);
+  for (int id : {b, a}) {
+    LDAPMessage *res = nullptr;
+    struct timeval wait = {10, 0};
+    EXPECT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, &wait, &res), 0x65) << id;
+    EXPECT_EQ(ldap_result2error(ld, res, 1), LDAP_DECODING_ERROR) << id;
+  }
+  EXPECT_EQ(ldap_delete_s(ld, "cn=x"), LDAP_SUCCESS);
+  ldap_unbind(ld);
+}
+
+// The valid SearchResultDone that follows the broken reply is read while the
+// delete waits; it must not join the chain the caller already holds.
+TEST(HostileServer, ReplyAfterTheFinalAnswerChangesNothing) {
+  FakeServer fake;
+  fake.on_request([](const std::string &) { return hex("30 05 02 01 01 00 00") + reply(result(0x65)); })
+      .on_request([](const std::string &) { return reply(result(0x6b), hex("02 01 02")); })
+      .hold_until_closed();
+  fake.start();
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAPMessage *res = nullptr;
+  struct timeval wait = {10, 0};
+  EXPECT_EQ(ldap_search_st(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0, &wait, &res), LDAP_DECODING_ERROR);
+  EXPECT_EQ(ldap_delete_s(ld, "cn=x"), LDAP_SUCCESS);
+  EXPECT_EQ(ldap_count_messages(ld, res), 1);
+  EXPECT_EQ(ldap_result2error(ld, res, 1), LDAP_DECODING_ERROR);
+  ldap_unbind(ld);
+}
+
+TEST(HostileServer, EveryAllocationFailureOnAReplyWithoutIdEndsInADocumentedCode) {
+  const std::set<int> documented = {LDAP_DECODING_ERROR, LDAP_NO_MEMORY, LDAP_SERVER_DOWN, LDAP_LOCAL_ERROR};
+  for (long n = 1; n < 200; ++n) {
+    FakeServer fake;
+    fake.on_request([](const std::string &) { return reply(result(0x61), hex("04 01 01")); }).hold_until_closed();
+    fake.start();
+    LDAP *ld = ldap_init("127.0.0.1", fake.port());
+    olx_fail_alloc_at(n);
+    const int rc = ldap_simple_bind_s(ld, "cn=x", "secret");
+    const long used = olx_fail_alloc_at(0);
+    ldap_unbind(ld);
+    EXPECT_TRUE(documented.count(rc)) << "allocation " << n << " gave " << rc;
+    if (used < n) {
+      EXPECT_EQ(rc, LDAP_DECODING_ERROR) << "no allocation failed";
+      return;
+    }
+  }
+  ADD_FAILURE() << "the sweep did not reach the end of the bind";
+}
+
+}  // namespace
