@@ -46,7 +46,8 @@ TAV_INTERNAL char *ldap_rdn_parse(char *pos, LDAPRDN *rdn, int mode, int *rc);
 // 0 with a new decoded string in *out; 1 for a malformed value; 90.
 TAV_INTERNAL int ldap_dn_decode_value(const char *in, char **out);
 // Stores type and value (the value is taken over, also on failure); 0 or 90.
-TAV_INTERNAL int ldap_rdn_add_ava(LDAPRDN *rdn, const char *type, char *value, int mode);
+// *tail is the RDN's last AVA (none while it has none) and is kept up to date.
+TAV_INTERNAL int ldap_rdn_add_ava(LDAPRDN *rdn, LDAPAVAList **tail, const char *type, char *value, int mode);
 // Fills dn_string and dn_string_upper (empty when rc is not 0); 0 or 90.
 TAV_INTERNAL int ldap_dn_to_string(LDAPDN *dn, int rc);
 

@@ -448,7 +448,7 @@ int ldap_dn_decode_value(const char *in, char **out) {
   return 0;
 }
 
-int ldap_rdn_add_ava(LDAPRDN *rdn, const char *type, char *value, int mode) {
+int ldap_rdn_add_ava(LDAPRDN *rdn, LDAPAVAList **tail, const char *type, char *value, int mode) {
   LDAP_LOG(LDAP_LOG_DN, "Adding RDN element with type=%s, value=%s.\n", type, value);
   LDAPAVAList *node = static_cast<LDAPAVAList *>(olx_calloc(1, sizeof(LDAPAVAList)));
   char *type_copy = node != nullptr ? olx_strdup(type) : nullptr;
@@ -459,22 +459,29 @@ int ldap_rdn_add_ava(LDAPRDN *rdn, const char *type, char *value, int mode) {
   }
   node->al_ava.ava_type = type_copy;
   node->al_ava.ava_value = value;
-  if (rdn->rdn_avas == nullptr) LDAP_LOG(LDAP_LOG_DN, "New RDN element initializes RDN list.\n");
+  auto greater = [type, value](const LDAPAVAList *a) {
+    const int by_type = ascii_casecmp(a->al_ava.ava_type, type);
+    return by_type > 0 || (by_type == 0 && ascii_casecmp(a->al_ava.ava_value, value) > 0);
+  };
+  // Appending goes straight to the tail, so an RDN of many AVAs parses in
+  // linear time; a sorted insertion walks only when the tail is greater.
   LDAPAVAList **at = &rdn->rdn_avas;
-  while (*at != nullptr) {
-    if (mode == LDAP_DN_MODE_SORTED) {
-      const int by_type = ascii_casecmp((*at)->al_ava.ava_type, type);
-      if (by_type > 0 || (by_type == 0 && ascii_casecmp((*at)->al_ava.ava_value, value) > 0)) break;
-    }
-    at = &(*at)->al_next;
+  if (*tail == nullptr) {
+    LDAP_LOG(LDAP_LOG_DN, "New RDN element initializes RDN list.\n");
+  } else if (mode != LDAP_DN_MODE_SORTED || !greater(*tail)) {
+    at = &(*tail)->al_next;
+  } else {
+    while (!greater(*at)) at = &(*at)->al_next;
   }
   node->al_next = *at;
   *at = node;
+  if (node->al_next == nullptr) *tail = node;
   ++rdn->rdn_ava_count;
   return 0;
 }
 
 char *ldap_rdn_parse(char *pos, LDAPRDN *rdn, int mode, int *rc) {
+  LDAPAVAList *tail = nullptr;
   for (;;) {
     char *type = nullptr, *type_end = nullptr;
     char *equals = scan_type(pos, &type, &type_end, rc);
@@ -494,7 +501,7 @@ char *ldap_rdn_parse(char *pos, LDAPRDN *rdn, int mode, int *rc) {
     *v.end = '\0';
     char *value = nullptr;
     *rc = ldap_dn_decode_value(v.start, &value);
-    if (*rc == 0) *rc = ldap_rdn_add_ava(rdn, type, value, mode);
+    if (*rc == 0) *rc = ldap_rdn_add_ava(rdn, &tail, type, value, mode);
     *v.stop = after;
     if (*rc != 0 || after != '+') return v.stop;
     pos = v.stop + 1;
