@@ -41,8 +41,6 @@ int ascii_casecmp(const char *a, const char *b) {
   }
 }
 
-// ---- attribute type machine
-
 enum TypeState { B4TYPE, INOIDDIGIT, INDIGITS, INIDENT, AFTERTYPE, TYPEDONE, INVALID };
 const char *const kTypeStateNames[] = {"B4TYPE",    "INOIDDIGIT", "INDIGITS", "INIDENT",
                                        "AFTERTYPE", "TYPEDONE",   "INVALID"};
@@ -129,8 +127,6 @@ char *scan_type(char *p, char **start, char **end, int *code) {
   }
   return p;
 }
-
-// ---- value machine
 
 enum ValueState { B4Value, INQUOTE, AFTERQUOTE, INHEXSTRING, INVALUE, INESCAPE, INHEXPAIR };
 const char *const kValueStateNames[] = {"B4Value", "INQUOTE",  "AFTERQUOTE", "INHEXSTRING",
@@ -252,8 +248,6 @@ int scan_value(char *p, ValueSpan *v) {
   }
 }
 
-// ---- value decoding
-
 // True when only blanks stand between p and the end of the value.
 bool at_value_end(const char *p, char closing) {
   while (is_blank(*p)) ++p;
@@ -329,8 +323,6 @@ int decode_plain(const char *p, char *buf) {
   while (n > keep && is_blank(buf[n - 1])) buf[--n] = '\0';
   return 0;
 }
-
-// ---- writing
 
 // Writes the value with backslashes where the parser needs them (a leading
 // space or "#", specials, backslashes, blanks at either end); an empty value
