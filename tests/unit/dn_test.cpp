@@ -244,7 +244,7 @@ std::string unhex(const std::string &s, bool escapes_only) {
   return out;
 }
 
-// Our escaping, as the design writes it (blanks at either end, empty as "").
+// Our escaping, blanks at either end and the empty value ("") included.
 std::string escape(const std::string &v) {
   if (v.empty()) return "\"\"";
   std::string out;
