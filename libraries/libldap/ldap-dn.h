@@ -1,0 +1,61 @@
+// Distinguished names: the parsed record (RDNs made of AVAs), the parser and
+// the string forms made from it.
+#ifndef TAV_LDAP_DN_H
+#define TAV_LDAP_DN_H
+
+#include "tav-visibility.h"
+
+// Parse modes: AVAs of an RDN sorted by type, then value (both without regard
+// to case), or kept in string order (what the public functions ask for).
+#define LDAP_DN_MODE_SORTED 99
+#define LDAP_DN_MODE_ORDERED 98
+
+typedef struct ldap_ava {
+  char *ava_type;   // owned
+  char *ava_value;  // owned, decoded
+} LDAPAVA;
+
+typedef struct ldap_ava_list {
+  LDAPAVA al_ava;
+  struct ldap_ava_list *al_next;
+} LDAPAVAList;
+
+typedef struct ldap_rdn {
+  LDAPAVAList *rdn_avas;
+  long rdn_ava_count;
+  struct ldap_rdn *rdn_next;
+} LDAPRDN;
+
+typedef struct ldap_dn {
+  LDAPRDN *dn_rdns;  // leftmost first
+  long dn_rdn_count;
+  void *dn_spare;         // reserved; nothing fills it
+  char *dn_spare_string;  // reserved; freed with the record when set
+  char *dn_string;        // owned: the normalised form
+  char *dn_string_upper;  // owned: the same, upper-cased
+} LDAPDN;
+
+extern "C" {
+// The record, also on a parse error (then with empty string forms and the
+// code in *rc); none, with 90 in *rc, when memory runs out.  rc may be null.
+TAV_INTERNAL LDAPDN *ldap_dn_parse(const char *dn, int mode, int *rc);
+TAV_INTERNAL void ldap_dn_free(LDAPDN **dnp);
+// Parses one RDN from pos (a writable copy) and returns where it stopped: at
+// "," or ";", at the end of the string, or where an error was found.
+TAV_INTERNAL char *ldap_rdn_parse(char *pos, LDAPRDN *rdn, int mode, int *rc);
+// 0 with a new decoded string in *out; 1 for a malformed value; 90.
+TAV_INTERNAL int ldap_dn_decode_value(const char *in, char **out);
+// Stores type and value (the value is taken over, also on failure); 0 or 90.
+// *tail is the RDN's last AVA (none while it has none) and is kept up to date.
+TAV_INTERNAL int ldap_rdn_add_ava(LDAPRDN *rdn, LDAPAVAList **tail, const char *type, char *value, int mode);
+// Fills dn_string and dn_string_upper (empty when rc is not 0); 0 or 90.
+TAV_INTERNAL int ldap_dn_to_string(LDAPDN *dn, int rc);
+
+TAV_INTERNAL char *ldap_dn2ufn(const char *dn);
+TAV_INTERNAL char **ldap_explode_dn(const char *dn, int notypes);
+TAV_INTERNAL char **ldap_explode_rdn(const char *rdn, int notypes);
+TAV_INTERNAL int ldap_dn_is_dotted(const char *s);
+TAV_INTERNAL char **ldap_explode_dotted(const char *s);
+}
+
+#endif
