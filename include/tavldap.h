@@ -302,6 +302,14 @@ TAVLDAP_API int tav_ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, 
  * a response arrived, also on failure, and is freed with tav_ldap_msgfree. */
 TAVLDAP_API int tav_ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
                                    int attrsonly, struct timeval *timeout, LDAPMessage **res);
+/* Runs the search an LDAP URL describes (ldap://host:port/base?attrs?scope?filter):
+ * base, scope, filter and attributes from the URL, limits from the session.
+ * A URL naming another server is searched there (re-binding through the
+ * rebind procedure, option 9) and its answers come back as this session's.
+ * Returns 0 whenever a result arrived, whatever its result code (read it with
+ * the chain); 85 on a time-out, 89 for a URL that does not parse. */
+TAVLDAP_API int tav_ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval *timeout,
+                                       LDAPMessage **res);
 /* Walking the entries of a result chain; -1 from the count for a bad handle. */
 TAVLDAP_API int tav_ldap_count_entries(LDAP *ld, LDAPMessage *chain);
 TAVLDAP_API LDAPMessage *tav_ldap_first_entry(LDAP *ld, LDAPMessage *chain);

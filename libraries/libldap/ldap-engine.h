@@ -106,9 +106,39 @@ TAV_INTERNAL int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeou
 TAV_INTERNAL int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result,
                                  ldap_msg_table *table);
 
-// Referrals (the chaser hands every message on unchanged until it is built).
-TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout, int *error,
-                                    int hops);
+// Referral chasing.
+TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout,
+                                    int *error, int hops);
+TAV_INTERNAL LDAPMessage *chase_v2_referrals(LDAP *ld, LDAPMessage *msg, const char *text, struct timeval *timeout,
+                                             int *error, int hops);
+TAV_INTERNAL LDAPMessage *chase_v3_referrals(LDAP *ld, char **urls, LDAPMessage *msg, struct timeval *timeout,
+                                             int *error, int hops);
+TAV_INTERNAL LDAPConn *get_referral_connection(LDAP *ld, char **urls, LDAPURLDesc **lud, int *error);
+TAV_INTERNAL int send_referral_bind_request(LDAP *ld, ldap_msg_table *table);
+TAV_INTERNAL int reencode_and_send(LDAP *ld, ldap_msg_table *table, LDAPURLDesc *lud, LDAPMessage *msg,
+                                   LDAPMessage **out, int *error);
+TAV_INTERNAL BerElement *re_encode_request(LDAP *ld, BerElement *ber, int newid, LDAPURLDesc *lud);
+TAV_INTERNAL int set_parent_child_pointers(LDAPMessage *msg, ldap_msg_table *ctable, int cid);
+TAV_INTERNAL int append_referral(char **text, const char *url);
+TAV_INTERNAL int get_return_error_msg(LDAPMessage *carrier, int code, const char *text, LDAPMessage **out);
+TAV_INTERNAL BerElement *ldap_build_result_ber(int code, const char *matched, const char *text, int msgid, int type);
+TAV_INTERNAL void ldap_referral_find_root(ldap_msg_table **table, int *msgid);
+TAV_INTERNAL int ldap_referral_record_failure(LDAP *ld, ldap_msg_table *table, int msgid, const char *url, int code);
+TAV_INTERNAL int ldap_referral_final_result(LDAP *ld, LDAPMessage *msg, LDAPMessage **out);
+TAV_INTERNAL void ldap_referral_hold_child_result(LDAPMessage **msg);
+TAV_INTERNAL void ldap_referral_discard_msg(LDAPMessage *msg);
+TAV_INTERNAL int ldap_referral_copy_controls(BerElement *to, BerElement *from);
+TAV_INTERNAL int ldap_request_to_response_tag(int tag);
+// Merges a chased row's message into its parent row (the parent table's lock
+// is taken inside); 1 when *msg is to be delivered.
+TAV_INTERNAL int ldap_msg_table_merge_referral_msg(LDAPMessage **msg, ldap_msg_table *ptable, int pid,
+                                                   int child_finished);
+// Releases a row unless a chased child still feeds it; a parent link of the
+// row is queued on the table for ldap_msg_table_detach_released.  Table lock held.
+TAV_INTERNAL void ldap_msg_table_release_row(ldap_msg_table *table, int msgid);
+// Clears the parents of child rows released under this table's lock (and
+// releases parents that were only waiting for them).  Table lock not held.
+TAV_INTERNAL void ldap_msg_table_detach_released(ldap_msg_table *table);
 
 // Elements made for a session carry copies of its translation settings.
 TAV_INTERNAL BerElement *ldap_alloc_ber_with_options(LDAP *ld, int for_reading);

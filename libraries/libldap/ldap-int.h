@@ -100,7 +100,20 @@ typedef struct ldap_msg_table {
   uint32_t last_any_row;  // table_mutex
   LDAPMessage *pending_msg;
   uint32_t pending_state;
+  // Parent links of child rows released while their parent's table lock could
+  // not be taken; their parents are cleared after this table's lock is let go.
+  struct ldap_referral_link *detached;  // table_mutex
 } ldap_msg_table;
+
+// Ties a chased request's row (child) to the row that referred (parent).
+struct ldap_referral_link {
+  ldap_msg_table *rl_table;  // the linked row's table
+  int32_t rl_msgid;          // the linked row
+  LDAPMessage *rl_msg;       // child link: the parent's carrier message
+  // Bookkeeping of a detached parent link: the child row it came from.
+  int32_t rl_child_msgid;
+  struct ldap_referral_link *rl_next;
+};
 
 // A server connection of a session.
 struct ldapconn {
@@ -281,6 +294,8 @@ TAV_INTERNAL int ldap_get_bind_controls(LDAP *ld, LDAPControl ***ctrls);
 
 // Bind.
 TAV_INTERNAL int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd);
+// ldap_simple_bind_s without the operation bracket (re-binds for referrals).
+TAV_INTERNAL int ldap_simple_bind_s_int(LDAP *ld, const char *dn, const char *passwd);
 TAV_INTERNAL int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd);
 TAV_INTERNAL int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPControl **sctrls,
                                          int *msgidp, LDAPConn *conn);

@@ -34,6 +34,13 @@ TAV_INTERNAL int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, c
                                         int attrsonly, LDAPControl **sctrls, int sizelimit, struct timeval *timeout,
                                         int *msgidp, LDAPConn *conn);
 
+// URL searches.
+TAV_INTERNAL int ldap_url_search(LDAP *ld, const char *url, int attrsonly);
+TAV_INTERNAL int ldap_url_search_s(LDAP *ld, const char *url, int attrsonly, LDAPMessage **res);
+TAV_INTERNAL int ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval *timeout,
+                                    LDAPMessage **res);
+TAV_INTERNAL int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly);
+
 // Filter encoder: 0 or -1.
 TAV_INTERNAL int put_filter(BerElement *ber, const char *filter, int nested);
 TAV_INTERNAL int put_filter_list(BerElement *ber, char *list);

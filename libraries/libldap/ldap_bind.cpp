@@ -123,12 +123,17 @@ int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd) {
   return id;
 }
 
-int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind_s: ld(%p) dn(%s) pw(***)\n", (void *)ld, dn ? dn : "NULL");
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+int ldap_simple_bind_s_int(LDAP *ld, const char *dn, const char *passwd) {
   int id = -1;
   int rc = ldap_simple_bind_direct(ld, dn, passwd, nullptr, &id, nullptr);
   if (rc == LDAP_SUCCESS) rc = wait_simple(ld, id);
+  return rc;
+}
+
+int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind_s: ld(%p) dn(%s) pw(***)\n", (void *)ld, dn ? dn : "NULL");
+  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  const int rc = ldap_simple_bind_s_int(ld, dn, passwd);
   ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind_s: returning rc=%d\n", rc);
   return rc;

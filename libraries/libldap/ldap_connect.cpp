@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "ldap-debug.h"
+#include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
 #include "ldap-utils.h"
@@ -210,7 +211,8 @@ LDAPConn *ldap_get_connection(LDAP *ld, const char *host, int port, int open, in
   LDAPConn *found = nullptr;
   LDAPConn *last = nullptr;
   for (LDAPConn *c = include_default == 1 ? ld->ld_defconn : ld->ld_defconn->lc_next; c != nullptr; c = c->lc_next) {
-    if (c->lc_port == port && conn_matches_cached(c, host, port, &host_ai, &state)) {
+    // A connection that failed is never used again: a new one is opened.
+    if (c->lc_port == port && conn_closed(c) != 1 && conn_matches_cached(c, host, port, &host_ai, &state)) {
       found = c;
       break;
     }
@@ -265,6 +267,16 @@ void ldap_free_connection_if_idle(LDAP *ld, LDAPConn *conn) {
   }
   bool idle = (uint32_t)table->free_count == table->size;
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
-  if (idle) ldap_lc_free(conn);
+  if (idle) {
+    ldap_lc_free(conn);
+    return;
+  }
+  // Rows of it are still in use: it goes back on the list (at the tail), so
+  // that the session's tear-down frees it rather than nobody.
+  if (LDAP_MUTEX_LOCK(&ld->ld_conn_mutex) != 0) return;
+  LDAPConn *last = ld->ld_servers;
+  while (last->lc_next != nullptr) last = last->lc_next;
+  last->lc_next = conn;
+  LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
 }
 }

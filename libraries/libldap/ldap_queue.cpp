@@ -89,7 +89,7 @@ void store_in_row(ldap_msg_table *table, ldap_msg_row *row, LDAPMessage *msg) {
   if (id != 0 && is_last_msg(msg)) {
     row->flags |= LDAP_ROW_COMPLETE;
     // The waiter gave up on this request: drop it all as soon as it is done.
-    if (row->flags & LDAP_ROW_RELEASE_WHEN_DONE) ldap_msg_table_release_msgid_direct(table, id);
+    if (row->flags & LDAP_ROW_RELEASE_WHEN_DONE) ldap_msg_table_release_row(table, id);
   }
 }
 

@@ -94,8 +94,9 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *request) {
   if (conn_connected(conn) == 0) {
     if (open_ldap_connection(ld, conn) != 0) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_write_msg: open_ldap_connection returned error!\n");
-      LDAP_MUTEX_UNLOCK(&conn->lc_write_mutex);
+      // Closed before the lock is let go: a writer waiting for it must see it.
       set_conn_closed(conn);
+      LDAP_MUTEX_UNLOCK(&conn->lc_write_mutex);
       ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
       free(conn->lc_peer_name);
       conn->lc_peer_name = nullptr;

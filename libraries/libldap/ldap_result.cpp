@@ -27,14 +27,43 @@ int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessag
     trace_one(-1);
     return -1;
   }
-  const bool has_child = msgid >= 0 && (uint32_t)msgid < table->size && table->rows[msgid].child_link != nullptr;
+  ldap_referral_link *link =
+      msgid >= 0 && (uint32_t)msgid < table->size ? table->rows[msgid].child_link : nullptr;
+  ldap_msg_table *ctable = link != nullptr ? link->rl_table : nullptr;
+  const int cid = link != nullptr ? link->rl_msgid : 0;
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
 
-  // A row whose referral is being chased on another connection waits on the
-  // child row; that needs the referral chaser, which keeps has_child false
-  // until it exists.
-  (void)has_child;
   int rc;
+  if (ctable != nullptr) {
+    // A referral of this row is being chased: its answers come from the child row.
+    LDAPMessage *got = nullptr;
+    rc = ldap_return_one_msg(ld, cid, timeout, &got, ctable, error, chase, hops - 1);
+    if (rc == 0) {
+      trace_one(0);
+      return 0;
+    }
+    if (rc < 0 || got == nullptr) {
+      bool still_linked = true;
+      if (LDAP_MUTEX_LOCK(&table->table_mutex) == 0) {
+        still_linked = table->rows[msgid].child_link == link;
+        LDAP_MUTEX_UNLOCK(&table->table_mutex);
+      }
+      // A child that failed for good (its server gone) fails this row too.
+      if (still_linked && rc < 0) {
+        trace_one(-1);
+        return -1;
+      }
+      return ldap_return_one_msg(ld, msgid, timeout, result, table, error, chase, hops);
+    }
+    ldap_msg_table_unlink_msg(got);
+    const int finished = ldap_msg_table_release_if_done(ctable, cid);
+    if (ldap_msg_table_merge_referral_msg(&got, table, msgid, finished)) {
+      *result = got;
+      trace_one(got->lm_msgtype);
+      return got->lm_msgtype;
+    }
+    return ldap_return_one_msg(ld, msgid, timeout, result, table, error, chase, hops);
+  }
   for (;;) {
     LDAPMessage *msg = nullptr;
     rc = ldap_get_result(ld, msgid, 0, timeout, &msg, table);

@@ -57,6 +57,11 @@ void ldap_msg_table_free(ldap_msg_table *table) {
   if (table == nullptr) return;
   for (uint32_t i = 0; i < table->size; ++i) ldap_msg_table_release_msgid_direct(table, (int)i);
   free_msg(table->pending_msg, 0);
+  for (ldap_referral_link *l = table->detached; l != nullptr;) {
+    ldap_referral_link *next = l->rl_next;
+    free(l);
+    l = next;
+  }
   // Responses read but never sorted into rows.
   free_msg(table->queue_head, 1);
   free(table->rows);
@@ -332,13 +337,23 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
   if (id != 0 && finished(row)) {
     // Everything was delivered: only a result kept by referral chasing is left.
     int rc = -1;
-    if (row->parent_link == nullptr && row->held_result != nullptr) {
-      LDAPMessage *held = row->held_result;
+    LDAPMessage *answer = nullptr;
+    if (row->parent_link == nullptr && row->ref_text != nullptr && row->request != nullptr) {
+      // Referrals that could not be followed, as the version-2 text.
+      if (get_return_error_msg(row->request, 0, row->ref_text, &answer) != 0) answer = nullptr;
+      free_msg(row->held_result, 1);
       row->held_result = nullptr;
-      held->lm_chain = held->lm_prev = nullptr;
-      row->head = row->tail = held;
-      *result = held;
-      rc = held->lm_msgtype;
+      free(row->ref_text);
+      row->ref_text = nullptr;
+    } else if (row->parent_link == nullptr && row->held_result != nullptr) {
+      answer = row->held_result;
+      row->held_result = nullptr;
+    }
+    if (answer != nullptr) {
+      answer->lm_chain = answer->lm_prev = nullptr;
+      row->head = row->tail = answer;
+      *result = answer;
+      rc = answer->lm_msgtype;
     } else {
       ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     }
@@ -381,6 +396,7 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     }
   }
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  ldap_msg_table_detach_released(table);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_message: returning rc=%d\n", rc);
   return rc;
 }
@@ -419,29 +435,95 @@ int ldap_msg_table_release_if_done(ldap_msg_table *table, int msgid) {
   return released;
 }
 
-// Rows of chased referrals are reached through child_link; until referral
-// chasing exists a row has no children, so only the row itself is marked.
 void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits) {
   LDAPConn *conn = get_default_connection(ld);
   ldap_msg_table *table = conn ? conn->lc_msgtable : nullptr;
-  if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
-  if (msgid > 0 && (uint32_t)msgid < table->size && (table->rows[msgid].flags & LDAP_ROW_IN_USE)) {
-    ldap_msg_row *row = &table->rows[msgid];
-    row->flags |= bits;
-    // The final response may already be stored (read by this or another
-    // thread after the wait gave up): nothing will arrive to release the row.
-    if ((bits & LDAP_ROW_RELEASE_WHEN_DONE) && (row->flags & LDAP_ROW_COMPLETE) && row->child_link == nullptr)
-      ldap_msg_table_release_msgid_direct(table, msgid);
+  // Down the chain of chased requests, one table lock at a time.
+  while (table != nullptr && LDAP_MUTEX_LOCK(&table->table_mutex) == 0) {
+    ldap_msg_table *next = nullptr;
+    int next_id = 0;
+    if (msgid > 0 && (uint32_t)msgid < table->size && (table->rows[msgid].flags & LDAP_ROW_IN_USE)) {
+      ldap_msg_row *row = &table->rows[msgid];
+      row->flags |= bits;
+      if (row->child_link != nullptr) {
+        next = row->child_link->rl_table;
+        next_id = row->child_link->rl_msgid;
+      } else if ((bits & LDAP_ROW_RELEASE_WHEN_DONE) && (row->flags & LDAP_ROW_COMPLETE)) {
+        // The final response may already be stored (read by this or another
+        // thread after the wait gave up): nothing will arrive to release it.
+        ldap_msg_table_release_row(table, msgid);
+      }
+    }
+    LDAP_MUTEX_UNLOCK(&table->table_mutex);
+    ldap_msg_table_detach_released(table);
+    table = next;
+    msgid = next_id;
   }
+}
+
+void ldap_msg_table_release_row(ldap_msg_table *table, int msgid) {
+  ldap_msg_row *row = &table->rows[msgid];
+  if (row->child_link != nullptr) return;
+  if (row->parent_link != nullptr) {
+    ldap_referral_link *up = row->parent_link;
+    row->parent_link = nullptr;
+    up->rl_child_msgid = msgid;
+    up->rl_next = table->detached;
+    table->detached = up;
+  }
+  ldap_msg_table_release_msgid_direct(table, msgid);
+}
+
+void ldap_msg_table_detach_released(ldap_msg_table *table) {
+  if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
+  ldap_referral_link *list = table->detached;
+  table->detached = nullptr;
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  while (list != nullptr) {
+    ldap_referral_link *up = list;
+    list = list->rl_next;
+    ldap_msg_table *ptable = up->rl_table;
+    if (LDAP_MUTEX_LOCK(&ptable->table_mutex) == 0) {
+      if ((uint32_t)up->rl_msgid < ptable->size) {
+        ldap_msg_row *prow = &ptable->rows[up->rl_msgid];
+        ldap_referral_link *down = prow->child_link;
+        // The parent row may have been released and reused meanwhile.
+        if (down != nullptr && down->rl_table == table && down->rl_msgid == up->rl_child_msgid) {
+          free(down);
+          prow->child_link = nullptr;
+          if ((prow->flags & LDAP_ROW_RELEASE_WHEN_DONE) && (prow->flags & LDAP_ROW_COMPLETE))
+            ldap_msg_table_release_row(ptable, up->rl_msgid);
+        }
+      }
+      LDAP_MUTEX_UNLOCK(&ptable->table_mutex);
+      ldap_msg_table_detach_released(ptable);
+    }
+    free(up);
+  }
 }
 
 void ldap_msg_table_detach_referral(LDAP *, ldap_msg_table *table, int msgid) {
   if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
+  ldap_referral_link *up = nullptr;
   if (msgid > 0 && (uint32_t)msgid < table->size) {
     ldap_msg_row *row = &table->rows[msgid];
-    if (owned_by_me(row) && row->parent_link != nullptr) ldap_msg_table_release_msgid_direct(table, msgid);
+    // A chased row is served by whichever thread waits on its root.
+    if ((row->owner_tid == 0 || owned_by_me(row)) && row->parent_link != nullptr) {
+      up = row->parent_link;
+      row->parent_link = nullptr;
+      ldap_msg_table_release_msgid_direct(table, msgid);
+    }
   }
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  if (up == nullptr) return;
+  if (LDAP_MUTEX_LOCK(&up->rl_table->table_mutex) == 0) {
+    ldap_msg_row *prow = &up->rl_table->rows[up->rl_msgid];
+    if (prow->child_link != nullptr && prow->child_link->rl_table == table && prow->child_link->rl_msgid == msgid) {
+      free(prow->child_link);
+      prow->child_link = nullptr;
+    }
+    LDAP_MUTEX_UNLOCK(&up->rl_table->table_mutex);
+  }
+  free(up);
 }
 }

@@ -107,6 +107,7 @@ TEST_F(EngineRows, AFinalResultAlreadyStoredIsReleasedWhenItsRowIsMarked) {
     LDAPMessage *request = ldap_msg_new(ld->ld_defconn);
     LDAPMessage *done = ldap_msg_new(ld->ld_defconn);
     request->lm_msgid = done->lm_msgid = id;
+    request->lm_msgtype = 0x63;
     done->lm_msgtype = 0x65;
     pthread_mutex_lock(&t->table_mutex);
     t->rows[id].request = request;
@@ -219,7 +220,7 @@ TEST(EngineConnect, AConnectionThatFailedIsNotTriedAgainByAWriterThatWasWaiting)
   for (size_t at = trace.find("open_ldap_connection: ld("); at != std::string::npos;
        at = trace.find("open_ldap_connection: ld(", at + 1))
     ++connects;
-  EXPECT_EQ(connects, 1u);
+  EXPECT_EQ(connects, 1u) << trace;
   ldap_unbind(ld);
 }
 

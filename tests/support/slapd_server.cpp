@@ -155,7 +155,7 @@ bool SlapdServer::start(std::string *error) {
   ProcessResult add = run_process({kSlapadd, "-q", "-f", dir_ + "/slapd.conf", "-l", dir_ + "/data.ldif"});
   if (add.exit_code != 0) return fail("slapadd failed: " + add.err + add.out);
 
-  port_ = free_port(false);
+  port_ = options_.port != 0 ? options_.port : free_port(false);
   std::string listeners = "ldap://127.0.0.1:" + std::to_string(port_) + "/";
   if (options_.ipv6) {
     ipv6_port_ = free_port(true);

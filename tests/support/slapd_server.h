@@ -28,6 +28,7 @@ struct SlapdOptions {
       "access to * by self write by users read by anonymous read\n";
   std::string extra_ldif;          // more entries, appended after the base data
   int people = 5;                  // uid=user1..userN under ou=People, password "passN"
+  int port = 0;                    // listening port; 0 picks a free one
 };
 
 class SlapdServer {

@@ -1,0 +1,215 @@
+// Referral chasing against three private slapds: A refers part of its tree to
+// B (which refuses anonymous readers), a loop runs A -> B -> A, a referral
+// list starts with a dead server and goes on to C, and names outside every
+// suffix follow A's default referral to C.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ldap-search.h"
+#include "ldap-update.h"
+#include "referral_servers.h"
+
+using tavtest::ReferralServers;
+
+namespace {
+
+class Referrals : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { servers = new ReferralServers(); }
+  static void TearDownTestSuite() {
+    delete servers;
+    servers = nullptr;
+  }
+  void SetUp() override { ASSERT_TRUE(servers->started()) << servers->error(); }
+  static ReferralServers *servers;
+};
+ReferralServers *Referrals::servers = nullptr;
+
+std::set<std::string> dns_of(LDAP *ld, LDAPMessage *res) {
+  std::set<std::string> out;
+  for (LDAPMessage *e = ldap_first_entry(ld, res); e != nullptr; e = ldap_next_entry(ld, e)) {
+    char *dn = ldap_get_dn(ld, e);
+    out.insert(dn ? dn : "?");
+    ldap_memfree(dn);
+  }
+  return out;
+}
+
+// The final result's code and text.
+std::pair<int, std::string> final_of(LDAP *ld, LDAPMessage *res) {
+  int code = -1;
+  char *text = nullptr;
+  EXPECT_EQ(ldap_parse_result(ld, res, &code, nullptr, &text, nullptr, nullptr, 0), 0);
+  std::string t = text ? text : "";
+  free(text);
+  return {code, t};
+}
+
+TEST_F(Referrals, SearchesFollowReferencesAndReferralsOrHandThemBack) {
+  struct Case {
+    const char *name;
+    std::string base;
+    bool chase, rebind;
+    std::set<std::string> entries;
+    int code;          // of the final result in the chain
+    std::string text;  // of the final result
+  };
+  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
+  const std::set<std::string> a_entries = {t1, "cn=a1," + t1, "cn=a2," + t1};
+  const std::set<std::string> b_entries = {ReferralServers::branch(), "cn=b1," + ReferralServers::branch(),
+                                           "cn=b2," + ReferralServers::branch()};
+  std::set<std::string> both = a_entries;
+  both.insert(b_entries.begin(), b_entries.end());
+  const std::string dead = ReferralServers::url(servers->dead_port(), "ou=nowhere," + ReferralServers::kSuffix);
+  const std::string loop = ReferralServers::url(servers->port_b(), "ou=loop," + ReferralServers::kSuffix);
+  const Case cases[] = {
+      {"reference to B, re-bound", t1, true, true, both, 0, ""},
+      // B refuses anonymous readers: its refusal is the final result.
+      {"reference to B, anonymous", t1, true, false, a_entries, LDAP_NO_SUCH_OBJECT, ""},
+      {"chasing off", t1, false, true, a_entries, 0, ""},
+      {"dead server first, then C",
+       "ou=dead," + ReferralServers::kSuffix,
+       true,
+       false,
+       {"ou=dead," + ReferralServers::kSuffix, "cn=c1,ou=dead," + ReferralServers::kSuffix},
+       0,
+       ""},
+      {"no server reachable",
+       "ou=nowhere," + ReferralServers::kSuffix,
+       true,
+       false,
+       {},
+       0,
+       "Referral:\n" + dead + "??sub\n"},
+      {"loop A -> B -> A", "ou=loop," + ReferralServers::kSuffix, true, true, {}, 0, "Referral:\n" + loop + "??sub\n"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    LDAP *ld = servers->session(c.rebind);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REFERRALS, c.chase ? LDAP_OPT_ON : LDAP_OPT_OFF), 0);
+    LDAPMessage *res = nullptr;
+    const int rc = ldap_search_st(ld, c.base.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
+    EXPECT_EQ(dns_of(ld, res), c.entries);
+    auto [code, text] = final_of(ld, res);
+    EXPECT_EQ(code, c.code);
+    EXPECT_EQ(rc, c.code);
+    if (!c.text.empty()) {
+      EXPECT_EQ(text, c.text);
+    }
+    if (!c.chase) {
+      // The reference comes back as it is, its URL readable.
+      LDAPMessage *ref = ldap_first_reference(ld, res);
+      ASSERT_NE(ref, nullptr);
+      char **urls = nullptr;
+      ASSERT_EQ(ldap_parse_reference(ld, ref, &urls, nullptr, 0), 0);
+      ASSERT_NE(urls, nullptr);
+      EXPECT_EQ(std::string(urls[0]), ReferralServers::url(servers->port_b(), ReferralServers::branch()) + "??sub");
+      fber_svecfree(urls);
+    }
+    ldap_msgfree(res);
+    EXPECT_EQ(servers->rows_in_use(ld), 0);
+    ldap_unbind(ld);
+  }
+}
+
+TEST_F(Referrals, HopLimitBoundsTheChase) {
+  // With no hops left the first referral is not followed.
+  servers->reset_rebinds();
+  LDAP *ld = servers->session(true);
+  int none = 0;
+  ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REFHOPLIMIT, &none), 0);
+  LDAPMessage *res = nullptr;
+  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
+  ASSERT_EQ(ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res), 0);
+  EXPECT_EQ(dns_of(ld, res).size(), 3u);  // A's own entries only
+  EXPECT_EQ(final_of(ld, res).second,
+            "Referral:\n" + ReferralServers::url(servers->port_b(), ReferralServers::branch()) + "??sub\n");
+  ldap_msgfree(res);
+  EXPECT_EQ(servers->rebinds(), 0);
+  ldap_unbind(ld);
+}
+
+TEST_F(Referrals, RebindProcedureIsAskedAndToldToFree) {
+  servers->reset_rebinds();
+  LDAP *ld = servers->session(true);
+  LDAPMessage *res = nullptr;
+  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
+  ASSERT_EQ(ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res), 0);
+  ldap_msgfree(res);
+  EXPECT_EQ(servers->rebinds(), 1);
+  EXPECT_EQ(servers->rebind_frees(), 1);
+  ldap_unbind(ld);
+}
+
+TEST_F(Referrals, UpdatesAreRedoneWhereTheReferralPoints) {
+  const std::string below = "cn=b1,ou=branch,ou=t1," + ReferralServers::kSuffix;
+  static char sn[] = "sn", value[] = "changed-through-A";
+  char *vals[] = {value, nullptr};
+  LDAPMod mod{LDAP_MOD_REPLACE, sn, {vals}};
+  LDAPMod *mods[] = {&mod, nullptr};
+  // Without a rebind procedure the change goes to B anonymously, and B refuses it.
+  LDAP *anonymous = servers->session(false);
+  ASSERT_EQ(ldap_simple_bind_s(anonymous, tavtest::SlapdServer::kRootDn, tavtest::SlapdServer::kRootPw), 0);
+  EXPECT_EQ(ldap_modify_s(anonymous, below.c_str(), mods), LDAP_STRONG_AUTH_REQUIRED);
+  ldap_unbind(anonymous);
+  LDAP *ld = servers->session(true);
+  ASSERT_EQ(ldap_simple_bind_s(ld, tavtest::SlapdServer::kRootDn, tavtest::SlapdServer::kRootPw), 0);
+  EXPECT_EQ(ldap_modify_s(ld, below.c_str(), mods), 0);
+  // B holds the change.
+  std::string out;
+  EXPECT_EQ(servers->b().ldap_tool("ldapsearch",
+                                   {"-LLL", "-D", tavtest::SlapdServer::kRootDn, "-w", tavtest::SlapdServer::kRootPw,
+                                    "-b", "cn=b1," + ReferralServers::branch(), "-s", "base", "sn"},
+                                   &out),
+            0);
+  EXPECT_NE(out.find("sn: changed-through-A"), std::string::npos) << out;
+
+  // Outside every suffix: A's default referral sends the add to C, which knows
+  // nothing of it either and is unwilling; with chasing off A's own referral
+  // comes back.
+  static char oc[] = "objectClass", top[] = "organization", o[] = "o", el[] = "elsewhere";
+  char *oc_v[] = {top, nullptr}, *o_v[] = {el, nullptr};
+  LDAPMod m1{0, oc, {oc_v}}, m2{0, o, {o_v}};
+  LDAPMod *attrs[] = {&m1, &m2, nullptr};
+  EXPECT_EQ(ldap_add_s(ld, "o=elsewhere", attrs), LDAP_UNWILLING_TO_PERFORM);
+  ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF), 0);
+  EXPECT_EQ(ldap_add_s(ld, "o=elsewhere", attrs), LDAP_REFERRAL);
+  EXPECT_EQ(servers->rows_in_use(ld), 0);
+  ldap_unbind(ld);
+}
+
+TEST_F(Referrals, UrlSearchRunsOnTheServerItNames) {
+  struct Case {
+    const char *name;
+    std::string url;
+    int rc;
+    size_t entries;
+  };
+  const Case cases[] = {
+      {"default server", ReferralServers::url(servers->port_a(), "ou=t1," + ReferralServers::kSuffix) + "??sub", 0, 6},
+      {"no host", "ldap:///ou=t1," + ReferralServers::kSuffix + "??one", 0, 3},
+      {"server B", ReferralServers::url(servers->port_b(), ReferralServers::branch()) + "?cn?sub?(cn=b*)", 0, 2},
+      {"not a URL", "http://x/", LDAP_PARAM_ERROR, 0},
+      {"bad scope", "ldap:///o=x??wide", LDAP_PARAM_ERROR, 0},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    LDAP *ld = servers->session(true);
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_url_search_st(ld, c.url.c_str(), 0, nullptr, &res), c.rc);
+    EXPECT_EQ(dns_of(ld, res).size(), c.entries);
+    // The answer is this session's: a message ID of the default connection.
+    if (res != nullptr) {
+      EXPECT_EQ(res->lm_conn, ld->ld_defconn);
+    }
+    ldap_msgfree(res);
+    EXPECT_EQ(servers->rows_in_use(ld), 0);
+    ldap_unbind(ld);
+  }
+}
+
+}  // namespace
