@@ -213,3 +213,27 @@ TEST_F(Referrals, UrlSearchRunsOnTheServerItNames) {
 }
 
 }  // namespace
+
+namespace {
+TEST_F(Referrals, VersionTwoFollowsTheReferralText) {
+  // slapd answers a version-2 search with partial results whose text lists
+  // the referrals ("Referral:\n" and one URL a line).
+  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
+  for (bool chase : {false, true}) {
+    SCOPED_TRACE(chase ? "chasing" : "not chasing");
+    LDAP *ld = servers->session(true);
+    int two = LDAP_VERSION2;
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &two), 0);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REFERRALS, chase ? LDAP_OPT_ON : LDAP_OPT_OFF), 0);
+    ASSERT_EQ(ldap_simple_bind_s(ld, tavtest::SlapdServer::kRootDn, tavtest::SlapdServer::kRootPw), 0);
+    LDAPMessage *res = nullptr;
+    const int rc = ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
+    auto [code, text] = final_of(ld, res);
+    EXPECT_EQ(dns_of(ld, res).size(), chase ? 6u : 3u);
+    EXPECT_EQ(rc, chase ? 0 : LDAP_PARTIAL_RESULTS);
+    EXPECT_EQ(text.rfind("Referral:\n", 0) == 0, !chase) << text;
+    ldap_msgfree(res);
+    ldap_unbind(ld);
+  }
+}
+}  // namespace

@@ -38,6 +38,7 @@ ReferralServers::ReferralServers(int branch_entries) {
   const std::string &s = kSuffix;
   SlapdOptions b;
   b.port = port_b_;
+  b.allow_v2 = true;
   b.access =
       "access to attrs=userPassword by anonymous auth by * none\n"
       "access to * by users read by * none\n";
@@ -49,6 +50,7 @@ ReferralServers::ReferralServers(int branch_entries) {
   c.extra_ldif = unit("ou=dead," + s, "dead") + person("cn=c1,ou=dead," + s, "c1");
   SlapdOptions a;
   a.port = port_a_;
+  a.allow_v2 = true;
   a.global_config = "referral " + url(port_c_, "") + "\n";
   a.extra_ldif = unit("ou=t1," + s, "t1") + person("cn=a1,ou=t1," + s, "a1") + person("cn=a2,ou=t1," + s, "a2") +
                  referral("ou=branch,ou=t1," + s, "branch", {url(port_b_, branch())}) +
