@@ -115,6 +115,9 @@ TAV_INTERNAL LDAPMessage *chase_v3_referrals(LDAP *ld, char **urls, LDAPMessage 
                                              int *error, int hops);
 TAV_INTERNAL LDAPConn *get_referral_connection(LDAP *ld, char **urls, LDAPURLDesc **lud, int *error);
 TAV_INTERNAL int send_referral_bind_request(LDAP *ld, ldap_msg_table *table);
+// send_referral_bind_request the first time a connection is used for
+// referrals; later calls find it bound and return 0.
+TAV_INTERNAL int ldap_referral_rebind_once(LDAP *ld, ldap_msg_table *table);
 TAV_INTERNAL int reencode_and_send(LDAP *ld, ldap_msg_table *table, LDAPURLDesc *lud, LDAPMessage *msg,
                                    LDAPMessage **out, int *error);
 TAV_INTERNAL BerElement *re_encode_request(LDAP *ld, BerElement *ber, int newid, LDAPURLDesc *lud);

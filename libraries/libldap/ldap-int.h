@@ -131,6 +131,9 @@ struct ldapconn {
   LDAP *lc_ld;
   void *lc_plugin;  // SASL plug-in parameter block, or null
   int lc_closed;
+  // A referral connection is re-bound once, before its first request: a bind
+  // must not share the wire with other requests.
+  int lc_rebound;  // ld_conn_mutex
 };
 
 // The session handle.  A handle is live while ld_eyecatcher holds "LDAP HDL".

@@ -537,9 +537,25 @@ int send_referral_bind_request(LDAP *ld, ldap_msg_table *table) {
   return rc;
 }
 
+int ldap_referral_rebind_once(LDAP *ld, ldap_msg_table *table) {
+  LDAPConn *conn = table->conn;
+  if (LDAP_MUTEX_LOCK(&ld->ld_conn_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return LDAP_LOCK_ERROR;
+  }
+  // Other threads chasing to the same server wait here until the bind is done.
+  int rc = 0;
+  if (!conn->lc_rebound) {
+    rc = send_referral_bind_request(ld, table);
+    if (rc == 0) conn->lc_rebound = 1;
+  }
+  LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
+  return rc;
+}
+
 int reencode_and_send(LDAP *ld, ldap_msg_table *table, LDAPURLDesc *lud, LDAPMessage *msg, LDAPMessage **, int *err) {
   LDAP_LOG(LDAP_LOG_TRACE, "reencode_and_send: entered\n");
-  int rc = send_referral_bind_request(ld, table);
+  int rc = ldap_referral_rebind_once(ld, table);
   if (rc == LDAP_SERVER_DOWN) return -2;
   if (rc != 0) {
     *err = rc;

@@ -85,7 +85,7 @@ int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
   std::unique_ptr<BerElement, void (*)(BerElement *)> first(ber, fber_free);
   const bool other = srv != def;
   if (other) {
-    rc = send_referral_bind_request(ld, t.srv_table);
+    rc = ldap_referral_rebind_once(ld, t.srv_table);
     if (rc == LDAP_SERVER_DOWN || rc == LDAP_NO_MEMORY) return t.fail(rc);
     if (rc != 0) LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search_direct: Bind failed with error = %d. Ignoring.\n", rc);
     if ((t.second = ldap_alloc_ber_with_options(ld, 0)) == nullptr || (t.srv_req = ldap_msg_new(srv)) == nullptr ||

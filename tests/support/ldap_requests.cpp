@@ -92,6 +92,8 @@ std::string ldap_response(int msgid, int type, int code) {
 
 std::string search_done(int msgid, int code) { return ldap_response(msgid, 0x65, code); }
 
+std::string search_reference(int msgid, const std::string &url) { return message(msgid, tlv(0x73, tlv(0x04, url))); }
+
 std::string entry_dn(LDAPMessage *entry) {
   if (entry == nullptr || entry->lm_ber == nullptr) return "";
   // Read from a copy of the position so the entry stays readable.

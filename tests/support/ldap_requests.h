@@ -21,6 +21,7 @@ int send_raw_op(LDAP *ld, int type, const std::string &op_bytes, std::string *en
 // Encoded responses for scripted servers.
 std::string search_entry(int msgid, const std::string &dn);
 std::string search_done(int msgid, int code = 0);
+std::string search_reference(int msgid, const std::string &url);
 std::string ldap_response(int msgid, int type, int code = 0);
 
 // The DN of a SearchResultEntry as received, or "" when it does not parse.
