@@ -372,8 +372,8 @@ int ldap_get_option_direct(LDAP *ld, int option, void *out) {
       tav_handle conn = ssl_session(ld);
       char *value = nullptr;
       if (conn != nullptr)
-        value = getSSLCertAltName(conn, option == LDAP_OPT_SSL_CERT_ALTNAME ? TAV_CERT_SUBJECT_ALT_NAMES
-                                                                           : TAV_CERT_COMMON_NAME);
+        value = getSSLCertAltName(
+            conn, option == LDAP_OPT_SSL_CERT_ALTNAME ? TAV_CERT_SUBJECT_ALT_NAMES : TAV_CERT_COMMON_NAME);
       *static_cast<char **>(out) = value;
       if (value == nullptr) rc = LDAP_PARAM_ERROR;
       break;
