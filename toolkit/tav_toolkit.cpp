@@ -242,8 +242,9 @@ int verify_code(long result) {
     case X509_V_ERR_ERROR_IN_CERT_NOT_AFTER_FIELD:
       return TAV_ERROR_BAD_DATE;
     case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
-    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
       return TAV_ERROR_SELF_SIGNED;
+    // The chain ends at a root that is not among the trust anchors.
+    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
     case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
     case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
     case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
@@ -260,9 +261,10 @@ int handshake_failure(Conn *c, int ssl_error) {
   unsigned long e = ERR_peek_error();
   ERR_clear_error();
   if (verify != X509_V_OK) return verify_code(verify);
-  if (c->io_errno != 0) return TAV_ERROR_IO;
-  if (c->eof) return TAV_ERROR_SOCKET_CLOSED;
-  if (ssl_error == SSL_ERROR_SYSCALL) return TAV_ERROR_IO;
+  if (e == 0 || ERR_GET_LIB(e) != ERR_LIB_SSL) {
+    if (c->io_errno != 0 || ssl_error == SSL_ERROR_SYSCALL) return c->eof ? TAV_ERROR_SOCKET_CLOSED : TAV_ERROR_IO;
+    return c->eof ? TAV_ERROR_SOCKET_CLOSED : TAV_ERROR_BAD_MESSAGE;
+  }
   switch (ERR_GET_REASON(e)) {
     case SSL_R_SSLV3_ALERT_HANDSHAKE_FAILURE:
     case SSL_R_NO_CIPHERS_AVAILABLE:
