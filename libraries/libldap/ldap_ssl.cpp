@@ -3,9 +3,12 @@
 // the toolkit reads and writes through, closing, and the connection queries.
 #include <errno.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <setjmp.h>
 #include <signal.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -624,7 +627,8 @@ int ssl_read(int fd, void *buffer, int length, char *user) {
 }
 
 int ssl_write(int fd, const void *buffer, int length, char *user) {
-  if (!handshake_mode(user)) return (int)write(fd, buffer, (size_t)(length > 0 ? length : 0));
+  // send without SIGPIPE: the toolkit's close alert may go to a server that has already gone.
+  if (!handshake_mode(user)) return (int)send(fd, buffer, (size_t)(length > 0 ? length : 0), MSG_NOSIGNAL);
   LDAP_LOG(LDAP_LOG_NET, "ssl_write: SSL handshake num_bytes=%d\n", length);
   struct timeval budget = {LDAP_SSL_HANDSHAKE_BUDGET_SEC, LDAP_SSL_HANDSHAKE_BUDGET_USEC};
   struct timeval last;
@@ -632,7 +636,7 @@ int ssl_write(int fd, const void *buffer, int length, char *user) {
   const char *at = static_cast<const char *>(buffer);
   int done = 0;
   while (done < length) {
-    ssize_t n = write(fd, at + done, (size_t)(length - done));
+    ssize_t n = send(fd, at + done, (size_t)(length - done), MSG_NOSIGNAL);
     if (n >= 0) {
       done += (int)n;
       continue;
@@ -749,6 +753,10 @@ int open_ssl_connection(LDAP *ld, Sockbuf *sb) {
     sb->sb_ssl = nullptr;
     return rc;
   };
+  // The handshake's last flight and the first request are separate writes:
+  // with Nagle on, the request waits for the server's delayed ACK.
+  int one = 1;
+  setsockopt(sb->sb_sd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   TavEnvRef *ref = static_cast<TavEnvRef *>(ld->ld_ssl_env);
   int t = tav_fn.secure_soc_open(ref != nullptr ? ref->env : nullptr, cell);
   if (t != 0) {
