@@ -166,6 +166,19 @@ TEST_F(SslSlapd, ClientCertificateChosenByLabelIsTheSaslExternalIdentity) {
   EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
+TEST_F(SslSlapd, DeprecatedStartMakesAPlainSessionSecure) {
+  LDAP *ld = ldap_init("127.0.0.1", slapd->tls_port());
+  ASSERT_EQ(ldap_ssl_start(ld, keys->good().c_str(), kKdbPassword, "tls-client"), 0);
+  ASSERT_EQ(ldap_ssl_start(ld, keys->good().c_str(), kKdbPassword, nullptr), 0) << "again: SSL already set up";
+  EXPECT_EQ(ldap_ssl_current_env()->count, 1u) << "one reference per session";
+  EXPECT_EQ(count_entries(ld, LDAP_SCOPE_ONELEVEL), 2);
+  int rc = -1;
+  EXPECT_EQ(string_option(ld, LDAP_OPT_SSL_CLIENT_LABEL, &rc), "tls-client");
+  EXPECT_EQ(ldap_unbind(ld), 0);
+  EXPECT_EQ(ldap_ssl_current_env()->count, 0u);
+  EXPECT_EQ(ldap_ssl_start(nullptr, nullptr, nullptr, nullptr), LDAP_PARAM_ERROR);
+}
+
 // Set-up failures: the result and the toolkit's own code.
 TEST_F(SslSlapd, EnvironmentFailuresGiveTheirCodes) {
   struct Case {
