@@ -149,9 +149,9 @@ tav_handle ssl_session(LDAP *ld) {
   return lc != nullptr && lc->lc_sb.sb_ssl != nullptr ? *static_cast<tav_handle *>(lc->lc_sb.sb_ssl) : nullptr;
 }
 
-// A copy of a value read from the SSL session; 89 without session or value.
+// A copy of a value read from the SSL session; 89 without session or value,
+// and then the output is left untouched.
 int copy_ssl_value(tav_handle conn, const char *value, void *out) {
-  *static_cast<char **>(out) = nullptr;
   if (conn == nullptr || value == nullptr) return LDAP_PARAM_ERROR;
   return copy_string_out(value, out);
 }
@@ -374,8 +374,10 @@ int ldap_get_option_direct(LDAP *ld, int option, void *out) {
       if (conn != nullptr)
         value = getSSLCertAltName(
             conn, option == LDAP_OPT_SSL_CERT_ALTNAME ? TAV_CERT_SUBJECT_ALT_NAMES : TAV_CERT_COMMON_NAME);
-      *static_cast<char **>(out) = value;
-      if (value == nullptr) rc = LDAP_PARAM_ERROR;
+      if (value == nullptr)
+        rc = LDAP_PARAM_ERROR;
+      else
+        *static_cast<char **>(out) = value;
       break;
     }
     case LDAP_OPT_SSL_CURRENT_CIPHER: {
