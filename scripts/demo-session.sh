@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs inside with_slapd, which exports TAVLDAP_TEST_URL, TAVLDAP_TEST_HOST,
 # TAVLDAP_TEST_PORT, TAVLDAP_TEST_BINDDN, TAVLDAP_TEST_BINDPW and
-# TAVLDAP_TEST_BASE for the private server it started (with sample data).
+# TAVLDAP_TEST_BASE for the private server it started (with sample data), and
+# with --tls TAVLDAP_TEST_LDAPS_PORT and TAVLDAP_TEST_TLS_DIR (its certificates).
 # A short scripted session with tavldap: add, search, modify, rename, search
 # again, delete; each step shows its command and its exit status.
 set -euo pipefail
@@ -86,3 +87,26 @@ run add "${conn[@]}" <<EOF
 dn: cn=Broken,$people
 changetype: rename
 EOF
+
+if [ -n "${TAVLDAP_TEST_LDAPS_PORT:-}" ]; then
+  # tavldap cannot do this part: the exported interface has no SSL entry point.
+  step "ldaps: a key database made with tavkeydb, a session through the library's SSL entry points"
+  tls="$TAVLDAP_TEST_TLS_DIR"
+  keys=$(mktemp -d)
+  trap 'rm -rf "$keys"' EXIT
+  keydb="$root/build/bin/tavkeydb"
+  kdb="$keys/client.kdb"
+  echo "\$ tavkeydb create client.kdb -pw *** -stash"
+  "$keydb" create "$kdb" -pw "demo-$RANDOM-$RANDOM" -stash
+  echo "\$ tavkeydb add-ca client.kdb -stashed -label ca -cert ca.pem"
+  "$keydb" add-ca "$kdb" -stashed -label ca -cert "$tls/ca.pem"
+  echo "\$ tavkeydb import client.kdb -stashed -label demo -cert client.pem -key client.key"
+  "$keydb" import "$kdb" -stashed -label demo -cert "$tls/client.pem" -key "$tls/client.key"
+  echo "\$ tavkeydb list client.kdb -stashed"
+  "$keydb" list "$kdb" -stashed
+  echo "\$ ldaps_demo 127.0.0.1 $TAVLDAP_TEST_LDAPS_PORT client.kdb demo $people"
+  rc=0
+  TAVLIB_LOCAL_INSTALL_MODE=1 "$root/build/bin/ldaps_demo" 127.0.0.1 "$TAVLDAP_TEST_LDAPS_PORT" "$kdb" demo \
+    "$people" || rc=$?
+  echo "(exit status $rc)"
+fi

@@ -7,6 +7,7 @@ packages=(
   cmake ninja-build g++ clang libclang-rt-14-dev binutils
   libgtest-dev libgmock-dev libbenchmark-dev
   slapd ldap-utils libldap-dev
+  libssl-dev openssl
 )
 
 missing=()

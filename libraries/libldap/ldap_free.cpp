@@ -7,6 +7,7 @@
 #include "ldap-debug.h"
 #include "ldap-engine.h"
 #include "ldap-int.h"
+#include "ldap-ssl.h"
 
 namespace {
 
@@ -30,13 +31,16 @@ void ldap_ber_free(BerElement *ber) {
   if (ber != nullptr) free(ber);
 }
 
-// One connection record with its socket, table and locks.  The plug-in
-// parameter block and the SSL session are released here once they exist.
+// One connection record with its socket, SSL session, table and locks.  The
+// plug-in parameter block is released here once it exists.
 void ldap_lc_free(LDAPConn *lc) {
   if (lc == nullptr) return;
   free(lc->lc_host);
   free(lc->lc_peer_name);
-  if (conn_connected(lc) == 1) close_connection(&lc->lc_sb);
+  if (conn_connected(lc) == 1) {
+    ssl_close_direct(&lc->lc_sb);
+    close_connection(&lc->lc_sb);
+  }
   ldap_msg_table_free(lc->lc_msgtable);
   ldap_controls_free(lc->lc_bind_ctrls);
   pthread_mutex_destroy(&lc->lc_read_mutex);
@@ -62,6 +66,9 @@ void ldap_ld_free(LDAP *ld) {
   }
   ldap_controls_free(ld->ld_sctrls);
   ldap_controls_free(ld->ld_cctrls);
+  // The last session of a replaced environment closes it.
+  deleteTavEnvRef(static_cast<TavEnvRef *>(ld->ld_ssl_env));
+  ld->ld_ssl_env = nullptr;
   free(ld->ld_ssl_cipher);
   free(ld->ld_ssl_cert_label);
   free(ld->ld_defhost);

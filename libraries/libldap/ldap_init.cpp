@@ -13,6 +13,7 @@
 #include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
+#include "ldap-ssl.h"
 #include "ldap-utils.h"
 
 namespace {
@@ -342,18 +343,20 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
     rc = open_connection(&lc->lc_sb, host, htons((uint16_t)port));
     if (rc != 0) continue;
     if (ld->ld_ssl == 1) {
-      // Secure connections are not available yet: the entry cannot be used.
       LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: SSL In use!\n");
-      rc = LDAP_SSL_NOT_AVAILABLE;
-      LDAP_LOG(LDAP_LOG_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n", rc);
-      close_connection(&lc->lc_sb);
-      clear_conn_connected(lc);
-      continue;
+      rc = open_ssl_connection(ld, &lc->lc_sb);
+      if (rc != 0) {
+        LDAP_LOG(LDAP_LOG_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n", rc);
+        close_connection(&lc->lc_sb);
+        clear_conn_connected(lc);
+        continue;
+      }
     }
     if (set_socket_nb(&lc->lc_sb) == 0) {
       set_conn_connected(lc);
       return 0;
     }
+    ssl_close_direct(&lc->lc_sb);
     rc = LDAP_SERVER_DOWN;
     close_connection(&lc->lc_sb);
     clear_conn_connected(lc);

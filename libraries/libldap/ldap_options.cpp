@@ -9,6 +9,7 @@
 #include "ldap-debug.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
+#include "ldap-ssl.h"
 #include "ldap-utils.h"
 
 namespace {
@@ -79,11 +80,13 @@ bool has_critical(LDAPControl **ctrls) {
 }
 
 int set_cipher(LDAP *ld, const char *cipher) {
-  if (cipher == nullptr) {
-    // Re-checking needs a specification; there is no built-in default one.  The
-    // toolkit's list of valid codes is not available, so every one passes.
-    return ld->ld_ssl_cipher != nullptr ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+  // Re-checking needs a specification; there is no built-in default one.
+  if (cipher == nullptr && ld->ld_ssl_cipher == nullptr) return LDAP_NO_MEMORY;
+  if (checkCiphers(cipher != nullptr ? cipher : ld->ld_ssl_cipher) != 0) {
+    ldap_set_ext_errno(ld, TAV_ERROR_BAD_V3_CIPHER);
+    return LDAP_SSL_PARAM_ERROR;
   }
+  if (cipher == nullptr) return LDAP_SUCCESS;
   char *copy = olx_strdup(cipher);
   if (copy == nullptr) return LDAP_NO_MEMORY;
   free(ld->ld_ssl_cipher);
@@ -138,6 +141,19 @@ LDAPConn *current_connection(LDAP *ld) { return ld->ld_defconn != nullptr ? get_
 bool has_ssl_session(LDAP *ld) {
   LDAPConn *lc = current_connection(ld);
   return lc != nullptr && lc->lc_sb.sb_ssl != nullptr;
+}
+
+// The toolkit connection of the calling thread's connection, or null.
+tav_handle ssl_session(LDAP *ld) {
+  LDAPConn *lc = current_connection(ld);
+  return lc != nullptr && lc->lc_sb.sb_ssl != nullptr ? *static_cast<tav_handle *>(lc->lc_sb.sb_ssl) : nullptr;
+}
+
+// A copy of a value read from the SSL session; 89 without session or value,
+// and then the output is left untouched.
+int copy_ssl_value(tav_handle conn, const char *value, void *out) {
+  if (conn == nullptr || value == nullptr) return LDAP_PARAM_ERROR;
+  return copy_string_out(value, out);
 }
 
 // Brackets a caller-supplied handle; the default handle is never unbound.
@@ -352,12 +368,33 @@ int ldap_get_option_direct(LDAP *ld, int option, void *out) {
       *iout = ld->ld_xlate;
       break;
     case LDAP_OPT_SSL_CERT_ALTNAME:
-    case LDAP_OPT_SSL_CERT_ALTNAME2:
-    case LDAP_OPT_SSL_CURRENT_CIPHER:
-    case LDAP_OPT_SSL_KEYDB:
-    case LDAP_OPT_SSL_CLIENT_LABEL:
-      // These read the security toolkit's session or environment, which no
-      // session has until SSL can be started.
+    case LDAP_OPT_SSL_CERT_ALTNAME2: {
+      tav_handle conn = ssl_session(ld);
+      char *value = nullptr;
+      if (conn != nullptr)
+        value = getSSLCertAltName(
+            conn, option == LDAP_OPT_SSL_CERT_ALTNAME ? TAV_CERT_SUBJECT_ALT_NAMES : TAV_CERT_COMMON_NAME);
+      if (value == nullptr)
+        rc = LDAP_PARAM_ERROR;
+      else
+        *static_cast<char **>(out) = value;
+      break;
+    }
+    case LDAP_OPT_SSL_CURRENT_CIPHER: {
+      tav_handle conn = ssl_session(ld);
+      rc = copy_ssl_value(conn, conn ? getSSLCipher(conn) : nullptr, out);
+      break;
+    }
+    case LDAP_OPT_SSL_KEYDB: {
+      tav_handle conn = ssl_session(ld);
+      rc = copy_ssl_value(conn, conn ? getSSLKeydatabase(conn) : nullptr, out);
+      break;
+    }
+    case LDAP_OPT_SSL_CLIENT_LABEL: {
+      tav_handle conn = ssl_session(ld);
+      rc = copy_ssl_value(conn, conn ? getSSLClientLabel(conn) : nullptr, out);
+      break;
+    }
     default:
       rc = LDAP_PARAM_ERROR;
       break;

@@ -1,7 +1,8 @@
-// with_slapd [--ipv6] -- COMMAND [ARGS...]
+// with_slapd [--ipv6] [--tls] -- COMMAND [ARGS...]
 // Starts a private slapd with the sample data, runs the command with the
 // server's address in the environment, then stops the server and removes its
-// files.  Exits with the command's status.
+// files.  Exits with the command's status.  With --tls the server also listens
+// for ldaps, with certificates it makes (TAVLDAP_TEST_LDAPS_PORT, TAVLDAP_TEST_TLS_DIR).
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,9 +18,10 @@ int main(int argc, char **argv) {
   int i = 1;
   for (; i < argc && strcmp(argv[i], "--") != 0; ++i) {
     if (strcmp(argv[i], "--ipv6") == 0) opts.ipv6 = true;
+    if (strcmp(argv[i], "--tls") == 0) opts.tls = true;
   }
   if (i + 1 >= argc) {
-    fprintf(stderr, "usage: with_slapd [--ipv6] -- COMMAND [ARGS...]\n");
+    fprintf(stderr, "usage: with_slapd [--ipv6] [--tls] -- COMMAND [ARGS...]\n");
     return 2;
   }
   tavtest::SlapdServer slapd(opts);
@@ -35,6 +37,10 @@ int main(int argc, char **argv) {
   setenv("TAVLDAP_TEST_BINDDN", tavtest::SlapdServer::kRootDn, 1);
   setenv("TAVLDAP_TEST_BINDPW", tavtest::SlapdServer::kRootPw, 1);
   setenv("TAVLDAP_TEST_BASE", tavtest::SlapdServer::kSuffix, 1);
+  if (opts.tls) {
+    setenv("TAVLDAP_TEST_LDAPS_PORT", std::to_string(slapd.tls_port()).c_str(), 1);
+    setenv("TAVLDAP_TEST_TLS_DIR", slapd.tls_file("").c_str(), 1);
+  }
   pid_t pid = fork();
   if (pid == 0) {
     execvp(argv[i + 1], argv + i + 1);

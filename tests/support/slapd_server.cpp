@@ -81,7 +81,48 @@ std::string base_ldif(int people) {
   return l;
 }
 
+// slapd's TLS settings; SASL EXTERNAL maps the client certificate to user1.
+std::string tls_config(const std::string &tls, const std::string &ciphers) {
+  std::string c = "TLSCACertificateFile " + tls + "/ca.pem\nTLSCertificateFile " + tls +
+                  "/server.pem\nTLSCertificateKeyFile " + tls + "/server.key\nTLSVerifyClient try\n" +
+                  "authz-regexp \"^cn=tls-client,o=example$\" \"uid=user1,ou=People,dc=example,dc=com\"\n";
+  if (!ciphers.empty()) c += "TLSCipherSuite " + ciphers + "\n";
+  return c;
+}
+
 }  // namespace
+
+std::string make_test_certificates(const std::string &dir, bool server_expired) {
+  const std::string openssl = "/usr/bin/openssl";
+  auto run = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), openssl);
+    ProcessResult r = run_process(args);
+    return r.exit_code == 0 ? std::string() : "openssl " + args[1] + " failed: " + r.err;
+  };
+  const std::vector<std::string> ec = {"-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"};
+  auto ca = [&](const std::string &name, const std::string &subject) {
+    std::vector<std::string> a = {"req", "-x509"};
+    a.insert(a.end(), ec.begin(), ec.end());
+    a.insert(a.end(),
+             {"-keyout", dir + "/" + name + ".key", "-out", dir + "/" + name + ".pem", "-days", "2", "-subj", subject});
+    return run(a);
+  };
+  auto leaf = [&](const std::string &name, const std::string &subject, const std::string &days) {
+    std::vector<std::string> a = {"req", "-new"};
+    a.insert(a.end(), ec.begin(), ec.end());
+    a.insert(a.end(), {"-keyout", dir + "/" + name + ".key", "-out", dir + "/" + name + ".csr", "-subj", subject});
+    std::string e = run(a);
+    if (!e.empty()) return e;
+    return run({"x509", "-req", "-in", dir + "/" + name + ".csr", "-CA", dir + "/ca.pem", "-CAkey", dir + "/ca.key",
+                "-CAcreateserial", "-out", dir + "/" + name + ".pem", "-days", days, "-extfile", dir + "/san.cnf"});
+  };
+  write_file(dir + "/san.cnf", "subjectAltName=DNS:localhost,IP:127.0.0.1\n");
+  for (const std::string &e :
+       {ca("ca", "/CN=tav test CA"), ca("other-ca", "/CN=tav other CA"),
+        leaf("server", "/CN=localhost", server_expired ? "-1" : "2"), leaf("client", "/O=Example/CN=tls-client", "2")})
+    if (!e.empty()) return e;
+  return "";
+}
 
 int free_port(bool ipv6) {
   int fd = socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
@@ -119,6 +160,7 @@ std::string SlapdServer::user_password(int n) { return "pass" + std::to_string(n
 
 std::string SlapdServer::host_port() const { return "127.0.0.1:" + std::to_string(port_); }
 std::string SlapdServer::url() const { return "ldap://" + host_port(); }
+std::string SlapdServer::ldaps_host_port() const { return "127.0.0.1:" + std::to_string(tls_port_); }
 std::string SlapdServer::ldapi_path() const { return dir_ + "/ldapi"; }
 std::string SlapdServer::ldapi_url() const { return "ldapi://" + url_encode(ldapi_path()); }
 
@@ -143,6 +185,12 @@ bool SlapdServer::start(std::string *error) {
   for (const auto &m : options_.modules) conf += "moduleload " + m + "\n";
   conf += "pidfile " + dir_ + "/slapd.pid\nargsfile " + dir_ + "/slapd.args\n";
   if (options_.allow_v2) conf += "allow bind_v2\n";
+  if (options_.tls) {
+    if (mkdir((dir_ + "/tls").c_str(), 0700) != 0) return fail("mkdir tls failed");
+    std::string e = make_test_certificates(dir_ + "/tls", options_.tls_server_expired);
+    if (!e.empty()) return fail(e);
+    conf += tls_config(dir_ + "/tls", options_.tls_cipher_suite);
+  }
   conf += options_.global_config;
   conf += "database mdb\nmaxsize 104857600\n";
   conf += std::string("suffix \"") + kSuffix + "\"\nrootdn \"" + kRootDn + "\"\nrootpw " + kRootPw + "\n";
@@ -163,6 +211,10 @@ bool SlapdServer::start(std::string *error) {
     listeners += " ldap://[::1]:" + std::to_string(ipv6_port_) + "/";
   }
   if (options_.ldapi) listeners += " " + ldapi_url() + "/";
+  if (options_.tls) {
+    tls_port_ = free_port(false);
+    listeners += " ldaps://" + ldaps_host_port() + "/";
+  }
 
   std::string log = dir_ + "/slapd.log";
   pid_t pid = fork();
@@ -187,7 +239,8 @@ bool SlapdServer::start(std::string *error) {
       pid_ = -1;
       return fail("slapd exited during start-up:\n" + read_file(log));
     }
-    bool up = can_connect(port_, false) && (!options_.ipv6 || can_connect(ipv6_port_, true));
+    bool up = can_connect(port_, false) && (!options_.ipv6 || can_connect(ipv6_port_, true)) &&
+              (!options_.tls || can_connect(tls_port_, false));
     if (up && options_.ldapi) up = access(ldapi_path().c_str(), F_OK) == 0;
     if (up) return true;
     if (std::chrono::steady_clock::now() > deadline) return fail("slapd did not answer in time:\n" + read_file(log));

@@ -29,6 +29,13 @@ struct SlapdOptions {
   std::string extra_ldif;          // more entries, appended after the base data
   int people = 5;                  // uid=user1..userN under ou=People, password "passN"
   int port = 0;                    // listening port; 0 picks a free one
+  // An ldaps listener too, with certificates made in dir()/tls by the openssl
+  // command: ca.pem (the CA), server.pem/.key (localhost, 127.0.0.1),
+  // client.pem/.key (subject "CN=tls-client,O=Example", mapped to uid=user1
+  // for SASL EXTERNAL), other-ca.pem (a CA the server does not use).
+  bool tls = false;
+  bool tls_server_expired = false;  // the server certificate expired yesterday
+  std::string tls_cipher_suite;     // slapd's TLSCipherSuite, when set
 };
 
 class SlapdServer {
@@ -52,6 +59,9 @@ class SlapdServer {
 
   int port() const { return port_; }
   int ipv6_port() const { return ipv6_port_; }
+  int tls_port() const { return tls_port_; }
+  std::string ldaps_host_port() const;  // "127.0.0.1:TLSPORT"
+  std::string tls_file(const std::string &name) const { return dir_ + "/tls/" + name; }
   std::string host_port() const;          // "127.0.0.1:PORT"
   std::string url() const;                // "ldap://127.0.0.1:PORT"
   std::string ldapi_path() const;         // socket file path
@@ -72,8 +82,12 @@ class SlapdServer {
   std::string dir_;
   int port_ = 0;
   int ipv6_port_ = 0;
+  int tls_port_ = 0;
   pid_t pid_ = -1;
 };
+
+// Makes the certificates of SlapdOptions::tls in `dir`; "" or the failure.
+std::string make_test_certificates(const std::string &dir, bool server_expired);
 
 // A free TCP port on 127.0.0.1 (or ::1), found by binding port 0.
 int free_port(bool ipv6 = false);

@@ -1,0 +1,484 @@
+// Secure connections end to end: the toolkit loaded from the build, key
+// databases made with its tool, a private slapd with an ldaps listener, and a
+// scripted server that never answers the handshake.
+#include <gtest/gtest.h>
+#include <strings.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+
+#include "fake_server.h"
+#include "ldap-debug.h"
+#include "ldap-engine.h"
+#include "ldap-search.h"
+#include "ldap-ssl.h"
+#include "ldap-utils.h"
+#include "ldap_requests.h"
+#include "process.h"
+#include "slapd_suite.h"
+
+using tavtest::SlapdServer;
+
+namespace {
+
+constexpr const char *kKdbPassword = "kdb-pass";
+constexpr const char *kWhoAmI = "1.3.6.1.4.1.4203.1.11.3";
+
+std::string keydb_tool(const std::vector<std::string> &args) {
+  std::vector<std::string> argv = {TAV_KEYDB_TOOL};
+  argv.insert(argv.end(), args.begin(), args.end());
+  tavtest::ProcessResult r = tavtest::run_process(argv);
+  return r.exit_code == 0 ? "" : "tavkeydb " + args[0] + ": " + r.err;
+}
+
+// Key databases in a temporary directory, made from the certificates in `tls`:
+// good.kdb (the CA, the client certificate "tls-client", stashed),
+// other.kdb (only a CA the server does not use), nostash.kdb (no stash file).
+struct KeyDatabases {
+  tavtest::TempDir dir;
+  std::string error;
+  explicit KeyDatabases(const std::string &tls) {
+    const std::string pw = kKdbPassword;
+    for (const auto &args : std::vector<std::vector<std::string>>{
+             {"create", good(), "-pw", pw, "-stash"},
+             {"add-ca", good(), "-stashed", "-label", "ca", "-cert", tls + "/ca.pem"},
+             {"import", good(), "-pw", pw, "-label", "tls-client", "-cert", tls + "/client.pem", "-key",
+              tls + "/client.key"},
+             {"create", other(), "-pw", pw, "-stash"},
+             {"add-ca", other(), "-pw", pw, "-label", "ca", "-cert", tls + "/other-ca.pem"},
+             {"create", nostash(), "-pw", pw},
+         }) {
+      error = keydb_tool(args);
+      if (!error.empty()) return;
+    }
+  }
+  std::string good() const { return dir.file("good.kdb"); }
+  std::string other() const { return dir.file("other.kdb"); }
+  std::string nostash() const { return dir.file("nostash.kdb"); }
+};
+
+// Every test runs in its own process: the toolkit is found by its bare name.
+void load_from_build() {
+  setenv("TAVLIB_LOCAL_INSTALL_MODE", "1", 1);
+  unsetenv("TAVLIB_CLIENT_VERSION");
+  unsetenv("TAVLIB_SHIPPED_KCL");
+}
+
+struct Trace {
+  Trace() {
+    ldap_set_debug_level(0xffff);
+    testing::internal::CaptureStderr();
+  }
+  std::string stop() {
+    std::string t = testing::internal::GetCapturedStderr();
+    ldap_set_debug_level(0);
+    return t;
+  }
+};
+
+int count_entries(LDAP *ld, int scope) {
+  LDAPMessage *res = nullptr;
+  int rc = ldap_search_s(ld, SlapdServer::kSuffix, scope, "(objectClass=*)", nullptr, 0, &res);
+  int n = rc == 0 ? ldap_count_entries(ld, res) : -1;
+  ldap_msgfree(res);
+  return n;
+}
+
+std::string who_am_i(LDAP *ld) {
+  std::string op = std::string("\x77") + static_cast<char>(2 + strlen(kWhoAmI)) + '\x80' +
+                   static_cast<char>(strlen(kWhoAmI)) + kWhoAmI;
+  int id = tavtest::send_raw_op(ld, 0x77, op);
+  LDAPMessage *res = nullptr;
+  if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x78) return "?";
+  struct berval *authzid = nullptr;
+  if (ldap_parse_extended_result(ld, res, nullptr, &authzid, 1) != 0 || authzid == nullptr) return "?";
+  std::string who(authzid->bv_val, authzid->bv_len);
+  fber_bvfree(authzid);
+  return who;
+}
+
+std::string string_option(LDAP *ld, int option, int *rc) {
+  char *v = nullptr;
+  *rc = ldap_get_option(ld, option, &v);
+  std::string s = v != nullptr ? v : "(null)";
+  free(v);
+  return s;
+}
+
+class SslSlapd : public tavtest::SlapdSuite<SslSlapd> {
+ public:
+  static tavtest::SlapdOptions options() {
+    tavtest::SlapdOptions o;
+    o.tls = true;
+    return o;
+  }
+
+ protected:
+  void SetUp() override {
+    ASSERT_NE(slapd, nullptr);
+    load_from_build();
+    keys = std::make_unique<KeyDatabases>(slapd->dir() + "/tls");
+    ASSERT_EQ(keys->error, "");
+  }
+  LDAP *secure_session(const char *label = nullptr) { return ldap_ssl_init("127.0.0.1", slapd->tls_port(), label); }
+  std::unique_ptr<KeyDatabases> keys;
+};
+
+TEST_F(SslSlapd, SearchOverLdapsWithTheSessionsSslPropertiesReadFromTheConnection) {
+  int code = -1;
+  EXPECT_EQ(ldap_ssl_init("127.0.0.1", slapd->tls_port(), nullptr), nullptr) << "no session before SSL is set up";
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, &code), 0);
+  EXPECT_EQ(code, 0);
+  EXPECT_EQ(ldap_ssl_client_init(keys->other().c_str(), kKdbPassword, 0, &code), LDAP_SSL_ALREADY_INITIALIZED);
+  EXPECT_EQ(code, 0);
+  LDAP *ld = secure_session();
+  ASSERT_NE(ld, nullptr);
+  ASSERT_EQ(ldap_simple_bind_s(ld, SlapdServer::user_dn(1).c_str(), SlapdServer::user_password(1).c_str()), 0);
+  EXPECT_EQ(count_entries(ld, LDAP_SCOPE_SUBTREE), 3 + 5);
+
+  int on = -1, off = -1, active = -1, rc = -1;
+  EXPECT_EQ(ldap_get_option(ld, LDAP_OPT_SSL, &on), 0);
+  EXPECT_EQ(ldap_get_option(ld, LDAP_OPT_NOSSL, &off), 0);
+  EXPECT_EQ(ldap_get_option(ld, LDAP_OPT_SSL_ACTIVE, &active), 0);
+  EXPECT_EQ(on, 1);
+  EXPECT_EQ(off, 0);
+  EXPECT_EQ(active, 1);
+  EXPECT_EQ(string_option(ld, LDAP_OPT_SSL_CURRENT_CIPHER, &rc), "T2");  // TLS 1.3, AES-256-GCM
+  EXPECT_EQ(rc, 0);
+  EXPECT_EQ(string_option(ld, LDAP_OPT_SSL_KEYDB, &rc), keys->good());
+  EXPECT_EQ(string_option(ld, LDAP_OPT_SSL_CERT_ALTNAME, &rc), "localhost,127.0.0.1");
+  EXPECT_EQ(string_option(ld, LDAP_OPT_SSL_CERT_ALTNAME2, &rc), "localhost");
+  EXPECT_EQ(string_option(ld, LDAP_OPT_SSL_CLIENT_LABEL, &rc), "(null)");
+  EXPECT_EQ(rc, LDAP_PARAM_ERROR) << "no client certificate was chosen";
+  EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST_F(SslSlapd, ClientCertificateChosenByLabelIsTheSaslExternalIdentity) {
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), nullptr, 0, nullptr), 0) << "password from the stash file";
+  LDAP *ld = secure_session("tls-client");
+  ASSERT_NE(ld, nullptr);
+  struct berval empty = {0, const_cast<char *>("")};
+  ASSERT_EQ(ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", &empty, nullptr, nullptr, nullptr), 0);
+  int rc = -1;
+  EXPECT_EQ(string_option(ld, LDAP_OPT_SSL_CLIENT_LABEL, &rc), "tls-client");
+  EXPECT_EQ(strcasecmp(who_am_i(ld).c_str(), "dn:uid=user1,ou=People,dc=example,dc=com"), 0) << who_am_i(ld);
+  EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST_F(SslSlapd, DeprecatedStartMakesAPlainSessionSecure) {
+  LDAP *ld = ldap_init("127.0.0.1", slapd->tls_port());
+  ASSERT_EQ(ldap_ssl_start(ld, keys->good().c_str(), kKdbPassword, "tls-client"), 0);
+  ASSERT_EQ(ldap_ssl_start(ld, keys->good().c_str(), kKdbPassword, nullptr), 0) << "again: SSL already set up";
+  EXPECT_EQ(ldap_ssl_current_env()->count, 1u) << "one reference per session";
+  EXPECT_EQ(count_entries(ld, LDAP_SCOPE_ONELEVEL), 2);
+  int rc = -1;
+  EXPECT_EQ(string_option(ld, LDAP_OPT_SSL_CLIENT_LABEL, &rc), "tls-client");
+  EXPECT_EQ(ldap_unbind(ld), 0);
+  EXPECT_EQ(ldap_ssl_current_env()->count, 0u);
+  EXPECT_EQ(ldap_ssl_start(nullptr, nullptr, nullptr, nullptr), LDAP_PARAM_ERROR);
+}
+
+// Set-up failures: the result and the toolkit's own code.
+TEST_F(SslSlapd, EnvironmentFailuresGiveTheirCodes) {
+  struct Case {
+    const char *what;
+    std::string kdb;
+    const char *pw;
+    int rc, code;
+  } cases[] = {
+      {"wrong password", keys->good(), "wrong", LDAP_SSL_INITIALIZE_FAILED, 106},
+      {"no key database given, none installed", "", kKdbPassword, LDAP_SSL_KEYRING_NOT_FOUND, 202},
+      {"named key database missing", keys->dir.file("missing.kdb"), kKdbPassword, LDAP_SSL_PARAM_ERROR, 202},
+      {"no password and no stash file", keys->nostash(), nullptr, LDAP_SSL_KEYRING_NOT_FOUND, 201},
+  };
+  for (const Case &c : cases) {
+    int code = -1;
+    EXPECT_EQ(ldap_ssl_environment_init(c.kdb.empty() ? nullptr : c.kdb.c_str(), c.pw, 0, &code), c.rc) << c.what;
+    EXPECT_EQ(ldap_ssl_environment_init(c.kdb.empty() ? nullptr : c.kdb.c_str(), c.pw, 0, &code), c.rc) << c.what;
+    if (c.rc == LDAP_SSL_INITIALIZE_FAILED) {
+      EXPECT_EQ(code, c.code) << c.what;
+    }
+    EXPECT_EQ(ldap_ssl_current_env(), nullptr) << c.what << ": a failed environment is not kept";
+    EXPECT_EQ(ldap_ssl_init_count(), 0) << c.what;
+  }
+  Trace trace;
+  int code = -1;
+  ldap_ssl_environment_init(keys->nostash().c_str(), nullptr, 0, &code);
+  EXPECT_NE(trace.stop().find("set stash file name=[" + keys->dir.file("nostash.sth") + "]"), std::string::npos);
+}
+
+// Connection failures: the handshake or the toolkit refuses; the session
+// records 116 where the handshake failed.
+TEST_F(SslSlapd, ConnectionFailuresGiveTheirCodes) {
+  struct Case {
+    const char *what;
+    bool other_ca;
+    const char *label;
+    const char *cipher;
+    int rc;
+    const char *trace;
+  } cases[] = {
+      {"server certificate from an unknown CA", true, nullptr, nullptr, LDAP_SSL_HANDSHAKE_FAILED,
+       "rc=8 Error validating certificate"},
+      {"label not in the key database", false, "nobody", nullptr, 6, "(...certlabel...) rc=6."},
+      {"label of a trust anchor", false, "ca", nullptr, 407, "(...certlabel...) rc=407."},
+      // RSA key exchange only, and the server's key is an EC key: slapd ends
+      // the handshake (its alert may be lost to the connection reset).
+      {"cipher the server does not accept", false, nullptr, "2F", LDAP_SSL_HANDSHAKE_FAILED,
+       "tav_secure_soc_init() rc=4"},
+      {"cipher code the toolkit does not know", false, nullptr, "ZZ", LDAP_SSL_PARAM_ERROR, "rc=422 Bad V3 cipher"},
+  };
+  for (const Case &c : cases) {
+    int code = -1;
+    ASSERT_EQ(ldap_ssl_environment_init((c.other_ca ? keys->other() : keys->good()).c_str(), kKdbPassword, 0, &code),
+              0);
+    LDAP *ld = secure_session(c.label);
+    ASSERT_NE(ld, nullptr);
+    if (c.cipher) {
+      ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SSL_CIPHER, c.cipher), 0);
+    }
+    Trace trace;
+    EXPECT_EQ(open_default_connection(ld), c.rc) << c.what;
+    std::string t = trace.stop();
+    EXPECT_NE(t.find(c.trace), std::string::npos) << c.what << "\n" << t;
+    EXPECT_EQ(ld->ld_defconn->lc_sb.sb_ssl, nullptr) << c.what;
+    if (c.rc == LDAP_SSL_HANDSHAKE_FAILED) {
+      EXPECT_EQ(ldap_get_errno(ld), LDAP_SSL_HANDSHAKE_FAILED) << c.what;
+      EXPECT_EQ(ldap_get_ext_errno(ld), LDAP_SSL_HANDSHAKE_FAILED) << c.what;
+    }
+    // The operation that opens the connection reports the server unreachable.
+    EXPECT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), LDAP_SERVER_DOWN) << c.what;
+    EXPECT_EQ(ldap_unbind(ld), 0);
+  }
+}
+
+TEST_F(SslSlapd, EnvironmentReplacedWhileSessionsUseTheOldOne) {
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  TavEnvRef *first = ldap_ssl_current_env();
+  LDAP *old_session = secure_session();
+  ASSERT_EQ(count_entries(old_session, LDAP_SCOPE_ONELEVEL), 2);
+
+  ASSERT_EQ(ldap_ssl_environment_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  TavEnvRef *second = ldap_ssl_current_env();
+  ASSERT_NE(second, first);
+  EXPECT_EQ(first->count, 1u);
+  LDAP *new_session = secure_session();
+  EXPECT_EQ(new_session->ld_ssl_env, second);
+  EXPECT_EQ(count_entries(new_session, LDAP_SCOPE_ONELEVEL), 2);
+  EXPECT_EQ(count_entries(old_session, LDAP_SCOPE_ONELEVEL), 2) << "the old session keeps its environment";
+
+  char first_text[32];
+  snprintf(first_text, sizeof first_text, "%p", (void *)first);
+  Trace trace;
+  EXPECT_EQ(ldap_unbind(old_session), 0);
+  std::string t = trace.stop();
+  EXPECT_NE(
+      t.find(std::string("deleteTavEnvRef: Reset Tavlib environment reference count for ") + first_text + " to 0."),
+      std::string::npos)
+      << t;
+  EXPECT_NE(t.find(std::string(" and free ") + first_text), std::string::npos) << "the old environment is closed\n"
+                                                                               << t;
+
+  Trace trace2;
+  EXPECT_EQ(ldap_unbind(new_session), 0);
+  EXPECT_EQ(ldap_ssl_current_env(), second) << "the current environment stays";
+  // A third environment replaces the unused second one at once.
+  EXPECT_EQ(ldap_ssl_environment_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  t = trace2.stop();
+  EXPECT_EQ(t.find("freeTavEnvRef"), t.rfind("freeTavEnvRef")) << "only the second environment is closed\n" << t;
+  EXPECT_NE(t.find("createTavEnvRef: Delete unused Tavlib environment reference."), std::string::npos) << t;
+}
+
+// Every allocation of set-up, handshake, search and tear-down failing in
+// turn: each run ends in a documented code and (under ASan) leaks nothing.
+TEST_F(SslSlapd, EachFailingAllocationEndsInADocumentedCode) {
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  for (long n = 1;; ++n) {
+    olx_fail_alloc_at(n);
+    int init = ldap_ssl_environment_init(keys->good().c_str(), kKdbPassword, 0, nullptr);
+    int bind = -1, entries = -1;
+    LDAP *ld = secure_session("tls-client");
+    if (ld != nullptr) {
+      bind = ldap_simple_bind_s(ld, nullptr, nullptr);
+      entries = count_entries(ld, LDAP_SCOPE_ONELEVEL);
+      ldap_unbind(ld);
+    }
+    long used = olx_fail_alloc_at(0);
+    // 118: the toolkit's name could not be made (it is looked at before the loaded toolkit).
+    EXPECT_TRUE(init == 0 || init == LDAP_NO_MEMORY || init == LDAP_SSL_KEYRING_NOT_FOUND ||
+                init == LDAP_SSL_NOT_AVAILABLE)
+        << n << ": " << init;
+    EXPECT_TRUE(bind == -1 || bind == 0 || bind == LDAP_NO_MEMORY || bind == LDAP_SERVER_DOWN ||
+                bind == LDAP_LOCAL_ERROR || bind == LDAP_DECODING_ERROR)
+        << n << ": " << bind;
+    if (used < n) {
+      EXPECT_EQ(init, 0);
+      EXPECT_EQ(entries, 2) << "the run without a failure works";
+      break;
+    }
+  }
+}
+
+class SslExpiredServer : public tavtest::SlapdSuite<SslExpiredServer> {
+ public:
+  static tavtest::SlapdOptions options() {
+    tavtest::SlapdOptions o;
+    o.tls = true;
+    o.tls_server_expired = true;
+    return o;
+  }
+};
+
+TEST_F(SslExpiredServer, ExpiredServerCertificateFailsTheHandshake) {
+  ASSERT_NE(slapd, nullptr);
+  load_from_build();
+  KeyDatabases keys(slapd->dir() + "/tls");
+  ASSERT_EQ(keys.error, "");
+  ASSERT_EQ(ldap_ssl_client_init(keys.good().c_str(), kKdbPassword, 0, nullptr), 0);
+  LDAP *ld = ldap_ssl_init("127.0.0.1", slapd->tls_port(), nullptr);
+  Trace trace;
+  EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED);
+  std::string t = trace.stop();
+  EXPECT_NE(t.find("tav_secure_soc_init() rc=401 Bad date"), std::string::npos) << t;
+  EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+// Servers that are not slapd: certificates and key database made here.
+class SslPeer : public testing::Test {
+ protected:
+  void SetUp() override {
+    load_from_build();
+    ASSERT_EQ(tavtest::make_test_certificates(certs.path(), false), "");
+    keys = std::make_unique<KeyDatabases>(certs.path());
+    ASSERT_EQ(keys->error, "");
+  }
+  tavtest::TempDir certs;
+  std::unique_ptr<KeyDatabases> keys;
+};
+
+TEST_F(SslPeer, ServerThatNeverAnswersTheHandshakeFailsAfterTheBudget) {
+  tavtest::FakeServer server;
+  server.hold_until_closed(60000);
+  server.start();
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
+  Trace trace;
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED);
+  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  std::string t = trace.stop();
+  EXPECT_GE(seconds, 4.5);
+  EXPECT_LT(seconds, 20.0);
+  EXPECT_NE(t.find("Error - ssl_read: select timed out after: 4."), std::string::npos) << t;
+  EXPECT_NE(t.find("tav_secure_soc_init() rc=406 I/O error"), std::string::npos) << "the callback failed with EIO";
+  EXPECT_NE(server.received().size(), 0u) << "the client hello was sent";
+  EXPECT_EQ(ldap_unbind(ld), 0);
+  EXPECT_TRUE(server.wait_done());
+}
+
+TEST_F(SslPeer, AbortInTheToolkitDuringTheHandshakeBecomes116) {
+  setenv("TAVLIB_CLIENT_VERSION", "97", 1);
+  tavtest::FakeServer server;
+  server.hold_until_closed(60000);
+  server.start();
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
+  Trace trace;
+  EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED);
+  std::string t = trace.stop();
+  EXPECT_NE(t.find("Solaris caught the Tavlib SIGIOT, returning TAV_ERROR_BAD_CERT"), std::string::npos) << t;
+  EXPECT_NE(t.find("tav_secure_soc_init() rc=414 Bad certificate"), std::string::npos) << t;
+  EXPECT_EQ(ldap_unbind(ld), 0);
+  EXPECT_TRUE(server.wait_done());
+}
+
+TEST_F(SslPeer, SecureConnectionBeforeTheToolkitIsLoadedWritesNothing) {
+  tavtest::FakeServer server;
+  server.hold_until_closed(60000);
+  server.start();
+  LDAP *ld = ldap_init("127.0.0.1", server.port());
+  ld->ld_ssl = 1;
+  EXPECT_EQ(open_default_connection(ld), LDAP_SSL_NOT_AVAILABLE);
+  EXPECT_EQ(ldap_unbind(ld), 0);
+  EXPECT_TRUE(server.wait_done());
+  EXPECT_EQ(server.received(), "");
+}
+
+TEST_F(SslPeer, ToolkitLoadingFailuresGive118) {
+  struct Case {
+    const char *version;
+    bool local;
+    const char *kcl;
+    const char *trace;
+  } cases[] = {
+      {nullptr, true, "true", "loadTlibShared: Error Check the supported version of TAVLIB in the install guide."},
+      {nullptr, false, nullptr, "tavLibPath=/usr/lib/64/libtav7ssl_64.so"},
+      {"55", true, nullptr, "Error - loadTlibShared: Failed to load libtav55ssl_64.so"},
+      {"98", true, nullptr, "clearLoadTlib: Failed to find symbol tav_get_cert_by_label"},
+  };
+  for (const Case &c : cases) {
+    c.version ? setenv("TAVLIB_CLIENT_VERSION", c.version, 1) : unsetenv("TAVLIB_CLIENT_VERSION");
+    c.local ? setenv("TAVLIB_LOCAL_INSTALL_MODE", "1", 1) : unsetenv("TAVLIB_LOCAL_INSTALL_MODE");
+    c.kcl ? setenv("TAVLIB_SHIPPED_KCL", c.kcl, 1) : unsetenv("TAVLIB_SHIPPED_KCL");
+    Trace trace;
+    int code = -1;
+    EXPECT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, &code), LDAP_SSL_NOT_AVAILABLE) << c.trace;
+    std::string t = trace.stop();
+    EXPECT_EQ(code, LDAP_SSL_NOT_AVAILABLE);
+    EXPECT_NE(t.find(c.trace), std::string::npos) << t;
+    EXPECT_EQ(tav_library.load(), nullptr) << c.trace;
+    EXPECT_STREQ(tav_error_text(0), "Tavlib not loaded");
+  }
+  load_from_build();
+  EXPECT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0) << "a later load succeeds";
+  EXPECT_STREQ(tav_error_text(0), "Success");
+}
+
+TEST_F(SslPeer, FipsModeUnavailableIsRetriedWithoutIt) {
+  ldap_ssl_set_fips_mode_np(1);
+  int code = -1;
+  Trace trace;
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, &code), 0);
+  std::string t = trace.stop();
+  ldap_ssl_set_fips_mode_np(0);
+  EXPECT_NE(t.find("prepare_tav_init_data: setting TAV_FIPS_MODE_PROCESSING_ON"), std::string::npos);
+  int fips = 0, ssl_fips = 0;
+  tav_handle env = ldap_ssl_current_env()->env;
+  EXPECT_EQ(tav_fn.attribute_get_enum(env, TAV_FIPS_MODE_PROCESSING, &fips), 0);
+  EXPECT_EQ(tav_fn.attribute_get_enum(env, TAV_SSL_FIPS_MODE, &ssl_fips), 0);
+  EXPECT_EQ(fips, TAV_FIPS_MODE_PROCESSING_OFF);
+  EXPECT_EQ(ssl_fips, TAV_SSL_FIPS_MODE_PROCESSING_ON);
+}
+
+TEST_F(SslPeer, Pkcs11RecordsAreCheckedBeforeAnyLoading) {
+  char lib[] = "/nonexistent/libpkcs11.so", label[] = "token", pw[] = "token-pw";
+  struct Case {
+    LDAP_PKCS11_PARMS p;
+    const char *kdb;
+    int client_rc, environment_rc;
+  } cases[] = {
+      {{lib, label, pw, 1, 8}, nullptr, LDAP_SSL_PARAM_ERROR, LDAP_PARAM_ERROR},
+      {{lib, label, pw, 2, 0}, nullptr, LDAP_SSL_PARAM_ERROR, LDAP_SSL_PARAM_ERROR},
+      {{nullptr, label, pw, 1, 0}, nullptr, LDAP_SSL_PARAM_ERROR, LDAP_SSL_PARAM_ERROR},
+      {{lib, label, nullptr, 1, 0}, nullptr, LDAP_SSL_PARAM_ERROR, LDAP_SSL_PARAM_ERROR},
+      {{lib, nullptr, pw, 1, 0}, nullptr, LDAP_SSL_PARAM_ERROR, LDAP_SSL_PARAM_ERROR},
+  };
+  for (Case &c : cases) {
+    EXPECT_EQ(ldap_ssl_pkcs11_client_init(c.kdb, nullptr, 0, nullptr, &c.p), c.client_rc);
+    EXPECT_EQ(ldap_ssl_pkcs11_environment_init(c.kdb, nullptr, 0, nullptr, &c.p), c.environment_rc);
+  }
+  EXPECT_EQ(tav_library.load(), nullptr);
+  // A record that passes: the toolkit cannot load the device's driver.
+  LDAP_PKCS11_PARMS ok = {lib, label, pw, 1, 5};
+  int code = -1;
+  Trace trace;
+  EXPECT_EQ(ldap_ssl_pkcs11_client_init(keys->good().c_str(), kKdbPassword, 0, &code, &ok), LDAP_SSL_INITIALIZE_FAILED);
+  std::string t = trace.stop();
+  EXPECT_EQ(code, 429);
+  size_t rsa = t.find("Setting ENUM ID [417] to [553]"), ncipher = t.find("Setting ENUM ID [417] to [549]");
+  EXPECT_NE(rsa, std::string::npos);
+  EXPECT_LT(rsa, ncipher) << "accelerator mode 5: 553 then 549";
+}
+
+}  // namespace
