@@ -42,6 +42,7 @@ struct Library {
   void (*ber_free)(BerElement *) = nullptr;
   int (*simple_bind_s)(LDAP *, const char *, const char *) = nullptr;
   int (*search_st)(LDAP *, const char *, int, const char *, char **, int, struct timeval *, LDAPMessage **) = nullptr;
+  int (*url_search_st)(LDAP *, const char *, int, struct timeval *, LDAPMessage **) = nullptr;
   LDAPMessage *(*first_entry)(LDAP *, LDAPMessage *) = nullptr;
   LDAPMessage *(*next_entry)(LDAP *, LDAPMessage *) = nullptr;
   char *(*get_dn)(LDAP *, LDAPMessage *) = nullptr;
@@ -100,6 +101,7 @@ bool load(Library &lib) {
   resolve(lib.handle, lib.ber_free, "tav_ldap_ber_free");
   resolve(lib.handle, lib.simple_bind_s, "tav_ldap_simple_bind_s");
   resolve(lib.handle, lib.search_st, "tav_ldap_search_st");
+  resolve(lib.handle, lib.url_search_st, "tav_ldap_url_search_st");
   resolve(lib.handle, lib.first_entry, "tav_ldap_first_entry");
   resolve(lib.handle, lib.next_entry, "tav_ldap_next_entry");
   resolve(lib.handle, lib.get_dn, "tav_ldap_get_dn");
@@ -149,6 +151,7 @@ struct Options {
   int sizelimit = -1;
   int timelimit = -1;
   bool attrs_only = false;
+  bool no_chase = false;  // -C: referrals and references come back unfollowed
   bool verbose = false;
   bool keep_going = false;
   bool delete_old_rdn = false;
@@ -207,6 +210,22 @@ int report(Library &lib, const std::string &what, int rc) {
   return rc;
 }
 
+const Options *rebind_identity = nullptr;
+
+int rebind(LDAP *, char **dn, char **pw, int *method, int freeit) {
+  if (freeit) {
+    free(*dn);
+    free(*pw);
+    *dn = *pw = nullptr;
+    return LDAP_SUCCESS;
+  }
+  const Options &o = *rebind_identity;
+  *dn = o.binddn.empty() ? nullptr : strdup(o.binddn.c_str());
+  *pw = o.have_password ? strdup(o.password.c_str()) : nullptr;
+  *method = LDAP_AUTH_SIMPLE;
+  return LDAP_SUCCESS;
+}
+
 // A session to the server the options name, protocol version 3, limits set,
 // bound when a DN or password was given.  Null after saying why.
 LDAP *open_session(Library &lib, Options &o, int *rc) {
@@ -225,6 +244,7 @@ LDAP *open_session(Library &lib, Options &o, int *rc) {
   }
   int version = LDAP_VERSION3;
   *rc = lib.set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+  if (*rc == LDAP_SUCCESS && o.no_chase) *rc = lib.set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
   if (*rc == LDAP_SUCCESS && o.sizelimit >= 0) *rc = lib.set_option(ld, LDAP_OPT_SIZELIMIT, &o.sizelimit);
   if (*rc == LDAP_SUCCESS && o.timelimit >= 0) *rc = lib.set_option(ld, LDAP_OPT_TIMELIMIT, &o.timelimit);
   if (*rc != LDAP_SUCCESS) {
@@ -246,6 +266,9 @@ LDAP *open_session(Library &lib, Options &o, int *rc) {
     if (o.verbose) fprintf(stderr, "tavldap: binding as \"%s\"\n", o.binddn.c_str());
     *rc = lib.simple_bind_s(ld, o.binddn.empty() ? nullptr : o.binddn.c_str(),
                             o.have_password ? o.password.c_str() : nullptr);
+    // Servers that referrals lead to are bound to with the same identity.
+    rebind_identity = &o;
+    if (*rc == LDAP_SUCCESS) *rc = lib.set_option(ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(&rebind));
     if (*rc != LDAP_SUCCESS) {
       report(lib, "bind as \"" + o.binddn + "\"", *rc);
       lib.unbind(ld);
@@ -255,31 +278,8 @@ LDAP *open_session(Library &lib, Options &o, int *rc) {
   return ld;
 }
 
-int cmd_search(Library &lib, Options &o) {
-  if (!require({{(const void *)lib.search_st, "tav_ldap_search_st"},
-                {(const void *)lib.first_entry, "tav_ldap_first_entry"},
-                {(const void *)lib.next_entry, "tav_ldap_next_entry"},
-                {(const void *)lib.get_dn, "tav_ldap_get_dn"},
-                {(const void *)lib.first_attribute, "tav_ldap_first_attribute"},
-                {(const void *)lib.next_attribute, "tav_ldap_next_attribute"},
-                {(const void *)lib.get_values_len, "tav_ldap_get_values_len"},
-                {(const void *)lib.value_free_len, "tav_ldap_value_free_len"},
-                {(const void *)lib.msgfree, "tav_ldap_msgfree"},
-                {(const void *)lib.ber_free, "tav_ldap_ber_free"}}))
-    return LDAP_NOT_SUPPORTED;
-  const std::string filter = o.args.empty() ? "(objectClass=*)" : o.args[0];
-  std::vector<char *> attrs;
-  for (size_t i = 1; i < o.args.size(); ++i) attrs.push_back(o.args[i].data());
-  attrs.push_back(nullptr);
-  int rc;
-  LDAP *ld = open_session(lib, o, &rc);
-  if (ld == nullptr) return rc;
-  if (o.verbose) fprintf(stderr, "tavldap: searching \"%s\" for %s\n", o.base.c_str(), filter.c_str());
-  LDAPMessage *res = nullptr;
-  rc = lib.search_st(ld, o.base.c_str(), o.scope, filter.c_str(), attrs.size() > 1 ? attrs.data() : nullptr,
-                     o.attrs_only ? 1 : 0, nullptr, &res);
-  // Entries that arrived are printed even when the search ended in an error
-  // (a size limit, say).
+// The entries of a result chain as LDIF on standard output; their number.
+int print_entries(Library &lib, LDAP *ld, LDAPMessage *res, const Options &o) {
   int count = 0;
   for (LDAPMessage *e = res ? lib.first_entry(ld, res) : nullptr; e != nullptr; e = lib.next_entry(ld, e)) {
     std::string out;
@@ -302,10 +302,63 @@ int cmd_search(Library &lib, Options &o) {
     fputs(count++ ? "\n" : "", stdout);
     fputs(out.c_str(), stdout);
   }
+  return count;
+}
+
+bool require_walk(Library &lib) {
+  return require({{(const void *)lib.first_entry, "tav_ldap_first_entry"},
+                  {(const void *)lib.next_entry, "tav_ldap_next_entry"},
+                  {(const void *)lib.get_dn, "tav_ldap_get_dn"},
+                  {(const void *)lib.first_attribute, "tav_ldap_first_attribute"},
+                  {(const void *)lib.next_attribute, "tav_ldap_next_attribute"},
+                  {(const void *)lib.get_values_len, "tav_ldap_get_values_len"},
+                  {(const void *)lib.value_free_len, "tav_ldap_value_free_len"},
+                  {(const void *)lib.msgfree, "tav_ldap_msgfree"},
+                  {(const void *)lib.ber_free, "tav_ldap_ber_free"}});
+}
+
+int cmd_search(Library &lib, Options &o) {
+  if (!require({{(const void *)lib.search_st, "tav_ldap_search_st"}}) || !require_walk(lib)) return LDAP_NOT_SUPPORTED;
+  const std::string filter = o.args.empty() ? "(objectClass=*)" : o.args[0];
+  std::vector<char *> attrs;
+  for (size_t i = 1; i < o.args.size(); ++i) attrs.push_back(o.args[i].data());
+  attrs.push_back(nullptr);
+  int rc;
+  LDAP *ld = open_session(lib, o, &rc);
+  if (ld == nullptr) return rc;
+  if (o.verbose) fprintf(stderr, "tavldap: searching \"%s\" for %s\n", o.base.c_str(), filter.c_str());
+  LDAPMessage *res = nullptr;
+  rc = lib.search_st(ld, o.base.c_str(), o.scope, filter.c_str(), attrs.size() > 1 ? attrs.data() : nullptr,
+                     o.attrs_only ? 1 : 0, nullptr, &res);
+  // Entries that arrived are printed even when the search ended in an error
+  // (a size limit, say).
+  const int count = print_entries(lib, ld, res, o);
   if (res != nullptr) lib.msgfree(res);
   if (o.verbose) fprintf(stderr, "tavldap: %d entries\n", count);
   lib.unbind(ld);
   return report(lib, "search", rc);
+}
+
+// The search an LDAP URL describes; the session goes to -H/-h when given,
+// else to the URL's own server.
+int cmd_url(Library &lib, Options &o) {
+  if (!require({{(const void *)lib.url_search_st, "tav_ldap_url_search_st"}}) || !require_walk(lib))
+    return LDAP_NOT_SUPPORTED;
+  if (o.args.size() != 1) {
+    fprintf(stderr, "tavldap: url takes one LDAP URL\n");
+    return kUsage;
+  }
+  if (o.uri.empty() && o.host == "localhost" && o.port == 0) o.uri = o.args[0];
+  int rc;
+  LDAP *ld = open_session(lib, o, &rc);
+  if (ld == nullptr) return rc;
+  LDAPMessage *res = nullptr;
+  rc = lib.url_search_st(ld, o.args[0].c_str(), o.attrs_only ? 1 : 0, nullptr, &res);
+  const int count = print_entries(lib, ld, res, o);
+  if (res != nullptr) lib.msgfree(res);
+  if (o.verbose) fprintf(stderr, "tavldap: %d entries\n", count);
+  lib.unbind(ld);
+  return report(lib, "url search", rc);
 }
 
 bool read_input(const Options &o, std::string *text, std::string *name) {
@@ -451,6 +504,7 @@ void usage() {
           "  info     print where the library was loaded from and its identification\n"
           "  session [URL|HOSTS]  create a session (default: $TAVLDAP_TEST_URL) and unbind it\n"
           "  search [FILTER [ATTR...]]  search and print the entries as LDIF\n"
+          "  url 'ldap://HOST:PORT/BASE?ATTRS?SCOPE?FILTER'  run the search a URL describes (LDIF out)\n"
           "  add | modify | delete | modrdn   apply LDIF change records from -f FILE or standard input\n"
           "           (records without changetype are of the command's kind; delete also takes DNs,\n"
           "           modrdn also takes DN NEWRDN)\n"
@@ -459,6 +513,8 @@ void usage() {
           "  -h HOST -p PORT   server as host and port (default localhost:389)\n"
           "  -D DN -w PASSWORD | -W   simple bind (-W prompts for the password)\n"
           "  -b BASE -s base|one|sub -z SIZELIMIT -l TIMELIMIT -A (attribute names only)\n"
+          "  -C (do not chase referrals: they come back as they are; by default they are followed,\n"
+          "      binding to the referred server with -D/-w)\n"
           "  -f FILE (LDIF input)  -c (go on after errors)  -r (modrdn: delete the old RDN)\n"
           "  -v (verbose)  -d LEVEL (sets LDAP_DEBUG for the run)  -x (simple auth; the only kind)\n"
           "exit status: 0, or the LDAP result code of the first failure (89 for malformed LDIF)\n");
@@ -476,7 +532,7 @@ bool parse_int(const char *text, int *out) {
 int parse_options(int argc, char **argv, Options &o) {
   int opt;
   optind = 1;
-  while ((opt = getopt(argc, argv, "H:h:p:D:w:Wb:s:z:l:Avcf:rxd:")) != -1) {
+  while ((opt = getopt(argc, argv, "H:h:p:D:w:Wb:s:z:l:ACvcf:rxd:")) != -1) {
     switch (opt) {
       case 'H':
         o.uri = optarg;
@@ -524,6 +580,9 @@ int parse_options(int argc, char **argv, Options &o) {
         break;
       case 'A':
         o.attrs_only = true;
+        break;
+      case 'C':
+        o.no_chase = true;
         break;
       case 'v':
         o.verbose = true;
@@ -582,6 +641,7 @@ int main(int argc, char **argv) {
   if (command == "info") return cmd_info(lib);
   if (command == "session") return cmd_session(lib, optind + 1 < argc ? argv[optind + 1] : getenv("TAVLDAP_TEST_URL"));
   if (command == "search") return cmd_search(lib, o);
+  if (command == "url") return cmd_url(lib, o);
   if (command == "add") return cmd_update(lib, o, Change::Add);
   if (command == "modify") return cmd_update(lib, o, Change::Modify);
   if (command == "delete") return cmd_update(lib, o, Change::Delete);

@@ -11,6 +11,7 @@
 
 #include "ldap-search.h"
 #include "ldap-update.h"
+#include "ldap-utils.h"
 #include "referral_servers.h"
 
 using tavtest::ReferralServers;
@@ -236,4 +237,38 @@ TEST_F(Referrals, VersionTwoFollowsTheReferralText) {
     ldap_unbind(ld);
   }
 }
+TEST_F(Referrals, EveryFailingAllocationOfAChasedSearchEndsInADesignedCode) {
+  const std::set<int> documented = {0,
+                                    LDAP_SERVER_DOWN,
+                                    LDAP_LOCAL_ERROR,
+                                    LDAP_ENCODING_ERROR,
+                                    LDAP_DECODING_ERROR,
+                                    LDAP_FILTER_ERROR,
+                                    LDAP_NO_MEMORY};  // the filter encoder's failures are 87
+  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
+  std::set<int> codes;
+  bool chased = false;
+  for (long n = 1; n < 100000; ++n) {
+    LDAP *ld = servers->session(true);
+    ASSERT_NE(ld, nullptr);
+    LDAPMessage *res = nullptr;
+    olx_fail_alloc_at(n);
+    const int rc = ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
+    const long used = olx_fail_alloc_at(0);
+    EXPECT_TRUE(documented.count(rc)) << "allocation " << n << " gave " << rc;
+    // A chase that ran out of memory leaves A's own entries.
+    if (rc == 0) {
+      const size_t found = dns_of(ld, res).size();
+      EXPECT_TRUE(found == 3 || found == 6) << "allocation " << n << ": " << found;
+      chased |= found == 6;
+    }
+    ldap_msgfree(res);
+    ldap_unbind(ld);
+    codes.insert(rc);
+    if (used < n) break;
+  }
+  EXPECT_TRUE(chased);
+  EXPECT_TRUE(codes.count(LDAP_NO_MEMORY));
+}
+
 }  // namespace
