@@ -1,6 +1,7 @@
 #include "process.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -13,7 +14,22 @@
 #include <sstream>
 #include <stdexcept>
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#include <sanitizer/allocator_interface.h>
+#define TAV_SANITIZER_HEAP 1
+#endif
+#endif
+
 namespace tavtest {
+
+size_t heap_in_use() {
+#ifdef TAV_SANITIZER_HEAP
+  return __sanitizer_get_current_allocated_bytes();
+#else
+  return mallinfo2().uordblks;
+#endif
+}
 
 ProcessResult run_process(const std::vector<std::string> &argv,
                           const std::vector<std::pair<std::string, std::string>> &env, const std::string &input) {

@@ -74,9 +74,14 @@ std::string base_ldif(int people) {
     l += "dn: " + SlapdServer::user_dn(i) +
          "\n"
          "objectClass: inetOrgPerson\n"
-         "uid: user" + n + "\ncn: User " + n + "\nsn: User" + n + "\ngivenName: Test\n"
-         "mail: user" + n + "@example.com\n"
-         "userPassword: " + SlapdServer::user_password(i) + "\n\n";
+         "uid: user" +
+         n + "\ncn: User " + n + "\nsn: User" + n +
+         "\ngivenName: Test\n"
+         "mail: user" +
+         n +
+         "@example.com\n"
+         "userPassword: " +
+         SlapdServer::user_password(i) + "\n\n";
   }
   return l;
 }

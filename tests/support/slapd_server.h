@@ -14,20 +14,20 @@
 namespace tavtest {
 
 struct SlapdOptions {
-  bool ldapi = true;               // listen on <dir>/ldapi
-  bool ipv6 = false;               // also listen on ldap://[::1]:<ipv6_port>
-  bool allow_v2 = false;           // "allow bind_v2"
+  bool ldapi = true;                 // listen on <dir>/ldapi
+  bool ipv6 = false;                 // also listen on ldap://[::1]:<ipv6_port>
+  bool allow_v2 = false;             // "allow bind_v2"
   std::vector<std::string> modules;  // extra modules to load: "ppolicy", "sssvlv", ...
   std::vector<std::string> schemas;  // extra schema files from /etc/ldap/schema ("ppolicy" is built in)
-  std::string global_config;       // lines before the database section
-  std::string database_config;     // lines after the database section (overlays, limits)
+  std::string global_config;         // lines before the database section
+  std::string database_config;       // lines after the database section (overlays, limits)
   // ACLs for the database; the default lets anyone read and authenticated
   // users write their own entry.  Set to replace it.
   std::string access =
       "access to attrs=userPassword by self write by anonymous auth by * none\n"
       "access to * by self write by users read by anonymous read\n";
-  std::string extra_ldif;          // more entries, appended after the base data
-  int people = 5;                  // uid=user1..userN under ou=People, password "passN"
+  std::string extra_ldif;  // more entries, appended after the base data
+  int people = 5;          // uid=user1..userN under ou=People, password "passN"
 };
 
 class SlapdServer {
@@ -51,10 +51,10 @@ class SlapdServer {
 
   int port() const { return port_; }
   int ipv6_port() const { return ipv6_port_; }
-  std::string host_port() const;          // "127.0.0.1:PORT"
-  std::string url() const;                // "ldap://127.0.0.1:PORT"
-  std::string ldapi_path() const;         // socket file path
-  std::string ldapi_url() const;          // "ldapi://%2F..."
+  std::string host_port() const;   // "127.0.0.1:PORT"
+  std::string url() const;         // "ldap://127.0.0.1:PORT"
+  std::string ldapi_path() const;  // socket file path
+  std::string ldapi_url() const;   // "ldapi://%2F..."
   const std::string &dir() const { return dir_; }
 
   // DN and password of base entry uid=userN.
