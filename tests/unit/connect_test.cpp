@@ -26,19 +26,31 @@ namespace {
 
 constexpr const char *kUnresolvable = "no-such-host..invalid";
 
-// A TCP listener on 127.0.0.1; the kernel completes connections to it.
+// A listener on 127.0.0.1, on ::1 or on a local socket path; the kernel
+// completes connections to it.
 struct Listener {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  int port = 0;
-  Listener() {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+  int fd = -1, port = 0;
+  explicit Listener(const std::string &where = "127.0.0.1") {
+    sockaddr_storage ss{};
+    auto *in4 = reinterpret_cast<sockaddr_in *>(&ss);
+    auto *in6 = reinterpret_cast<sockaddr_in6 *>(&ss);
+    auto *un = reinterpret_cast<sockaddr_un *>(&ss);
+    socklen_t len = where[0] == '/' ? sizeof *un : where == "::1" ? sizeof *in6 : sizeof *in4;
+    if (where[0] == '/') {
+      un->sun_family = AF_UNIX;
+      snprintf(un->sun_path, sizeof un->sun_path, "%s", where.c_str());
+    } else if (where == "::1") {
+      in6->sin6_family = AF_INET6;
+      in6->sin6_addr = in6addr_loopback;
+    } else {
+      in4->sin_family = AF_INET;
+      in4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    }
+    fd = socket(ss.ss_family, SOCK_STREAM, 0);
+    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&ss), len), 0) << where;
     listen(fd, 16);
-    getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    port = ntohs(a.sin_port);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&ss), &len);
+    port = ss.ss_family == AF_INET ? ntohs(in4->sin_port) : ss.ss_family == AF_INET6 ? ntohs(in6->sin6_port) : 0;
   }
   ~Listener() { close(fd); }
 };
@@ -118,6 +130,28 @@ TEST(HostList, FailsOverInWrittenOrderSkippingBadEntries) {
     }
     EXPECT_EQ(ldap_unbind(ld), 0);
   }
+}
+
+// ldap_open connects at once, over IPv4, IPv6 or a local socket, speaking the
+// version LDAP_VERSION names: exactly "3" gives 3, anything else 2.
+TEST(HostList, OpenConnectsEveryKindOfEntryWithTheVersionFromTheEnvironment) {
+  tavtest::TempDir dir;
+  Listener v4, v6("::1"), local(dir.file("ldapi"));
+  const std::tuple<std::string, int, const char *, int> cases[] = {
+      {"127.0.0.1", v4.port, nullptr, 2}, {"127.0.0.1", v4.port, "3", 3},
+      {"127.0.0.1", v4.port, "3 ", 2},    {"127.0.0.1", v4.port, "2", 2},
+      {"::1", v6.port, "3", 3},           {"[::1]:" + std::to_string(v6.port), 0, "3", 3},
+      {dir.file("ldapi"), 0, "3", 3}};
+  for (const auto &[host, port, version, want] : cases) {
+    version ? setenv("LDAP_VERSION", version, 1) : unsetenv("LDAP_VERSION");
+    LDAP *ld = ldap_open(host.c_str(), port);
+    ASSERT_NE(ld, nullptr) << host;
+    EXPECT_EQ(ld->ld_version, want) << host << " " << (version ? version : "(unset)");
+    EXPECT_EQ(ld->ld_defconn->lc_connected, 1);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+  }
+  unsetenv("LDAP_VERSION");
+  EXPECT_EQ(ldap_open(kUnresolvable, v4.port), nullptr);
 }
 
 TEST(Resolution, NamesAndLocalSockets) {
@@ -266,7 +300,8 @@ TEST(Locking, ResolutionWaitsForTheSystemCallLockAndDefaultLookupNeedsNoLock) {
 // whole connected handle), and the connection list left as it was.
 TEST(AllocationFailures, OpenAndReferralConnectionsFreeWhatTheyMade) {
   Listener server, other;
-  setenv("TISDIR", "/opt/tav", 0);  // setting it is best effort
+  setenv("TISDIR", "/opt/tav", 0);  // setting it and reading LDAP_VERSION are best effort
+  unsetenv("LDAP_VERSION");
   int survived = 0;
   for (long n = 1;; ++n) {
     olx_fail_alloc_at(n);
