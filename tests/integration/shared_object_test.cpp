@@ -19,7 +19,6 @@
 #include "process.h"
 #include "slapd_suite.h"
 
-
 using tavtest::SharedObject;
 using tavtest::SlapdServer;
 
@@ -34,7 +33,6 @@ const std::set<std::string> kExports = {
     "tav_ldap_get_values_len", "tav_ldap_value_free_len", "tav_ldap_get_errno",       "tav_ldap_ber_free",
     "tav_ldap_msgfree",        "tav_ldap_err2string",     "tav_ldap_set_option",      "tav_ldap_unbind",
     "tavldap_loaded_from",     "tavldap_SCCSInfo",        "tavldap_Copyright"};
-
 
 }  // namespace
 
@@ -269,8 +267,7 @@ TEST_F(Exports, EveryExportForwardsToItsOperation) {
          EXPECT_GE(lines.size(), 6u);
          for (const auto &l : lines) EXPECT_TRUE(l.rfind("@(#)", 0) == 0 && l.find(": ") != std::string::npos) << l;
        }},
-      {"tavldap_Copyright", [&](void *f) { EXPECT_GT(strlen(static_cast<const char *>(f)), 0u); }},
-  };
+      {"tavldap_Copyright", [&](void *f) { EXPECT_GT(strlen(static_cast<const char *>(f)), 0u); }}};
   std::set<std::string> covered;
   for (const auto &[name, check] : rows) {
     SCOPED_TRACE(name);

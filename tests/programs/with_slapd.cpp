@@ -1,4 +1,4 @@
-// with_slapd [--ipv6] -- COMMAND [ARGS...]
+// with_slapd -- COMMAND [ARGS...]
 // Starts a private slapd with the sample data, runs the command with the
 // server's address in the environment, then stops the server and removes its
 // files.  Exits with the command's status.
@@ -13,16 +13,13 @@
 #include "slapd_server.h"
 
 int main(int argc, char **argv) {
-  tavtest::SlapdOptions opts;
   int i = 1;
-  for (; i < argc && strcmp(argv[i], "--") != 0; ++i) {
-    if (strcmp(argv[i], "--ipv6") == 0) opts.ipv6 = true;
-  }
+  while (i < argc && strcmp(argv[i], "--") != 0) ++i;
   if (i + 1 >= argc) {
-    fprintf(stderr, "usage: with_slapd [--ipv6] -- COMMAND [ARGS...]\n");
+    fprintf(stderr, "usage: with_slapd -- COMMAND [ARGS...]\n");
     return 2;
   }
-  tavtest::SlapdServer slapd(opts);
+  tavtest::SlapdServer slapd;
   std::string error;
   if (!slapd.start(&error)) {
     fprintf(stderr, "with_slapd: %s\n", error.c_str());

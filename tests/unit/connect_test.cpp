@@ -71,20 +71,18 @@ int open_list(LDAP *ld, const std::string &list) {
 }  // namespace
 
 TEST(HostEntry, SplitsHostAndPort) {
-  const std::tuple<const char *, int, const char *, int> cases[] = {
-      {"host", 0, "host", 0},
-      {"host:1389", 0, "host", 1389},
-      {"host:", 0, "host", 0},
-      {"[fe80::1]:1389", 0, "fe80::1", 1389},
-      {"fe80::1", 0, "fe80::1", 0},
-      {"[::1]", 0, "::1", 0},
-      {"::1]:7", 0, "::1", 7},
-      {"host:65535", 0, "host", 65535},
-      {"host:65536", LDAP_PARAM_ERROR, "", 0},
-      {"host:-1", LDAP_PARAM_ERROR, "", 0},
-      {"host:38x", LDAP_PARAM_ERROR, "", 0},
-      {"[::1]:x", LDAP_PARAM_ERROR, "", 0},
-  };
+  const std::tuple<const char *, int, const char *, int> cases[] = {{"host", 0, "host", 0},
+                                                                    {"host:1389", 0, "host", 1389},
+                                                                    {"host:", 0, "host", 0},
+                                                                    {"[fe80::1]:1389", 0, "fe80::1", 1389},
+                                                                    {"fe80::1", 0, "fe80::1", 0},
+                                                                    {"[::1]", 0, "::1", 0},
+                                                                    {"::1]:7", 0, "::1", 7},
+                                                                    {"host:65535", 0, "host", 65535},
+                                                                    {"host:65536", LDAP_PARAM_ERROR, "", 0},
+                                                                    {"host:-1", LDAP_PARAM_ERROR, "", 0},
+                                                                    {"host:38x", LDAP_PARAM_ERROR, "", 0},
+                                                                    {"[::1]:x", LDAP_PARAM_ERROR, "", 0}};
   for (const auto &[entry, rc, want_host, want_port] : cases) {
     char host[LDAP_HOST_ENTRY_MAX] = "";
     int port = rc ? 0 : -5;
@@ -114,7 +112,7 @@ TEST(HostList, FailsOverInWrittenOrderSkippingBadEntries) {
       {kUnresolvable, 0},
       {"", -1},
       {"   ", -1},
-      {std::string(600, 'y'), -1},  // -1: no usable entry
+      {std::string(600, 'y'), -1}  // -1: no usable entry
   };
   for (const auto &[list, port] : cases) {
     SCOPED_TRACE(list);
@@ -221,11 +219,10 @@ TEST(ConnectionSet, SpellingsOfOneServerShareAConnectionAndPortsDoNot) {
   LDAP *ld = ldap_init("127.0.0.1", server.port);
   LDAPConn *def = ld->ld_defconn;
   const std::tuple<const char *, int, int, bool> cases[] = {
-      {"127.0.0.1", server.port, 1, true},    {"127.1", server.port, 1, true},  // other spellings
-      {"2130706433", server.port, 1, true},   {"127.0.0.1", other.port, 1, false},
+      {"127.0.0.1", server.port, 1, true},   {"127.1", server.port, 1, true},  // other spellings
+      {"2130706433", server.port, 1, true},  {"127.0.0.1", other.port, 1, false},
       {"127.0.0.1", server.port, 0, false},  // the default connection left out
-      {kUnresolvable, server.port, 1, false},
-  };
+      {kUnresolvable, server.port, 1, false}};
   for (const auto &[host, port, with_default, matches] : cases) {
     int rc = -1;
     EXPECT_EQ(ldap_get_connection(ld, host, port, 0, &rc, with_default) == def, matches) << host << ":" << port;

@@ -51,7 +51,7 @@ TEST(ControlEncoding, RequestControlsAreWrittenWithCriticalityAlways) {
       {{&plain, &valued, nullptr},
        seq4(0xA0,
             seq4(0x30, str("1.2.3") + boolean(false)) + seq4(0x30, str("1.2.4") + boolean(true) + str("\x01\x00"s)))},
-      {{nullptr}, ""},  // an empty list writes nothing
+      {{nullptr}, ""}  // an empty list writes nothing
   };
   for (auto [list, want] : cases) {
     Ber ber(fber_alloc());
@@ -194,8 +194,7 @@ TEST_F(Controls, ConstructorsWriteExactBytes) {
       {[&](LDAPControl **c) { return ldap_create_vlv_control(ld, &by_offset, c); }, LDAP_CONTROL_VLVREQUEST, 1,
        seq4(0x30, integer(1) + integer(2) + seq4(0xA0, integer(5) + integer(100)) + str("c1"))},
       {[&](LDAPControl **c) { return ldap_create_vlv_control(ld, &by_value, c); }, LDAP_CONTROL_VLVREQUEST, 1,
-       seq4(0x30, integer(0) + integer(3) + tlv(0x81, "m"))},
-  };
+       seq4(0x30, integer(0) + integer(3) + tlv(0x81, "m"))}};
   for (const auto &[make, oid, critical, value] : cases) {
     SCOPED_TRACE(oid);
     LDAPControl *c = nullptr;
@@ -231,8 +230,7 @@ TEST(ExtendedValues, RequestValuesWriteExactBytesAndThePolicyResponseReads) {
       {[&](struct berval **v) { return ldap_create_group_eval_request("cn=u", groups, v); },
        seq4(0x30, str("cn=u") + seq4(0x30, str("cn=g")))},
       {[](struct berval **v) { return ldap_create_group_eval_request("cn=u", nullptr, v); }, seq4(0x30, str("cn=u"))},
-      {[](struct berval **v) { return ldap_create_effective_pwdpolicy_request("cn=u", v); }, seq4(0x30, str("cn=u"))},
-  };
+      {[](struct berval **v) { return ldap_create_effective_pwdpolicy_request("cn=u", v); }, seq4(0x30, str("cn=u"))}};
   for (const auto &[make, want] : cases) {
     ASSERT_EQ(make(&v), 0) << hex(want);
     EXPECT_EQ(hex(bytes(*v)), hex(want));

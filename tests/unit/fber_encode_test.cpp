@@ -64,7 +64,7 @@ TEST(FberEncode, EveryLetterWritesItsFixedShape) {
        "30 84 00 00 00 16 02 01 01 60 84 00 00 00 0D 02 01 03 04 04 63 6E 3D 61 80 02 70 77"},
       {[](BerElement *b) { return fber_printf(b, "{its", 5, tag(0x4A), "o=x") | fber_printf(b, "}"); },
        "30 84 00 00 00 08 02 01 05 4A 03 6F 3D 78"},
-      {[](BerElement *b) { return fber_printf(b, "{i", 7); }, "30 84 00 00 00 00 02 01 07"},  // open: zeros
+      {[](BerElement *b) { return fber_printf(b, "{i", 7); }, "30 84 00 00 00 00 02 01 07"}  // open: zeros
   };
   for (const auto &[encode, want] : cases) {
     Ber b(fber_alloc());
@@ -86,7 +86,7 @@ TEST(FberEncode, FailuresReturnMinusOneAndKeepWhatWasWritten) {
       {[](BerElement *b) { return fber_printf(b, "o", nullptr, 3); }, ""},
       {[](BerElement *b) { return fber_printf(b, "o", "abc", -1); }, ""},
       {[](BerElement *b) { return fber_printf(b, "B", "abc", -1); }, ""},
-      {[](BerElement *b) { return fber_printf(b, "V", hvec); }, ""},  // too long for four length octets
+      {[](BerElement *b) { return fber_printf(b, "V", hvec); }, ""}  // too long for four length octets
   };
   for (const auto &[encode, kept] : cases) {
     Ber b(fber_alloc());

@@ -116,7 +116,7 @@ TEST(FberMask, PasswordValuesAreBlankedInEveryLayout) {
            "c\xff",
        unhex("30 1A 02 01 02 60 15 02 01 03 04 00 A3 0E 04 06") + "DIGEST" + unhex("04 04") + "xxxx"},
       {unhex("30 05 02 01 01 42 00"), unhex("30 05 02 01 01 42 00")},  // nothing to mask
-      {"userpassword", "userpassword"},                                // the name at the very end
+      {"userpassword", "userpassword"}                                 // the name at the very end
   };
   for (const auto &[in, out] : cases) {
     std::string copy = in;

@@ -62,18 +62,16 @@ TEST(FilterEncoder, EveryFilterFormEncodesAsTheProtocolDefines) {
       {"(:2.5.13.5:=x)", ext("2.5.13.5", "", "x", false)},
       {"(cn:caseExactMatch:=A\\2a)", ext("caseExactMatch", "cn", "A\\2a", false)},
       {"(:dn:2.5.13.5:=x)", ext("2.5.13.5", "", "x", true)},
-      {"", ""},
-  };
+      {"", ""}};
   for (const auto &[filter, bytes] : cases) EXPECT_EQ(tavtest::hex(encode(filter)), tavtest::hex(bytes)) << filter;
 }
 
 TEST(FilterEncoder, MalformedFiltersAreRefused) {
-  const char *bad[] = {
-      "(cn=a\\)b)",  // "\\)" is no hex pair
-      "(a=1))",     "(a=1",      "a",        "(a)",         "(&(a=1)",    "(&(a=1)x)",      ")",
-      "(cn=\\zz)",  "(cn=\\4)",  "(cn=\\",   "(cn=x\\",     "(cn:=x)",    "(cn::r:=x)",     "(cn:dn:::=x)",
-      "((a=1)",     "(&(a=1)))", "(a=\\g0)", "(cn=a*\\q*)", "(!(a=1)(b)", "(|(a=1)((b=2))",
-  };
+  const char *bad[] = {"(cn=a\\)b)",  // "\\)" is no hex pair
+                       "(a=1))",     "(a=1",     "a",           "(a)",          "(&(a=1)",
+                       "(&(a=1)x)",  ")",        "(cn=\\zz)",   "(cn=\\4)",     "(cn=\\",
+                       "(cn=x\\",    "(cn:=x)",  "(cn::r:=x)",  "(cn:dn:::=x)", "((a=1)",
+                       "(&(a=1)))",  "(a=\\g0)", "(cn=a*\\q*)", "(!(a=1)(b)",   "(|(a=1)((b=2))"};
   for (const char *f : bad) EXPECT_EQ(encode(f), "refused") << f;
 }
 
@@ -82,10 +80,8 @@ TEST(FilterEncoder, CompressHexDecodesPairsInPlaceAndKeepsEscapedNul) {
     const char *in;
     int rc;
     const char *out;
-  } cases[] = {
-      {"plain", 0, "plain"}, {"a\\41b", 0, "aAb"},  {"\\00x", 0, "\\00x"},  {"\\2A\\2a", 0, "**"},
-      {"\\4", -1, nullptr},  {"\\xy", -1, nullptr}, {"end\\", -1, nullptr},
-  };
+  } cases[] = {{"plain", 0, "plain"}, {"a\\41b", 0, "aAb"},  {"\\00x", 0, "\\00x"}, {"\\2A\\2a", 0, "**"},
+               {"\\4", -1, nullptr},  {"\\xy", -1, nullptr}, {"end\\", -1, nullptr}};
   for (const auto &c : cases) {
     char buf[32];
     strcpy(buf, c.in);

@@ -100,8 +100,7 @@ TEST(LdifReader, MalformedInputNamesTheLine) {
        "line 4: unexpected \"cn\" in a modrdn record"},
       {"unsupported version", "version: 2\ndn: cn=a\ncn: a\n", "line 1: unsupported LDIF version \"2\""},
       {"controls", "dn: cn=a\ncontrol: 1.2.3 true\nchangetype: delete\n", "line 2: controls are not supported"},
-      {"value URL not a file", "dn: cn=a\ncn:< http://example.com/x\n", "line 2: only file:// URLs can give a value"},
-  };
+      {"value URL not a file", "dn: cn=a\ncn:< http://example.com/x\n", "line 2: only file:// URLs can give a value"}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
     Reader reader(c.text + "\ndn: cn=next\ncn: next\n");

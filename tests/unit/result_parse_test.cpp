@@ -160,11 +160,11 @@ TEST_F(Parse, EveryTruncationIsADecodingError) {
 
 TEST(PasswordPolicy, ErrorsAndWarningsFromTheResponseControl) {
   const std::tuple<std::string, int, int, int> cases[] = {
-      {tlv(0x30, tlv(0x81, "\x00"s)), 3, 0, 0},                                 // expired
-      {tlv(0x30, tlv(0x81, "\x08")), 11, 0, 0},                                 // in history
-      {tlv(0x30, tlv(0xA0, tlv(0x80, "\x0e\x10"))), 0, 1, 3600},                // time before expiration
-      {tlv(0x30, tlv(0xA0, tlv(0x81, "\x02"))), 0, 2, 2},                       // grace logins
-      {tlv(0x30, tlv(0xA0, tlv(0x81, "\x01")) + tlv(0x81, "\x00"s)), 3, 2, 1},  // warning and error
+      {tlv(0x30, tlv(0x81, "\x00"s)), 3, 0, 0},                                // expired
+      {tlv(0x30, tlv(0x81, "\x08")), 11, 0, 0},                                // in history
+      {tlv(0x30, tlv(0xA0, tlv(0x80, "\x0e\x10"))), 0, 1, 3600},               // time before expiration
+      {tlv(0x30, tlv(0xA0, tlv(0x81, "\x02"))), 0, 2, 2},                      // grace logins
+      {tlv(0x30, tlv(0xA0, tlv(0x81, "\x01")) + tlv(0x81, "\x00"s)), 3, 2, 1}  // warning and error
   };
   for (auto [value, want_err, want_warn, want_res] : cases) {
     LDAPControl ctl = {const_cast<char *>(LDAP_CONTROL_PWDPOLICY), {value.size(), value.data()}, 0};

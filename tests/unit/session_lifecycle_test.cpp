@@ -50,8 +50,7 @@ TEST(SessionInit, HostAndPortArgumentsBecomeTheDefaults) {
       {"LDAP://server:1389/o=x", 0, "server", 1389},
       {"ldap://server/o=x", 1234, "server", 389},  // the URL's default port wins
       {"<URL:ldaps://Secure.Example/>", 0, "Secure.Example", 636},
-      {"ldap://[::1]:2389", 0, "::1", 2389},
-  };
+      {"ldap://[::1]:2389", 0, "::1", 2389}};
   for (const auto &[host, port, defhost, defport] : cases) {
     SCOPED_TRACE(host ? host : "(null)");
     LDAP *ld = ldap_init(host, port);
@@ -184,8 +183,7 @@ TEST(SessionTrace, DecisionsAreTracedWithTheirTexts) {
          ldap_unbind(ld);
        },
        {"olx_getaddrinfo: host(no-such-host..invalid), port(389), res(0x", "getaddrinfo failed. \n",
-        "open_connection: entered sb(0x"}},
-  };
+        "open_connection: entered sb(0x"}}};
   for (const auto &[scenario, lines] : cases) {
     ldap_set_debug_level(0xffff);
     testing::internal::CaptureStderr();

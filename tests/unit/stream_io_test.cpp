@@ -145,8 +145,7 @@ TEST(StreamTrace, DumpsNeverShowPasswords) {
       {seq4(0x30, integer(1) + seq4(0x60, integer(3) + str("cn=admin,o=x") + tlv(0x80, pw))), false},
       {seq4(0x30, integer(2) + seq4(0x60, integer(3) + str("") + seq4(0xA3, str("PLAIN") + str(pw)))), false},
       {tlv(0x30, integer(3) + tlv(0x64, str("cn=u") + tlv(0x30, tlv(0x30, str("userPassword") + tlv(0x31, str(pw)))))),
-       true},
-  };
+       true}};
   ldap_set_debug_level(0xFFFF);
   testing::internal::CaptureStderr();
   for (const auto &[pdu, read_back] : pdus) {

@@ -94,7 +94,7 @@ TEST(UpdateRequests, ShapesOnTheWire) {
        [&](LDAP *ld) {
          return ldap_set_option(ld, LDAP_OPT_SERVER_CONTROLS, ctrls) != 0 ? -1 : ldap_delete_ext_s(ld, "cn=x", empty, nullptr);
        },
-       tlv(0x4A, "cn=x"), ""},
+       tlv(0x4A, "cn=x"), ""}
   };
   for (const auto &[name, run, op, controls] : cases) {
     SCOPED_TRACE(name);
@@ -156,8 +156,7 @@ TEST(UpdateRequests, RefusalsBeforeSendingAndFailuresAfter) {
       {[&] { return ldap_modify_s(ld, "cn=x", bad); }, LDAP_ENCODING_ERROR},
       // Nobody listens: the send fails with 81 and the ID goes back to the table.
       {[&] { return ldap_delete_s(ld, "cn=x"); }, LDAP_SERVER_DOWN},
-      {[&] { return ldap_modrdn(ld, "cn=x", "cn=y", 1) == -1 ? LDAP_SERVER_DOWN : 0; }, LDAP_SERVER_DOWN},
-  };
+      {[&] { return ldap_modrdn(ld, "cn=x", "cn=y", 1) == -1 ? LDAP_SERVER_DOWN : 0; }, LDAP_SERVER_DOWN}};
   int i = 0;
   for (const auto &[run, code] : cases) {
     ldap_set_errno(ld, LDAP_OTHER, nullptr, nullptr);
