@@ -5,6 +5,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "ber_build.h"
 #include "ldap-controls.h"
@@ -276,6 +277,7 @@ TEST_F(Controls, ResponseControlParsers) {
                                     &result, &attr),
             0);
   EXPECT_EQ(std::to_string(result) + " " + attr, "16 cn");
+  free(std::exchange(attr, nullptr));
   EXPECT_EQ(ldap_parse_sort_control(ld, with("1.2.3", ""), &result, &attr), LDAP_CONTROL_NOT_FOUND);
   EXPECT_EQ(ldap_parse_entrychange_control(
                 ld, with(LDAP_CONTROL_ENTRYCHANGE, tlv(0x30, integer(8, 0x0A) + str("cn=old") + integer(42))), &type,
@@ -298,7 +300,7 @@ TEST_F(Controls, ResponseControlParsers) {
   EXPECT_EQ(std::make_tuple(std::string(dn), std::string(attrs[0]->lnv_attribute), attrs[0]->lnv_returned,
                             attrs[0]->lnv_total),
             std::make_tuple("cn=e"s, "mail"s, 2, 9));
-  for (char *p : {attr, prev, dn}) free(p);
+  for (char *p : {prev, dn}) free(p);
   fber_bvfree(context);
   ldap_free_limit_num_values(attrs);
 }
