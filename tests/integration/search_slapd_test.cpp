@@ -148,26 +148,6 @@ TEST_F(Search, AttributesOnlyLimitsAndReferences) {
   ldap_msgfree(res);
 }
 
-TEST_F(Search, TimedOutSearchMarksItsRowAndTheLateResultReleasesIt) {
-  LDAPMessage *res = nullptr;
-  struct timeval tiny = {0, 1};
-  ASSERT_EQ(ldap_search_st(ld, SlapdServer::kPeopleDn, 2, "(objectClass=*)", nullptr, 0, &tiny, &res), LDAP_TIMEOUT);
-  EXPECT_EQ(res, nullptr);
-  ldap_msg_table *table = ld->ld_defconn->lc_msgtable;
-  int marked = -1;
-  for (uint32_t i = 1; i < table->size; ++i)
-    if (table->rows[i].flags & LDAP_ROW_RELEASE_WHEN_DONE) marked = (int)i;
-  ASSERT_GT(marked, 0);
-  // Later searches read past the late answer, which frees the marked row;
-  // slapd may answer them first, so read until the late result is in.
-  for (int i = 0; i < 500 && table->rows[marked].flags != 0; ++i) {
-    ASSERT_EQ(ldap_search_s(ld, SlapdServer::user_dn(1).c_str(), 0, "(objectClass=*)", nullptr, 0, &res), LDAP_SUCCESS);
-    ldap_msgfree(res);
-  }
-  EXPECT_EQ(table->rows[marked].flags, 0u);
-  EXPECT_EQ(table->rows[marked].head, nullptr);
-}
-
 // Each run fails the nth allocation from the search call on, in a fresh
 // session so that a failure that closed the connection does not carry over.
 // The code names the step: 87 while encoding the filter, 90 elsewhere while
