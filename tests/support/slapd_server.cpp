@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -86,6 +87,7 @@ bool SlapdServer::start(std::string *error) {
   const std::string listeners = url() + "/ ldapi://" + url_encode(ldapi_path()) + "/", log = dir_ + "/slapd.log";
   pid_ = fork();
   if (pid_ == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test process that aborts takes its server with it
     int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     dup2(fd, 1);
     dup2(fd, 2);
