@@ -359,7 +359,7 @@ class SslPeer : public testing::Test {
 
 TEST_F(SslPeer, ServerThatNeverAnswersTheHandshakeFailsAfterTheBudget) {
   tavtest::FakeServer server;
-  server.hold_until_closed(60000);
+  server.hold_until_closed();
   server.start();
   ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
   LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
@@ -380,7 +380,7 @@ TEST_F(SslPeer, ServerThatNeverAnswersTheHandshakeFailsAfterTheBudget) {
 TEST_F(SslPeer, AbortInTheToolkitDuringTheHandshakeBecomes116) {
   setenv("TAVLIB_CLIENT_VERSION", "97", 1);
   tavtest::FakeServer server;
-  server.hold_until_closed(60000);
+  server.hold_until_closed();
   server.start();
   ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
   LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
@@ -395,7 +395,7 @@ TEST_F(SslPeer, AbortInTheToolkitDuringTheHandshakeBecomes116) {
 
 TEST_F(SslPeer, SecureConnectionBeforeTheToolkitIsLoadedWritesNothing) {
   tavtest::FakeServer server;
-  server.hold_until_closed(60000);
+  server.hold_until_closed();
   server.start();
   LDAP *ld = ldap_init("127.0.0.1", server.port());
   ld->ld_ssl = 1;

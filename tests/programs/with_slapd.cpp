@@ -1,4 +1,4 @@
-// with_slapd [--ipv6] [--tls] -- COMMAND [ARGS...]
+// with_slapd [--tls] -- COMMAND [ARGS...]
 // Starts a private slapd with the sample data, runs the command with the
 // server's address in the environment, then stops the server and removes its
 // files.  Exits with the command's status.  With --tls the server also listens
@@ -16,12 +16,10 @@
 int main(int argc, char **argv) {
   tavtest::SlapdOptions opts;
   int i = 1;
-  for (; i < argc && strcmp(argv[i], "--") != 0; ++i) {
-    if (strcmp(argv[i], "--ipv6") == 0) opts.ipv6 = true;
+  for (; i < argc && strcmp(argv[i], "--") != 0; ++i)
     if (strcmp(argv[i], "--tls") == 0) opts.tls = true;
-  }
   if (i + 1 >= argc) {
-    fprintf(stderr, "usage: with_slapd [--ipv6] [--tls] -- COMMAND [ARGS...]\n");
+    fprintf(stderr, "usage: with_slapd [--tls] -- COMMAND [ARGS...]\n");
     return 2;
   }
   tavtest::SlapdServer slapd(opts);

@@ -1,6 +1,7 @@
 #include "process.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -8,66 +9,66 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#include <sanitizer/allocator_interface.h>
+#define TAV_SANITIZER_HEAP 1
+#endif
+#endif
 
 namespace tavtest {
+
+size_t heap_in_use() {
+#ifdef TAV_SANITIZER_HEAP
+  return __sanitizer_get_current_allocated_bytes();
+#else
+  return mallinfo2().uordblks;
+#endif
+}
 
 ProcessResult run_process(const std::vector<std::string> &argv,
                           const std::vector<std::pair<std::string, std::string>> &env, const std::string &input) {
   int in[2], out[2], err[2];
   if (pipe(in) || pipe(out) || pipe(err)) throw std::runtime_error("pipe failed");
   pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     dup2(in[0], 0);
     dup2(out[1], 1);
     dup2(err[1], 2);
     for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) close(fd);
-    for (const auto &[k, v] : env) {
-      if (v.empty())
-        unsetenv(k.c_str());
-      else
-        setenv(k.c_str(), v.c_str(), 1);
-    }
+    for (const auto &[k, v] : env) v.empty() ? unsetenv(k.c_str()) : setenv(k.c_str(), v.c_str(), 1);
     std::vector<char *> args;
     for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
     execv(args[0], args.data());
     _exit(127);
   }
-  close(in[0]);
-  close(out[1]);
-  close(err[1]);
+  for (int fd : {in[0], out[1], err[1]}) close(fd);
   signal(SIGPIPE, SIG_IGN);
-  size_t written = 0;
-  if (input.empty()) close(in[1]);
   ProcessResult r;
-  struct pollfd fds[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {input.empty() ? -1 : in[1], POLLOUT, 0}};
-  int open_fds = 2;
-  while (open_fds > 0) {
+  size_t written = 0;
+  pollfd fds[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {in[1], POLLOUT, 0}};
+  if (input.empty()) close(std::exchange(fds[2].fd, -1));
+  while (fds[0].fd >= 0 || fds[1].fd >= 0) {
     if (poll(fds, 3, -1) < 0 && errno != EINTR) break;
     for (int i = 0; i < 2; ++i) {
       if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
       char buf[4096];
       ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n <= 0) {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open_fds;
-      } else {
+      if (n > 0)
         (i == 0 ? r.out : r.err).append(buf, n);
-      }
+      else
+        close(std::exchange(fds[i].fd, -1));
     }
-    if (fds[2].fd >= 0 && (fds[2].revents & (POLLOUT | POLLERR | POLLHUP))) {
+    if (fds[2].fd >= 0 && fds[2].revents) {
       ssize_t n = write(fds[2].fd, input.data() + written, input.size() - written);
-      if (n > 0) written += n;
-      if (n <= 0 || written == input.size()) {
-        close(fds[2].fd);
-        fds[2].fd = -1;
-      }
+      written += n > 0 ? n : 0;
+      if (n <= 0 || written == input.size()) close(std::exchange(fds[2].fd, -1));
     }
   }
   if (fds[2].fd >= 0) close(fds[2].fd);
@@ -81,15 +82,11 @@ ProcessResult run_process(const std::vector<std::string> &argv,
 TempDir::TempDir() {
   const char *base = getenv("TMPDIR");
   std::string tmpl = std::string(base && *base ? base : "/tmp") + "/tavtest.XXXXXX";
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = buf.data();
+  if (mkdtemp(tmpl.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = tmpl;
 }
 
-TempDir::~TempDir() {
-  if (path_.size() > 5) run_process({"/bin/rm", "-rf", path_});
-}
+TempDir::~TempDir() { run_process({"/bin/rm", "-rf", path_}); }
 
 std::string read_file(const std::string &path) {
   std::ifstream f(path, std::ios::binary);
@@ -99,19 +96,13 @@ std::string read_file(const std::string &path) {
 }
 
 void write_file(const std::string &path, const std::string &content) {
-  std::ofstream f(path, std::ios::binary | std::ios::trunc);
-  f << content;
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 std::vector<std::string> split_lines(const std::string &text) {
   std::vector<std::string> lines;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t nl = text.find('\n', start);
-    if (nl == std::string::npos) nl = text.size();
-    lines.push_back(text.substr(start, nl - start));
-    start = nl + 1;
-  }
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
 }
 

@@ -34,6 +34,10 @@ class TempDir {
   std::string path_;
 };
 
+// Bytes the allocator has handed out and not got back (the sanitizers' count
+// in their builds): a test sees a block released.
+size_t heap_in_use();
+
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content);
 std::vector<std::string> split_lines(const std::string &text);

@@ -1,8 +1,8 @@
 // A private slapd for end-to-end tests: its own temporary directory,
 // slapd.conf (mdb backend, suffix dc=example,dc=com), data loaded with
-// slapadd before start, free loopback ports, an ldapi socket in its directory.
-// Started by start(), stopped by its pid in stop() or the destructor, which
-// also removes the directory.
+// slapadd before start, a free loopback port, an ldapi socket in its
+// directory.  Stopped by its pid in stop() or the destructor, which also
+// removes the directory.
 #ifndef TAV_TEST_SLAPD_SERVER_H
 #define TAV_TEST_SLAPD_SERVER_H
 
@@ -14,21 +14,18 @@
 namespace tavtest {
 
 struct SlapdOptions {
-  bool ldapi = true;               // listen on <dir>/ldapi
-  bool ipv6 = false;               // also listen on ldap://[::1]:<ipv6_port>
-  bool allow_v2 = false;           // "allow bind_v2"
+  bool allow_v2 = false;             // "allow bind_v2"
   std::vector<std::string> modules;  // extra modules to load: "ppolicy", "sssvlv", ...
-  std::vector<std::string> schemas;  // extra schema files from /etc/ldap/schema ("ppolicy" is built in)
-  std::string global_config;       // lines before the database section
-  std::string database_config;     // lines after the database section (overlays, limits)
+  std::string global_config;         // lines before the database section
+  std::string database_config;       // lines after the database section (overlays, limits)
   // ACLs for the database; the default lets anyone read and authenticated
-  // users write their own entry.  Set to replace it.
+  // users write their own entry.
   std::string access =
       "access to attrs=userPassword by self write by anonymous auth by * none\n"
       "access to * by self write by users read by anonymous read\n";
-  std::string extra_ldif;          // more entries, appended after the base data
-  int people = 5;                  // uid=user1..userN under ou=People, password "passN"
-  int port = 0;                    // listening port; 0 picks a free one
+  std::string extra_ldif;  // more entries, appended after the base data
+  int people = 5;          // uid=user1..userN under ou=People, password "passN"
+  int port = 0;            // listening port; 0 picks a free one
   // An ldaps listener too, with certificates made in dir()/tls by the openssl
   // command: ca.pem (the CA), server.pem/.key (localhost, 127.0.0.1),
   // client.pem/.key (subject "CN=tls-client,O=Example", mapped to uid=user1
@@ -45,8 +42,8 @@ class SlapdServer {
   static constexpr const char *kRootPw = "secret";
   static constexpr const char *kPeopleDn = "ou=People,dc=example,dc=com";
 
-  explicit SlapdServer(SlapdOptions options = {});
-  ~SlapdServer();
+  explicit SlapdServer(SlapdOptions options = {}) : options_(std::move(options)) {}
+  ~SlapdServer() { stop(); }
   SlapdServer(const SlapdServer &) = delete;
   SlapdServer &operator=(const SlapdServer &) = delete;
 
@@ -55,25 +52,21 @@ class SlapdServer {
   // output) in *error.
   bool start(std::string *error);
   void stop();
-  bool running() const { return pid_ > 0; }
 
   int port() const { return port_; }
-  int ipv6_port() const { return ipv6_port_; }
-  int tls_port() const { return tls_port_; }
-  std::string ldaps_host_port() const;  // "127.0.0.1:TLSPORT"
-  std::string tls_file(const std::string &name) const { return dir_ + "/tls/" + name; }
-  std::string host_port() const;          // "127.0.0.1:PORT"
-  std::string url() const;                // "ldap://127.0.0.1:PORT"
-  std::string ldapi_path() const;         // socket file path
-  std::string ldapi_url() const;          // "ldapi://%2F..."
+  std::string host_port() const { return "127.0.0.1:" + std::to_string(port_); }
+  std::string url() const { return "ldap://" + host_port(); }
+  std::string ldapi_path() const { return dir_ + "/ldapi"; }
   const std::string &dir() const { return dir_; }
+  int tls_port() const { return tls_port_; }
+  std::string ldaps_host_port() const { return "127.0.0.1:" + std::to_string(tls_port_); }
+  std::string tls_file(const std::string &name) const { return dir_ + "/tls/" + name; }
 
-  // DN and password of base entry uid=userN.
-  static std::string user_dn(int n);
-  static std::string user_password(int n);
+  static std::string user_dn(int n) { return "uid=user" + std::to_string(n) + "," + kPeopleDn; }
+  static std::string user_password(int n) { return "pass" + std::to_string(n); }
 
   // Runs an ldap-utils program (ldapsearch, ldapadd, ...) against this server
-  // with -H url() -x; returns its exit code, with stdout in *out.
+  // with -H url() -x; returns its exit code, with its output in *out.
   int ldap_tool(const std::string &tool, const std::vector<std::string> &args, std::string *out,
                 const std::string &input = "") const;
 
@@ -81,18 +74,14 @@ class SlapdServer {
   SlapdOptions options_;
   std::string dir_;
   int port_ = 0;
-  int ipv6_port_ = 0;
   int tls_port_ = 0;
   pid_t pid_ = -1;
 };
 
+// A free TCP port on 127.0.0.1, found by binding port 0.
+int free_port();
 // Makes the certificates of SlapdOptions::tls in `dir`; "" or the failure.
 std::string make_test_certificates(const std::string &dir, bool server_expired);
-
-// A free TCP port on 127.0.0.1 (or ::1), found by binding port 0.
-int free_port(bool ipv6 = false);
-// True when slapd and its tools are installed.
-bool slapd_available();
 
 }  // namespace tavtest
 

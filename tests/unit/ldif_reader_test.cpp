@@ -15,111 +15,56 @@ using tavldif::Record;
 
 namespace {
 
-std::vector<Record> read_all(const std::string &text, std::string *error, Change def = Change::Add) {
+// Each record read from `text` as "line:change:dn[:op type=v,v...][newrdn]".
+std::string read_all(const std::string &text, Change def = Change::Add) {
   Reader reader(text, def);
-  std::vector<Record> out;
   Record r;
-  while (reader.next(&r, error)) out.push_back(r);
-  return out;
+  std::string out, error;
+  while (reader.next(&r, &error)) {
+    out += std::to_string(r.line) + ":" + std::to_string(static_cast<int>(r.change)) + ":" + r.dn;
+    for (const auto &m : r.mods) {
+      out += ":" + std::to_string(m.op) + " " + m.type + "=";
+      for (const auto &v : m.values) out += v + ",";
+    }
+    if (r.change == Change::ModRdn)
+      out += ":" + r.newrdn + (r.deleteoldrdn ? " del" : " keep") +
+             (r.has_newsuperior ? " " + r.newsuperior + "@" + std::to_string(r.newsuperior_line) : "");
+    out += "\n";
+  }
+  return out + error;
 }
 
 TEST(LdifReader, ChangeRecordsOfEveryKind) {
   const std::string text =
       "version: 1\n"
       "# an entry to add, with a folded value and a comment inside\n"
-      "dn: cn=A,dc=example,dc=com\n"
-      "changetype: add\n"
-      "objectClass: person\n"
-      "cn: A\n"
-      "# comment lines may be folded too\n"
-      "  like this\n"
-      "description: one long\n"
-      "  line\n"
-      "CN: second\n"
-      "jpegPhoto:: AP8A\n"
-      "\n"
-      "dn: cn=A,dc=example,dc=com\n"
-      "changetype: modify\n"
-      "add: mail\n"
-      "mail: a@example.com\n"
-      "mail: b@example.com\n"
-      "-\n"
-      "delete: description\n"
-      "-\n"
-      "replace: sn\n"
-      "sn: S\n"
-      "-\n"
-      "\n\n"
-      "dn:: Y249QixkYz1leGFtcGxlLGRjPWNvbQ==\r\n"
-      "changetype: modrdn\r\n"
-      "newrdn: cn=C\r\n"
-      "deleteoldrdn: 1\r\n"
-      "\r\n"
-      "dn: cn=C,dc=example,dc=com\n"
-      "changetype: moddn\n"
-      "newrdn: cn=D\n"
-      "deleteoldrdn: 0\n"
-      "newsuperior: ou=x,dc=example,dc=com\n"
-      "\n"
-      "dn: cn=D,ou=x,dc=example,dc=com\n"
-      "changetype: delete\n";
-  std::string error;
-  auto records = read_all(text, &error);
-  EXPECT_EQ(error, "");
-  ASSERT_EQ(records.size(), 5u);
-
-  EXPECT_EQ(records[0].line, 3);
-  EXPECT_EQ(records[0].change, Change::Add);
-  ASSERT_EQ(records[0].mods.size(), 4u);
-  EXPECT_EQ(records[0].mods[1].type, "cn");
-  EXPECT_EQ(records[0].mods[1].values, (std::vector<std::string>{"A", "second"}));
-  EXPECT_EQ(records[0].mods[2].values, (std::vector<std::string>{"one long line"}));
-  EXPECT_EQ(records[0].mods[3].values, (std::vector<std::string>{std::string("\0\xFF\0", 3)}));
-
-  EXPECT_EQ(records[1].change, Change::Modify);
-  ASSERT_EQ(records[1].mods.size(), 3u);
-  EXPECT_EQ(records[1].mods[0].op, Mod::Add);
-  EXPECT_EQ(records[1].mods[0].values.size(), 2u);
-  EXPECT_EQ(records[1].mods[1].op, Mod::Delete);
-  EXPECT_TRUE(records[1].mods[1].values.empty());
-  EXPECT_EQ(records[1].mods[2].op, Mod::Replace);
-  EXPECT_EQ(records[1].mods[2].type, "sn");
-
-  EXPECT_EQ(records[2].dn, "cn=B,dc=example,dc=com");
-  EXPECT_EQ(records[2].change, Change::ModRdn);
-  EXPECT_EQ(records[2].newrdn, "cn=C");
-  EXPECT_TRUE(records[2].deleteoldrdn);
-  EXPECT_FALSE(records[2].has_newsuperior);
-
-  EXPECT_FALSE(records[3].deleteoldrdn);
-  EXPECT_TRUE(records[3].has_newsuperior);
-  EXPECT_EQ(records[3].newsuperior, "ou=x,dc=example,dc=com");
-  EXPECT_EQ(records[3].newsuperior_line, 36);
-
-  EXPECT_EQ(records[4].change, Change::Delete);
-  EXPECT_EQ(records[4].line, 38);
-}
-
-TEST(LdifReader, RecordsWithoutChangetypeTakeTheDefault) {
-  std::string error;
-  auto del = read_all("dn: cn=a\n\ndn: cn=b\n", &error, Change::Delete);
-  ASSERT_EQ(del.size(), 2u);
-  EXPECT_EQ(del[1].change, Change::Delete);
-  auto mod = read_all("dn: cn=a\nreplace: cn\ncn: b\n", &error, Change::Modify);
-  ASSERT_EQ(mod.size(), 1u);
-  EXPECT_EQ(mod[0].mods[0].op, Mod::Replace);
-  auto add = read_all("dn: cn=a\ncn: a\n", &error);
-  ASSERT_EQ(add.size(), 1u);
-  EXPECT_EQ(add[0].change, Change::Add);
-}
-
-TEST(LdifReader, ValuesFromFiles) {
+      "dn: cn=A,dc=example,dc=com\nchangetype: add\nobjectClass: person\ncn: A\n"
+      "# comment lines may be folded too\n  like this\n"
+      "description: one long\n  line\nCN: second\njpegPhoto:: AP8A\n\n"
+      "dn: cn=A,dc=example,dc=com\nchangetype: modify\nadd: mail\nmail: a@example.com\nmail: b@example.com\n-\n"
+      "delete: description\n-\nreplace: sn\nsn: S\n-\n\n\n"
+      "dn:: Y249QixkYz1leGFtcGxlLGRjPWNvbQ==\r\nchangetype: modrdn\r\nnewrdn: cn=C\r\ndeleteoldrdn: 1\r\n\r\n"
+      "dn: cn=C,dc=example,dc=com\nchangetype: moddn\nnewrdn: cn=D\ndeleteoldrdn: 0\nnewsuperior: "
+      "ou=x,dc=example,dc=com\n\n"
+      "dn: cn=D,ou=x,dc=example,dc=com\nchangetype: delete\n";
+  EXPECT_EQ(read_all(text),
+            "3:1:cn=A,dc=example,dc=com:0 objectClass=person,:0 cn=A,second,:0 description=one long line,"
+            ":0 jpegPhoto=" +
+                std::string("\0\xFF\0", 3) +
+                ",\n"
+                "14:3:cn=A,dc=example,dc=com:0 mail=a@example.com,b@example.com,:1 description=:2 sn=S,\n"
+                "27:4:cn=B,dc=example,dc=com:cn=C del\n"
+                "32:4:cn=C,dc=example,dc=com:cn=D keep ou=x,dc=example,dc=com@36\n"
+                "38:2:cn=D,ou=x,dc=example,dc=com\n");
+  // Records without a changetype take the command's kind.
+  EXPECT_EQ(read_all("dn: cn=a\n\ndn: cn=b\n", Change::Delete), "1:2:cn=a\n3:2:cn=b\n");
+  EXPECT_EQ(read_all("dn: cn=a\nreplace: cn\ncn: b\n", Change::Modify), "1:3:cn=a:2 cn=b,\n");
+  EXPECT_EQ(read_all("dn: cn=a\ncn: a\n"), "1:1:cn=a:0 cn=a,\n");
+  // Values from files.
   tavtest::TempDir dir;
   tavtest::write_file(dir.file("photo"), std::string("\x01\x00\x02", 3));
-  std::string error;
-  auto r = read_all("dn: cn=a\njpegPhoto:< file://" + dir.file("photo") + "\n", &error);
-  ASSERT_EQ(r.size(), 1u) << error;
-  EXPECT_EQ(r[0].mods[0].values[0], std::string("\x01\x00\x02", 3));
+  EXPECT_EQ(read_all("dn: cn=a\njpegPhoto:< file://" + dir.file("photo") + "\n"),
+            "1:1:cn=a:0 jpegPhoto=" + std::string("\x01\x00\x02", 3) + ",\n");
 }
 
 // Each malformed record is reported with the line where the fault is, and
@@ -155,8 +100,7 @@ TEST(LdifReader, MalformedInputNamesTheLine) {
        "line 4: unexpected \"cn\" in a modrdn record"},
       {"unsupported version", "version: 2\ndn: cn=a\ncn: a\n", "line 1: unsupported LDIF version \"2\""},
       {"controls", "dn: cn=a\ncontrol: 1.2.3 true\nchangetype: delete\n", "line 2: controls are not supported"},
-      {"value URL not a file", "dn: cn=a\ncn:< http://example.com/x\n", "line 2: only file:// URLs can give a value"},
-  };
+      {"value URL not a file", "dn: cn=a\ncn:< http://example.com/x\n", "line 2: only file:// URLs can give a value"}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
     Reader reader(c.text + "\ndn: cn=next\ncn: next\n");

@@ -1,41 +1,31 @@
 // Reading LDAPResults: codes, matched DN, messages, referrals, controls, bind
-// and extended responses, and the password-policy control.
+// and extended responses, the password-policy control, and every truncation
+// of each refused cleanly.
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "ber_build.h"
 #include "ldap-controls.h"
 #include "ldap-engine.h"
 
+using namespace tavtest;
 using namespace std::string_literals;
 
 namespace {
 
-using Bytes = std::string;
-Bytes seq(unsigned char tag, const Bytes &c) {
-  Bytes out(1, static_cast<char>(tag));
-  out += static_cast<char>(c.size());
-  return out + c;
-}
-Bytes prim(unsigned char tag, const Bytes &v) { return seq(tag, v); }
-Bytes str(const Bytes &s) { return prim(0x04, s); }
-Bytes result_head(int code, const Bytes &matched, const Bytes &text) {
-  return prim(0x0A, Bytes(1, static_cast<char>(code))) + str(matched) + str(text);
-}
-const Bytes kPolicyRequest = seq(0x30, str("1.3.6.1.4.1.42.2.27.8.5.1"));
+const std::string kControls = tlv(0xA0, tlv(0x30, str("1.2.3")));
+const std::string kReferral = result(0x65, 10, "", "go away", tlv(0xA3, str("ldap://a/") + str("ldap://b/")));
 
 class Parse : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ld = ldap_init("127.0.0.1", 9);
-    conn = get_default_connection(ld);
-  }
+  void SetUp() override { ld = ldap_init("127.0.0.1", 9); }
   void TearDown() override { ldap_unbind(ld); }
   // A response as the reader leaves it: positioned at the protocol operation.
-  LDAPMessage *msg(int type, const Bytes &op_and_controls) {
-    LDAPMessage *m = ldap_msg_new(conn);
+  LDAPMessage *msg(const std::string &op_and_controls) {
+    LDAPMessage *m = ldap_msg_new(get_default_connection(ld));
     m->lm_msgid = 7;
-    m->lm_msgtype = type;
+    m->lm_msgtype = static_cast<unsigned char>(op_and_controls.empty() ? 0x65 : op_and_controls[0]);
     struct berval bv = {op_and_controls.size(), const_cast<char *>(op_and_controls.data())};
     m->lm_ber = fber_init2(&bv);
     return m;
@@ -48,35 +38,30 @@ class Parse : public ::testing::Test {
     return msgs[0];
   }
   LDAP *ld = nullptr;
-  LDAPConn *conn = nullptr;
 };
 
 TEST_F(Parse, ResultAfterEntriesIsFoundAndCanBeReadAgain) {
-  LDAPMessage *res = chain({msg(0x64, seq(0x64, str("cn=a"))), msg(0x73, seq(0x73, str("ldap://x"))),
-                            msg(0x65, seq(0x65, result_head(32, "dc=example", "no such")))});
+  LDAPMessage *res = chain(
+      {msg(tlv(0x64, str("cn=a"))), msg(tlv(0x73, str("ldap://x"))), msg(result(0x65, 32, "dc=example", "no such"))});
   for (int round = 0; round < 2; ++round) {
     int code = -1;
     char *matched = nullptr, *text = nullptr;
     ASSERT_EQ(ldap_parse_result(ld, res, &code, &matched, &text, nullptr, nullptr, 0), 0);
-    EXPECT_EQ(code, 32);
-    EXPECT_STREQ(matched, "dc=example");
-    EXPECT_STREQ(text, "no such");
+    EXPECT_EQ(std::make_tuple(code, std::string(matched), std::string(text)),
+              std::make_tuple(32, "dc=example"s, "no such"s));
     free(matched);
     free(text);
   }
   EXPECT_EQ(ldap_result2error(ld, res, 0), 32);
   char *m = nullptr, *t = nullptr;
   ldap_get_error_info(ld, &m, &t);
-  EXPECT_STREQ(m, "dc=example");
-  EXPECT_STREQ(t, "no such");
+  EXPECT_EQ(std::make_pair(std::string(m), std::string(t)), std::make_pair("dc=example"s, "no such"s));
   free(m);
   free(t);
   EXPECT_EQ(ldap_msgfree(res), 0x65);
-}
 
-TEST_F(Parse, ChainOfEntriesOnlyHasNoResult) {
-  LDAPMessage *entries = chain({msg(0x64, seq(0x64, str("cn=a"))), msg(0x64, seq(0x64, str("cn=b")))});
-  EXPECT_EQ(ldap_result2error(ld, entries, 0), LDAP_PARAM_ERROR);
+  LDAPMessage *entries = chain({msg(tlv(0x64, str("cn=a"))), msg(tlv(0x64, str("cn=b")))});
+  EXPECT_EQ(ldap_result2error(ld, entries, 0), LDAP_PARAM_ERROR);  // no result in the chain
   int code = -1;
   EXPECT_EQ(ldap_parse_result(ld, entries, &code, nullptr, nullptr, nullptr, nullptr, 1), 1);  // and freed
   ldap_set_errno(ld, 0, nullptr, nullptr);
@@ -91,110 +76,113 @@ TEST_F(Parse, ChainOfEntriesOnlyHasNoResult) {
 }
 
 TEST_F(Parse, ReferralsAndControlsAfterThem) {
-  Bytes op = seq(0x65, result_head(10, "", "") + seq(0xA3, str("ldap://a/") + str("ldap://b/")));
-  Bytes ctrls = seq(0xA0, seq(0x30, str("1.2.3")));
   for (bool want_referrals : {true, false}) {
-    LDAPMessage *res = msg(0x65, op + ctrls);
     int code = -1;
     char **refs = nullptr;
     LDAPControl **got = nullptr;
-    ASSERT_EQ(ldap_parse_result(ld, res, &code, nullptr, nullptr, want_referrals ? &refs : nullptr, &got, 1), 0);
+    ASSERT_EQ(ldap_parse_result(ld, msg(kReferral + kControls), &code, nullptr, nullptr,
+                                want_referrals ? &refs : nullptr, &got, 1),
+              0);
     EXPECT_EQ(code, LDAP_REFERRAL);
-    if (want_referrals) {
-      ASSERT_NE(refs, nullptr);
-      EXPECT_STREQ(refs[0], "ldap://a/");
-      EXPECT_STREQ(refs[1], "ldap://b/");
-      EXPECT_EQ(refs[2], nullptr);
-      fber_svecfree(refs);
-    }
+    EXPECT_TRUE(!want_referrals || (refs && refs[0] == "ldap://a/"s && refs[1] == "ldap://b/"s && !refs[2]));
+    fber_svecfree(refs);
     ASSERT_NE(got, nullptr) << "controls after a skipped referral";
     EXPECT_STREQ(got[0]->ldctl_oid, "1.2.3");
     ldap_controls_free(got);
   }
-}
-
-TEST_F(Parse, BrokenResultsAreDecodingErrors) {
-  Bytes good = seq(0x65, result_head(0, "", ""));
-  for (size_t cut = 1; cut < good.size(); ++cut) {
-    LDAPMessage *res = msg(0x65, good.substr(0, cut));
-    int code = -1;
-    EXPECT_EQ(ldap_parse_result(ld, res, &code, nullptr, nullptr, nullptr, nullptr, 0), LDAP_DECODING_ERROR) << cut;
-    EXPECT_EQ(ldap_result2error(ld, res, 1), LDAP_DECODING_ERROR) << cut;
-  }
-  LDAPMessage *bad_controls = msg(0x65, good + seq(0xA0, seq(0x30, str("1.1") + str("v") + prim(0x01, "\xff"))));
   LDAPControl **ctrls = nullptr;
-  EXPECT_EQ(ldap_parse_result(ld, bad_controls, nullptr, nullptr, nullptr, nullptr, &ctrls, 1), LDAP_DECODING_ERROR);
+  const std::string bad_controls = tlv(0xA0, tlv(0x30, str("1.1") + str("v") + boolean(true)));
+  EXPECT_EQ(ldap_parse_result(ld, msg(result(0x65, 0) + bad_controls), nullptr, nullptr, nullptr, nullptr, &ctrls, 1),
+            LDAP_DECODING_ERROR);
   EXPECT_EQ(ctrls, nullptr);
 }
 
-TEST_F(Parse, SaslBindResults) {
+TEST_F(Parse, SaslBindAndExtendedResults) {
   struct berval *creds = nullptr;
-  // In progress, with server credentials [7].
-  LDAPMessage *res = msg(0x61, seq(0x61, result_head(LDAP_SASL_BIND_IN_PROGRESS, "", "") + prim(0x87, "chal")));
-  EXPECT_EQ(ldap_parse_sasl_bind_result(ld, res, &creds, 1), LDAP_SASL_BIND_IN_PROGRESS);
+  EXPECT_EQ(ldap_parse_sasl_bind_result(ld, msg(result(0x61, LDAP_SASL_BIND_IN_PROGRESS, "", "", tlv(0x87, "chal"))),
+                                        &creds, 1),
+            LDAP_SASL_BIND_IN_PROGRESS);
   ASSERT_NE(creds, nullptr);
   EXPECT_EQ(std::string(creds->bv_val, creds->bv_len), "chal");
   fber_bvfree(creds);
   creds = nullptr;
-  res = msg(0x61, seq(0x61, result_head(0, "", "")));
-  EXPECT_EQ(ldap_parse_sasl_bind_result(ld, res, &creds, 1), 0);
+  EXPECT_EQ(ldap_parse_sasl_bind_result(ld, msg(result(0x61, 0)), &creds, 1), 0);
   EXPECT_EQ(creds, nullptr);
-  // A bind response cut short; then the wrong type.
-  res = msg(0x61, seq(0x61, result_head(0, "", "")).substr(0, 4));
-  EXPECT_EQ(ldap_parse_sasl_bind_result(ld, res, &creds, 1), LDAP_DECODING_ERROR);
-  res = msg(0x65, seq(0x65, result_head(0, "", "")));
-  EXPECT_EQ(ldap_parse_sasl_bind_result(ld, res, &creds, 0), LDAP_PARAM_ERROR);
-  EXPECT_EQ(ldap_parse_extended_result(ld, res, nullptr, nullptr, 1), LDAP_PARAM_ERROR);
-}
+  LDAPMessage *done = msg(result(0x65, 0));  // the wrong type for both
+  EXPECT_EQ(ldap_parse_sasl_bind_result(ld, done, &creds, 0), LDAP_PARAM_ERROR);
+  EXPECT_EQ(ldap_parse_extended_result(ld, done, nullptr, nullptr, 1), LDAP_PARAM_ERROR);
 
-TEST_F(Parse, ExtendedResults) {
-  LDAPMessage *res = msg(0x78, seq(0x78, result_head(0, "", "") + prim(0x8A, "1.2.9") + prim(0x8B, "dn:cn=me")) +
-                                   seq(0xA0, seq(0x30, str("1.4"))));
   char *oid = nullptr;
   struct berval *value = nullptr;
   LDAPControl **ctrls = nullptr;
-  ASSERT_EQ(ldap_parse_extended_result_ext(ld, res, &oid, &value, 1, &ctrls), 0);
+  ASSERT_EQ(ldap_parse_extended_result_ext(
+                ld, msg(result(0x78, 0, "", "", tlv(0x8A, "1.2.9") + tlv(0x8B, "dn:cn=me")) + kControls), &oid, &value,
+                1, &ctrls),
+            0);
   EXPECT_STREQ(oid, "1.2.9");
   EXPECT_EQ(std::string(value->bv_val, value->bv_len), "dn:cn=me");
-  ASSERT_NE(ctrls, nullptr);
-  EXPECT_STREQ(ctrls[0]->ldctl_oid, "1.4");
+  EXPECT_STREQ(ctrls[0]->ldctl_oid, "1.2.3");
   free(oid);
   fber_bvfree(value);
   ldap_controls_free(ctrls);
   // A failed operation: name and value are not read, the code is the result.
   oid = nullptr;
-  res = msg(0x78, seq(0x78, result_head(53, "", "unwilling") + prim(0x8A, "1.2.9")));
-  EXPECT_EQ(ldap_parse_extended_result(ld, res, &oid, nullptr, 1), 53);
+  EXPECT_EQ(
+      ldap_parse_extended_result(ld, msg(result(0x78, 53, "", "unwilling", tlv(0x8A, "1.2.9"))), &oid, nullptr, 1), 53);
   EXPECT_EQ(oid, nullptr);
   EXPECT_EQ(ldap_get_errno(ld), 53);
 }
 
+// Every proper prefix of each response is a decoding error; the sanitizer
+// build shows that nothing taken before the failure is left behind.
+TEST_F(Parse, EveryTruncationIsADecodingError) {
+  const std::string results[] = {result(0x65, 0), kReferral + kControls,
+                                 result(0x61, LDAP_SASL_BIND_IN_PROGRESS, "o=x", "more", tlv(0x87, "chal")),
+                                 result(0x78, 0, "", "", tlv(0x8A, "1.2.9") + tlv(0x8B, "v"))};
+  for (const std::string &full : results) {
+    for (size_t cut = 1; cut < full.size() - (full == kReferral + kControls ? kControls.size() : 0); ++cut) {
+      SCOPED_TRACE(hex(full.substr(0, cut)));
+      int code = -1;
+      char *matched = nullptr, *text = nullptr, **refs = nullptr, *oid = nullptr;
+      struct berval *data = nullptr;
+      LDAPControl **ctrls = nullptr;
+      EXPECT_EQ(ldap_parse_result(ld, msg(full.substr(0, cut)), &code, &matched, &text, &refs, &ctrls, 1),
+                LDAP_DECODING_ERROR);
+      EXPECT_TRUE(!matched && !text && !refs && !ctrls);
+      // The code, matched DN and message cut short (what ldap_result2error reads).
+      EXPECT_EQ(
+          cut < 9 || &full == &results[0] ? ldap_result2error(ld, msg(full.substr(0, cut)), 1) : LDAP_DECODING_ERROR,
+          LDAP_DECODING_ERROR);
+      const std::string cut_pdu = full.substr(0, cut);
+      EXPECT_EQ(full[0] == 0x61   ? ldap_parse_sasl_bind_result(ld, msg(cut_pdu), &data, 1)
+                : full[0] == 0x78 ? ldap_parse_extended_result(ld, msg(cut_pdu), &oid, &data, 1)
+                                  : LDAP_DECODING_ERROR,
+                LDAP_DECODING_ERROR);
+      EXPECT_TRUE(!oid && !data);
+    }
+  }
+}
+
 TEST(PasswordPolicy, ErrorsAndWarningsFromTheResponseControl) {
-  struct Case {
-    const char *what;
-    Bytes value;
-    int err, warn, res;
-  } cases[] = {
-      {"expired", seq(0x30, prim(0x81, "\x00"s)), 3, 0, 0},
-      {"in history", seq(0x30, prim(0x81, "\x08")), 11, 0, 0},
-      {"time before expiration", seq(0x30, seq(0xA0, prim(0x80, "\x0e\x10"))), 0, 1, 3600},
-      {"grace logins", seq(0x30, seq(0xA0, prim(0x81, "\x02"))), 0, 2, 2},
-      {"warning and error", seq(0x30, seq(0xA0, prim(0x81, "\x01")) + prim(0x81, "\x00"s)), 3, 2, 1},
+  const std::tuple<std::string, int, int, int> cases[] = {
+      {tlv(0x30, tlv(0x81, "\x00"s)), 3, 0, 0},                                // expired
+      {tlv(0x30, tlv(0x81, "\x08")), 11, 0, 0},                                // in history
+      {tlv(0x30, tlv(0xA0, tlv(0x80, "\x0e\x10"))), 0, 1, 3600},               // time before expiration
+      {tlv(0x30, tlv(0xA0, tlv(0x81, "\x02"))), 0, 2, 2},                      // grace logins
+      {tlv(0x30, tlv(0xA0, tlv(0x81, "\x01")) + tlv(0x81, "\x00"s)), 3, 2, 1}  // warning and error
   };
-  for (auto &c : cases) {
-    LDAPControl ctl = {const_cast<char *>(LDAP_CONTROL_PWDPOLICY), {c.value.size(), c.value.data()}, 0};
+  for (auto [value, want_err, want_warn, want_res] : cases) {
+    LDAPControl ctl = {const_cast<char *>(LDAP_CONTROL_PWDPOLICY), {value.size(), value.data()}, 0};
     LDAPControl other = {const_cast<char *>("1.2.3"), {1, const_cast<char *>("x")}, 0};
     LDAPControl *list[] = {&other, &ctl, nullptr};
     int err = -1, warn = -1, res = -1;
-    EXPECT_NE(ldap_parse_pwdpolicy_response(list, &err, &warn, &res), -1) << c.what;
-    EXPECT_EQ(err, c.err) << c.what;
-    EXPECT_EQ(warn, c.warn) << c.what;
-    EXPECT_EQ(res, c.res) << c.what;
+    EXPECT_NE(ldap_parse_pwdpolicy_response(list, &err, &warn, &res), -1) << hex(value);
+    EXPECT_EQ(std::make_tuple(err, warn, res), std::make_tuple(want_err, want_warn, want_res)) << hex(value);
   }
   int err = -1, warn = -1, res = -1;
   EXPECT_EQ(ldap_parse_pwdpolicy_response(nullptr, &err, &warn, &res), 0);
   EXPECT_EQ(err + warn + res, 0);
-  Bytes broken("\x30\x05\x81\x01", 4);  // cut short
+  std::string broken = unhex("30 05 81 01");  // cut short
   LDAPControl bad = {const_cast<char *>(LDAP_CONTROL_PWDPOLICY), {broken.size(), broken.data()}, 0};
   LDAPControl *list[] = {&bad, nullptr};
   EXPECT_EQ(ldap_parse_pwdpolicy_response(list, &err, &warn, &res), -1);

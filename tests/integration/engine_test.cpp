@@ -1,0 +1,233 @@
+// The message engine against a scripted server: how results are handed out,
+// time-outs that leave the connection usable, and what real servers will not
+// do (stop reading, die mid-response, answer unknown message IDs).  Where a
+// step must happen before another, the script waits at a gate the test opens.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <thread>
+
+#include "fake_server.h"
+#include "ldap_requests.h"
+#include "slapd_server.h"
+
+using tavtest::FakeServer;
+using tavtest::request_msgid;
+using tavtest::search_done;
+using tavtest::search_entry;
+
+namespace {
+
+struct Session {
+  explicit Session(const FakeServer &fake) : ld(ldap_init("127.0.0.1", fake.port())) {}
+  ~Session() { ldap_unbind(ld); }
+  int sd() const { return get_default_connection(ld)->lc_sb.sb_sd; }
+  LDAP *ld;
+};
+
+std::vector<int> types_of(LDAPMessage *chain) {
+  std::vector<int> t;
+  for (LDAPMessage *m = chain; m; m = m->lm_chain) t.push_back(m->lm_msgtype);
+  return t;
+}
+
+// Answers each search with `entries` entries and its SearchResultDone.
+std::string answer(const std::string &request, int entries) {
+  int id = request_msgid(request);
+  std::string out;
+  for (int i = 0; i < entries; ++i) out += search_entry(id, "cn=e" + std::to_string(i));
+  return out + search_done(id);
+}
+
+TEST(Engine, AllModeHandsOutTheChainAndOneModeEachMessageAlone) {
+  FakeServer fake;
+  fake.on_request([](const std::string &r) { return answer(r, 3); })
+      .on_request([](const std::string &r) { return answer(r, 2); })
+      .hold_until_closed();
+  fake.start();
+  Session s(fake);
+  int id = tavtest::send_search(s.ld, "o=x", 1);
+  ASSERT_GT(id, 0);
+  LDAPMessage *res = nullptr;
+  EXPECT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, nullptr, &res), 0x65);
+  EXPECT_EQ(types_of(res), (std::vector<int>{0x64, 0x64, 0x64, 0x65}));
+  EXPECT_EQ(tavtest::entry_dn(res->lm_chain), "cn=e1");
+  LDAPMessage *again = nullptr;  // everything was delivered: nothing left for this ID
+  EXPECT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, nullptr, &again), -1);
+  EXPECT_EQ(ldap_get_errno(s.ld), LDAP_LOCAL_ERROR);
+  EXPECT_EQ(ldap_msgfree(res), 0x65);
+
+  int second = tavtest::send_search(s.ld, "o=x", 1);
+  std::vector<int> types;
+  for (int rc = 0; rc != 0x65;) {
+    LDAPMessage *m = nullptr;
+    ASSERT_GT(rc = ldap_result(s.ld, second, LDAP_MSG_ONE, nullptr, &m), 0);
+    EXPECT_EQ(m->lm_flags & LDAP_MSG_HANDED_ALONE, (uint32_t)LDAP_MSG_HANDED_ALONE);
+    EXPECT_EQ(ldap_next_message(s.ld, m), nullptr);
+    types.push_back(rc);
+    ldap_msgfree(m);
+  }
+  EXPECT_EQ(types, (std::vector<int>{0x64, 0x64, 0x65}));
+  ldap_msg_table *table = get_default_connection(s.ld)->lc_msgtable;
+  EXPECT_EQ(table->free_count, (int32_t)table->size) << "rows left in use";
+}
+
+TEST(Engine, ResponsesGoToTheirOwnRowsAndUnknownIdsAreDropped) {
+  FakeServer fake;
+  std::string first;
+  fake.on_request([&](const std::string &r) {
+        first = r;
+        return std::string();
+      })
+      .on_request([&](const std::string &r) {
+        int id = request_msgid(r);
+        return search_done(id + 100) +            // no request under that ID: dropped
+               search_done(256) +                 // the table's size: dropped
+               tavtest::ldap_response(0, 0x78) +  // unsolicited notification: row 0
+               answer(r, 1) + answer(first, 2);   // the second request first
+      })
+      .hold_until_closed();
+  fake.start();
+  Session s(fake);
+  int a = tavtest::send_search(s.ld, "cn=a", 0), b = tavtest::send_search(s.ld, "cn=b", 0);
+  LDAPMessage *ra = nullptr, *rb = nullptr, *notice = nullptr;
+  ASSERT_EQ(ldap_result(s.ld, a, LDAP_MSG_ALL, nullptr, &ra), 0x65);  // b's answer waits in its row
+  ASSERT_EQ(ldap_result(s.ld, b, LDAP_MSG_ALL, nullptr, &rb), 0x65);
+  EXPECT_EQ(ldap_count_messages(s.ld, ra), 3);
+  EXPECT_EQ(ldap_count_messages(s.ld, rb), 2);
+  ldap_msgfree(ra);
+  ldap_msgfree(rb);
+  struct timeval zero = {0, 0};
+  ASSERT_EQ(ldap_result(s.ld, 0, LDAP_MSG_ONE, &zero, &notice), 0x78);
+  EXPECT_EQ(ldap_msgid(notice), 0);
+  ldap_msgfree(notice);
+  EXPECT_EQ(get_default_connection(s.ld)->lc_msgtable->rows[0].flags & LDAP_ROW_COMPLETE, 0u);
+}
+
+TEST(EngineTimeouts, TimeOutsReturnZeroRecord85AndKeepWhatArrived) {
+  FakeServer fake;
+  std::string request;
+  fake.on_request([&](const std::string &r) {
+        request = r;
+        return search_entry(request_msgid(r), "cn=one") + search_entry(request_msgid(r), "cn=two");
+      })
+      .gate()
+      .send_lazy([&] { return search_done(request_msgid(request)); })
+      .hold_until_closed();
+  fake.start();
+  Session s(fake);
+  int id = tavtest::send_search(s.ld, "cn=x", 2);
+  struct timeval zero = {0, 0}, short_wait = {0, 200000};
+  for (struct timeval *wait : {&zero, &short_wait}) {
+    LDAPMessage *res = reinterpret_cast<LDAPMessage *>(1);
+    EXPECT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, wait, &res), 0);
+    EXPECT_EQ(res, nullptr);
+    EXPECT_EQ(ldap_get_errno(s.ld), LDAP_TIMEOUT);
+  }
+  fake.open_gate();
+  LDAPMessage *res = nullptr;
+  ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, nullptr, &res), 0x65);
+  EXPECT_EQ(types_of(res), (std::vector<int>{0x64, 0x64, 0x65}));
+  EXPECT_EQ(tavtest::entry_dn(res), "cn=one");
+  ldap_msgfree(res);
+}
+
+TEST(EngineTimeouts, ResponseSplitAcrossATimeOutIsCompletedByTheNextCall) {
+  FakeServer fake;
+  std::string done;
+  fake.on_request([&](const std::string &r) {
+        done = search_done(request_msgid(r));
+        return done.substr(0, 5);
+      })
+      .gate()
+      .send_lazy([&] { return done.substr(5); })
+      .hold_until_closed();
+  fake.start();
+  Session s(fake);
+  int id = tavtest::send_search(s.ld, "cn=x", 0);
+  pollfd p{s.sd(), POLLIN, 0};
+  ASSERT_EQ(poll(&p, 1, 20000), 1);  // the first five bytes are there
+  struct timeval short_wait = {0, 200000};
+  LDAPMessage *res = nullptr;
+  EXPECT_EQ(ldap_result(s.ld, id, LDAP_MSG_ONE, &short_wait, &res), 0);
+  EXPECT_EQ(ldap_get_errno(s.ld), LDAP_TIMEOUT);
+  int pending = -1;
+  ASSERT_EQ(ioctl(s.sd(), FIONREAD, &pending), 0);
+  EXPECT_EQ(pending, 0) << "the partial element was not read";
+  EXPECT_EQ(get_default_connection(s.ld)->lc_closed, 0) << "a time-out must not close the connection";
+  fake.open_gate();
+  ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ONE, nullptr, &res), 0x65);
+  ldap_msgfree(res);
+}
+
+// The server stops reading; with LDAP_LIB_WRITE_TIMEOUT the blocked write
+// gives up while the server still holds the connection open.
+TEST(EngineFaults, ServerThatStopsReadingFailsTheWriteAfterTheWriteTimeOut) {
+  setenv("LDAP_LIB_WRITE_TIMEOUT", "1", 1);
+  ldap_reset_write_timeout();
+  FakeServer fake;
+  fake.set_receive_buffer(4096);
+  fake.on_request([](const std::string &) { return std::string(); }).gate().close();
+  fake.start();
+  {
+    Session s(fake);
+    EXPECT_EQ(tavtest::send_raw_op(s.ld, 0x4a, std::string("\x4a\x00", 2)), 1);  // connects
+    const std::string huge(64 << 20, 'z');  // more than the socket buffers on both ends hold
+    auto start = std::chrono::steady_clock::now();
+    auto sent = std::async(std::launch::async, [&] {
+      int id = tavtest::send_raw_op(s.ld, 0x4a, tavtest::tlv(0x4a, huge));
+      return std::make_pair(id, ldap_get_errno(s.ld));
+    });
+    // Without the time-out the write would wait for the server to close.
+    EXPECT_EQ(sent.wait_for(std::chrono::seconds(60)), std::future_status::ready) << "the write never timed out";
+    fake.open_gate();
+    EXPECT_EQ(sent.get(), std::make_pair(-1, LDAP_SERVER_DOWN));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
+    // The connection is closed for good: the next request fails too.
+    EXPECT_EQ(tavtest::send_raw_op(s.ld, 0x4a, std::string("\x4a\x00", 2)), -1);
+    EXPECT_EQ(ldap_get_errno(s.ld), LDAP_SERVER_DOWN);
+    EXPECT_EQ(get_default_connection(s.ld)->lc_closed, 1);
+  }
+  unsetenv("LDAP_LIB_WRITE_TIMEOUT");
+  ldap_reset_write_timeout();
+}
+
+TEST(EngineFaults, ServerDyingMidResponseOrMissingGives81ToEveryWaiter) {
+  FakeServer fake;
+  fake.on_request([](const std::string &) { return std::string(); })
+      .on_request([](const std::string &r) {
+        std::string entry = search_entry(request_msgid(r), "cn=partial");
+        return entry.substr(0, entry.size() / 2);
+      })
+      .close();
+  fake.start();
+  Session s(fake);
+  int ids[2] = {tavtest::send_search(s.ld, "cn=a", 0), tavtest::send_search(s.ld, "cn=b", 0)};
+  int rc[2] = {0, 0}, err[2] = {0, 0};
+  std::thread waiters[2];
+  for (int i = 0; i < 2; ++i)
+    waiters[i] = std::thread([&, i] {
+      LDAPMessage *r = nullptr;
+      rc[i] = ldap_result(s.ld, ids[i], LDAP_MSG_ALL, nullptr, &r);
+      err[i] = ldap_get_errno(s.ld);
+    });
+  for (auto &w : waiters) w.join();
+  EXPECT_EQ(std::make_pair(rc[0], rc[1]), std::make_pair(-1, -1));
+  EXPECT_EQ(std::make_pair(err[0], err[1]), std::make_pair(LDAP_SERVER_DOWN, LDAP_SERVER_DOWN));
+  EXPECT_EQ(get_default_connection(s.ld)->lc_closed, 1);
+
+  // Nothing listening: 81, and the connection stays closed.
+  LDAP *ld = ldap_init("127.0.0.1", tavtest::free_port());
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(tavtest::send_search(ld, "o=x", 0), -1);
+    EXPECT_EQ(ldap_get_errno(ld), LDAP_SERVER_DOWN);
+    EXPECT_EQ(get_default_connection(ld)->lc_closed, 1);
+  }
+  ldap_unbind(ld);
+}
+
+}  // namespace
