@@ -9,6 +9,16 @@ static int peer_search(LDAP *ld, const char *base, int scope, const char *filter
 #define SB_BER_FREE(c) ber_free((c), 0)
 #include "search_bench_work.h"
 
+/* Referrals are chased binding as SB_REBIND_DN / SB_REBIND_PW when set. */
+static int peer_rebind(LDAP *ld, LDAP_CONST char *url, ber_tag_t request, ber_int_t msgid, void *params) {
+  (void)url;
+  (void)request;
+  (void)msgid;
+  (void)params;
+  struct berval pw = {strlen(getenv("SB_REBIND_PW")), getenv("SB_REBIND_PW")};
+  return ldap_sasl_bind_s(ld, getenv("SB_REBIND_DN"), LDAP_SASL_SIMPLE, &pw, NULL, NULL, NULL);
+}
+
 int main(int argc, char **argv) {
   if (argc < 4) return 2;
   char url[300];
@@ -17,6 +27,10 @@ int main(int argc, char **argv) {
   if (ldap_initialize(&ld, url) != LDAP_SUCCESS) return 1;
   int v3 = LDAP_VERSION3;
   ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &v3);
+  if (getenv("SB_REBIND_DN") && getenv("SB_REBIND_PW")) {
+    ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_ON);
+    ldap_set_rebind_proc(ld, peer_rebind, NULL);
+  }
   int rc = sb_main(ld, argc - 3, argv + 3);
   ldap_unbind_ext_s(ld, NULL, NULL);
   return rc;

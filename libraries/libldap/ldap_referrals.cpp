@@ -67,12 +67,10 @@ const char *scope_name(int scope) {
   }
 }
 
-// Puts `msg` into `row`'s chain directly in front of `before` (at the tail
-// when `before` is not in the chain).
+// Puts `msg` into `row`'s chain directly in front of `before`, which is in
+// the chain (a carrier stays there until its chase ends), or at the tail when
+// `before` is null.
 void link_before(ldap_msg_row *row, LDAPMessage *msg, LDAPMessage *before) {
-  bool found = false;
-  for (LDAPMessage *m = row->head; m != nullptr && !found; m = m->lm_chain) found = m == before;
-  if (!found) before = nullptr;
   msg->lm_chain = before;
   msg->lm_prev = before != nullptr ? before->lm_prev : row->tail;
   if (msg->lm_prev != nullptr)
