@@ -769,6 +769,9 @@ LDAPMessage *chase_v2_referrals(LDAP *ld, LDAPMessage *msg, const char *text, st
 int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout, int *err, int hops) {
   *out = msg;
   *err = 0;
+  // A reply that could not be decoded is a decoding error for its request,
+  // never a referral to follow.
+  if (msg->lm_flags & LDAP_MSG_UNDECODABLE) return msg->lm_msgtype;
   BerPtr copy(ldap_ber_dup(msg->lm_ber));
   if (!copy) return msg->lm_msgtype;
   if (msg->lm_msgtype == kSearchReference) {

@@ -71,4 +71,24 @@ TEST(ReferralFaults, ServerClosingAtEveryByteOfAReferringAnswerGives81) {
   }
 }
 
+TEST(ReferralFaults, AReplyThatDoesNotAnswerItsRequestIsNeverChased) {
+  // A BindResponse answering a search, carrying a referral: a decoding error,
+  // and the server it names is never contacted.
+  FakeServer elsewhere;
+  elsewhere.start();
+  const std::string url = ReferralServers::url(elsewhere.port(), "o=x");
+  FakeServer a;
+  a.on_request([&](const std::string &r) {
+     using namespace tavtest;
+     return message(request_msgid(r), tlv(0x61, integer(10, 0x0A) + str("") + str("") + tlv(0xA3, str(url))));
+   }).hold_until_closed();
+  a.start();
+  LDAP *ld = ldap_init("127.0.0.1", a.port());
+  LDAPMessage *res = nullptr;
+  EXPECT_EQ(ldap_search_st(ld, "o=x", 0, "(objectClass=*)", nullptr, 0, nullptr, &res), LDAP_DECODING_ERROR);
+  ldap_msgfree(res);
+  ldap_unbind(ld);
+  EXPECT_EQ(elsewhere.received(), "");
+}
+
 }  // namespace
