@@ -101,6 +101,28 @@ TEST_F(Cli, ChangeRecordsOfEveryKindAreApplied) {
 
 // The exit status is the server's code; standard error carries the library's
 // text for it.  Usage errors exit with 2.
+TEST_F(Cli, UrlSearchesPrintWhatLdapsearchPrintsAndReferralsAreChasedUnlessTold) {
+  const std::string url = slapd->url() + "/" + SlapdServer::kPeopleDn + "?uid,cn?one?(|(uid=user1)(uid=user2))";
+  auto r = run("url", {url});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out + "\n",
+            ldapsearch({"-b", SlapdServer::kPeopleDn, "-s", "one", "(|(uid=user1)(uid=user2))", "uid", "cn"}));
+  EXPECT_EQ(run("url", {"ldap:///o=x??wide"}).exit_code, LDAP_PARAM_ERROR);
+  // A referral object pointing back into this server: followed (binding with
+  // -D/-w), or with -C handed back as the search's result.
+  const std::string ref = "ou=ref," + std::string(SlapdServer::kSuffix);
+  std::string out;
+  ASSERT_EQ(slapd->ldap_tool("ldapadd", {"-M", "-D", SlapdServer::kRootDn, "-w", SlapdServer::kRootPw}, &out,
+                             "dn: " + ref + "\nobjectClass: referral\nobjectClass: extensibleObject\nou: ref\nref: " +
+                                 slapd->url() + "/" + SlapdServer::user_dn(3) + "\n"),
+            0)
+      << out;
+  r = run("search", {"-b", ref, "-s", "base", "(objectClass=*)", "uid"});
+  EXPECT_EQ(std::make_pair(r.exit_code, r.out), std::make_pair(0, "dn: " + SlapdServer::user_dn(3) + "\nuid: user3\n"));
+  r = run("search", {"-C", "-b", ref, "-s", "base"});
+  EXPECT_EQ(std::make_pair(r.exit_code, r.out), std::make_pair(LDAP_REFERRAL, std::string()));
+}
+
 TEST_F(Cli, FailuresExitWithTheResultCode) {
   const std::tuple<std::string, std::vector<std::string>, std::string, bool, int> cases[] = {
       {"add",
