@@ -350,8 +350,24 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
       row->held_result = nullptr;
     }
     if (answer != nullptr) {
-      answer->lm_chain = answer->lm_prev = nullptr;
-      row->head = row->tail = answer;
+      // The answer stands in for the row's final result (the referral that
+      // could not be followed); entries before it stay in the chain.
+      LDAPMessage *last = row->tail;
+      if (last != nullptr && is_last_msg(last)) {
+        row->tail = last->lm_prev;
+        if (row->tail != nullptr)
+          row->tail->lm_chain = nullptr;
+        else
+          row->head = nullptr;
+        free_msg(last, 0);
+      }
+      answer->lm_chain = nullptr;
+      answer->lm_prev = row->tail;
+      if (row->tail != nullptr)
+        row->tail->lm_chain = answer;
+      else
+        row->head = answer;
+      row->tail = answer;
       *result = answer;
       rc = answer->lm_msgtype;
     } else {

@@ -2,6 +2,7 @@
 // ThreadSanitizer no access to the table's size or rows may go unlocked.
 #include <gtest/gtest.h>
 
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,11 +23,14 @@ TEST(EngineRowsConcurrency, TableGrowsWhileThreadsSendAndWait) {
   ASSERT_EQ(ldap_simple_bind_s(ld, SlapdServer::kRootDn, SlapdServer::kRootPw), 0);
   std::vector<std::thread> threads;
   std::vector<int> entries(kThreads, 0);
+  std::latch all_sent(kThreads);
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&, t] {
       std::vector<int> ids;
       for (int i = 0; i < kEach; ++i)
         ids.push_back(ldap_search(ld, SlapdServer::kPeopleDn, 1, "(objectClass=*)", nullptr, 0));
+      // Every request is outstanding before any is collected.
+      all_sent.arrive_and_wait();
       for (int id : ids) {
         LDAPMessage *res = nullptr;
         if (id > 0 && ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) == 0x65)
