@@ -14,42 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "bench_driver.h"
 #include "referral_servers.h"
 
-namespace {
-
-std::string bin_dir() {
-  char path[4096];
-  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return ".";
-  path[n] = '\0';
-  std::string s(path);
-  return s.substr(0, s.rfind('/'));
-}
-
-// Runs a client, returns the key=value figures of its output line.
-std::map<std::string, double> run(const std::string &program, const std::vector<std::string> &args) {
-  std::string cmd = program;
-  for (const auto &a : args) cmd += " '" + a + "'";
-  std::map<std::string, double> out;
-  FILE *p = popen(cmd.c_str(), "r");
-  if (p == nullptr) return out;
-  char word[256];
-  while (fscanf(p, "%255s", word) == 1) {
-    std::string w(word);
-    size_t eq = w.find('=');
-    if (eq != std::string::npos) out[w.substr(0, eq)] = atof(w.c_str() + eq + 1);
-  }
-  out["status"] = pclose(p);
-  return out;
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
-}
-
-}  // namespace
+using tavbench::median;
 
 int main(int argc, char **argv) {
   const int entries = argc > 1 ? atoi(argv[1]) : 10000;
@@ -61,7 +29,7 @@ int main(int argc, char **argv) {
   }
   setenv("SB_REBIND_DN", tavtest::SlapdServer::kRootDn, 1);
   setenv("SB_REBIND_PW", tavtest::SlapdServer::kRootPw, 1);
-  const std::string dir = bin_dir();
+  const std::string dir = tavbench::bin_dir();
   const std::string clients[2] = {dir + "/search_bench_ours", dir + "/ldap_peer"};
   const char *names[2] = {"ours", "libldap"};
   const std::vector<std::string> args = {"127.0.0.1", std::to_string(servers.port_a()), "walk",
@@ -70,7 +38,9 @@ int main(int argc, char **argv) {
   int seen[2] = {0, 0};
   for (int r = 0; r <= runs; ++r)
     for (int c = 0; c < 2; ++c) {
-      auto f = run(clients[c], args);
+      std::vector<std::string> argv = {clients[c]};
+      argv.insert(argv.end(), args.begin(), args.end());
+      auto f = tavbench::run_client(argv);
       if (f["status"] != 0 || f["rc"] != 0) {
         fprintf(stderr, "%s: run failed (status %.0f, rc %.0f); discarded\n", names[c], f["status"], f["rc"]);
         continue;

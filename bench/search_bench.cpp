@@ -18,20 +18,14 @@
 #include <string>
 #include <vector>
 
+#include "bench_driver.h"
 #include "slapd_server.h"
 
+using tavbench::bin_dir;
+using tavbench::median;
 using tavtest::SlapdServer;
 
 namespace {
-
-std::string bin_dir() {
-  char path[4096];
-  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return ".";
-  path[n] = '\0';
-  std::string s(path);
-  return s.substr(0, s.rfind('/'));
-}
 
 struct ChildRun {
   std::map<std::string, double> figures;  // key=value pairs of the child's line
@@ -63,20 +57,8 @@ ChildRun run_child(const std::string &program, const std::vector<std::string> &a
   rusage ru{};
   wait4(pid, &out.status, 0, &ru);
   out.max_rss_kb = ru.ru_maxrss;
-  for (size_t at = 0; at < text.size();) {
-    size_t end = text.find_first_of(" \n", at);
-    if (end == std::string::npos) end = text.size();
-    std::string item = text.substr(at, end - at);
-    size_t eq = item.find('=');
-    if (eq != std::string::npos) out.figures[item.substr(0, eq)] = atof(item.c_str() + eq + 1);
-    at = end + 1;
-  }
+  out.figures = tavbench::figures_of(text);
   return out;
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
 }
 
 }  // namespace

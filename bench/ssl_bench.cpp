@@ -17,41 +17,21 @@
 #include <string>
 #include <vector>
 
+#include "bench_driver.h"
 #include "process.h"
 #include "slapd_server.h"
 
+using tavbench::bin_dir;
+using tavbench::median;
 using tavtest::SlapdServer;
 
 namespace {
 
-std::string bin_dir() {
-  char path[4096];
-  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return ".";
-  path[n] = '\0';
-  std::string s(path);
-  return s.substr(0, s.rfind('/'));
-}
-
 // The key=value figures of the child's output line; "status" holds its exit status.
 std::map<std::string, double> run_child(const std::vector<std::string> &argv) {
-  tavtest::ProcessResult r = tavtest::run_process(argv);
-  std::map<std::string, double> figures{{"status", (double)r.exit_code}};
-  for (size_t at = 0; at < r.out.size();) {
-    size_t end = r.out.find_first_of(" \n", at);
-    if (end == std::string::npos) end = r.out.size();
-    std::string item = r.out.substr(at, end - at);
-    size_t eq = item.find('=');
-    if (eq != std::string::npos) figures[item.substr(0, eq)] = atof(item.c_str() + eq + 1);
-    at = end + 1;
-  }
-  if (r.exit_code != 0) fprintf(stderr, "%s failed (%d): %s\n", argv[0].c_str(), r.exit_code, r.err.c_str());
+  auto figures = tavbench::run_client(argv);
+  if (figures["status"] != 0) fprintf(stderr, "%s failed (%.0f)\n", argv[0].c_str(), figures["status"]);
   return figures;
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
 }
 
 }  // namespace

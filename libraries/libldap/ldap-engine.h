@@ -76,6 +76,10 @@ TAV_INTERNAL int ldap_get_msg_any(LDAP *ld, ldap_msg_table *table, int *msgid, i
 TAV_INTERNAL int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, struct timeval *timeout,
                                             LDAPMessage **result);
 TAV_INTERNAL void ldap_msg_table_unlink_msg(LDAPMessage *msg);
+// A row's chain, under its table lock: `msg` in front of `before` (a member
+// of the chain), or at the tail when `before` is null; `msg` out of it.
+TAV_INTERNAL void ldap_msg_row_link_before(ldap_msg_row *row, LDAPMessage *msg, LDAPMessage *before);
+TAV_INTERNAL void ldap_msg_row_unlink(ldap_msg_row *row, LDAPMessage *msg);
 TAV_INTERNAL int ldap_msg_table_release_if_done(ldap_msg_table *table, int msgid);
 TAV_INTERNAL void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits);
 TAV_INTERNAL void ldap_msg_table_detach_referral(LDAP *ld, ldap_msg_table *table, int msgid);

@@ -67,35 +67,6 @@ const char *scope_name(int scope) {
   }
 }
 
-// Puts `msg` into `row`'s chain directly in front of `before`, which is in
-// the chain (a carrier stays there until its chase ends), or at the tail when
-// `before` is null.
-void link_before(ldap_msg_row *row, LDAPMessage *msg, LDAPMessage *before) {
-  msg->lm_chain = before;
-  msg->lm_prev = before != nullptr ? before->lm_prev : row->tail;
-  if (msg->lm_prev != nullptr)
-    msg->lm_prev->lm_chain = msg;
-  else
-    row->head = msg;
-  if (before != nullptr)
-    before->lm_prev = msg;
-  else
-    row->tail = msg;
-}
-
-void unlink_from(ldap_msg_row *row, LDAPMessage *msg) {
-  if (msg->lm_prev != nullptr)
-    msg->lm_prev->lm_chain = msg->lm_chain;
-  else if (row->head == msg)
-    row->head = msg->lm_chain;
-  if (msg->lm_chain != nullptr)
-    msg->lm_chain->lm_prev = msg->lm_prev;
-  else if (row->tail == msg)
-    row->tail = msg->lm_prev;
-  if (row->next_unread == msg) row->next_unread = msg->lm_chain;
-  msg->lm_chain = msg->lm_prev = nullptr;
-}
-
 LDAPMessage *new_result(LDAPConn *conn, int msgid, int type, int code, const char *text) {
   BerElement *ber = ldap_build_result_ber(code, nullptr, text, msgid, type);
   if (ber == nullptr) return nullptr;
@@ -277,8 +248,8 @@ int ldap_referral_final_result(LDAP *ld, LDAPMessage *msg, LDAPMessage **out) {
     row->ref_text = nullptr;
     if (final_msg != nullptr) {
       // The stand-in replaces the server's own final result: a chain has one.
-      link_before(row, final_msg, msg);
-      unlink_from(row, msg);
+      ldap_msg_row_link_before(row, final_msg, msg);
+      ldap_msg_row_unlink(row, msg);
       free_msg(msg, 0);
       *out = final_msg;
     }
@@ -314,7 +285,8 @@ void ldap_referral_hold_child_result(LDAPMessage **msg) {
 void ldap_referral_discard_msg(LDAPMessage *msg) {
   ldap_msg_table *table = table_of(msg);
   if (table != nullptr && LDAP_MUTEX_LOCK(&table->table_mutex) == 0) {
-    if (msg->lm_msgid >= 0 && (uint32_t)msg->lm_msgid < table->size) unlink_from(&table->rows[msg->lm_msgid], msg);
+    if (msg->lm_msgid >= 0 && (uint32_t)msg->lm_msgid < table->size)
+      ldap_msg_row_unlink(&table->rows[msg->lm_msgid], msg);
     LDAP_MUTEX_UNLOCK(&table->table_mutex);
   }
   free_msg(msg, 0);
@@ -618,7 +590,7 @@ int ldap_msg_table_merge_referral_msg(LDAPMessage **msg, ldap_msg_table *ptable,
   int deliver = 0;
   if (m->lm_msgtype != kSearchDone) {
     // Answers of the chased request stand where the referral stood.
-    link_before(&ptable->rows[pid], m, carrier);
+    ldap_msg_row_link_before(&ptable->rows[pid], m, carrier);
     deliver = 1;
   } else {
     LDAP_MUTEX_UNLOCK(&ptable->table_mutex);
@@ -641,7 +613,7 @@ int ldap_msg_table_merge_referral_msg(LDAPMessage **msg, ldap_msg_table *ptable,
         get_return_error_msg(carrier, 0, nullptr, &standin);
       }
       if (standin != nullptr) {
-        link_before(row, standin, carrier);
+        ldap_msg_row_link_before(row, standin, carrier);
         *msg = standin;
         deliver = 1;
       }
@@ -650,7 +622,7 @@ int ldap_msg_table_merge_referral_msg(LDAPMessage **msg, ldap_msg_table *ptable,
   ldap_msg_row *row = &ptable->rows[pid];
   if (child_finished && row->child_link == link && link != nullptr) {
     if (carrier != nullptr) {
-      unlink_from(row, carrier);
+      ldap_msg_row_unlink(row, carrier);
       free_msg(carrier, 0);
     }
     free(link);

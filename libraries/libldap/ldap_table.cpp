@@ -354,20 +354,10 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
       // could not be followed); entries before it stay in the chain.
       LDAPMessage *last = row->tail;
       if (last != nullptr && is_last_msg(last)) {
-        row->tail = last->lm_prev;
-        if (row->tail != nullptr)
-          row->tail->lm_chain = nullptr;
-        else
-          row->head = nullptr;
+        ldap_msg_row_unlink(row, last);
         free_msg(last, 0);
       }
-      answer->lm_chain = nullptr;
-      answer->lm_prev = row->tail;
-      if (row->tail != nullptr)
-        row->tail->lm_chain = answer;
-      else
-        row->head = answer;
-      row->tail = answer;
+      ldap_msg_row_link_before(row, answer, nullptr);
       *result = answer;
       rc = answer->lm_msgtype;
     } else {
@@ -417,22 +407,38 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
   return rc;
 }
 
+void ldap_msg_row_link_before(ldap_msg_row *row, LDAPMessage *msg, LDAPMessage *before) {
+  msg->lm_chain = before;
+  msg->lm_prev = before != nullptr ? before->lm_prev : row->tail;
+  if (msg->lm_prev != nullptr)
+    msg->lm_prev->lm_chain = msg;
+  else
+    row->head = msg;
+  if (before != nullptr)
+    before->lm_prev = msg;
+  else
+    row->tail = msg;
+}
+
+void ldap_msg_row_unlink(ldap_msg_row *row, LDAPMessage *msg) {
+  if (msg->lm_prev != nullptr)
+    msg->lm_prev->lm_chain = msg->lm_chain;
+  else if (row->head == msg)
+    row->head = msg->lm_chain;
+  if (msg->lm_chain != nullptr)
+    msg->lm_chain->lm_prev = msg->lm_prev;
+  else if (row->tail == msg)
+    row->tail = msg->lm_prev;
+  if (row->next_unread == msg) row->next_unread = msg->lm_chain;
+  msg->lm_chain = msg->lm_prev = nullptr;
+}
+
 void ldap_msg_table_unlink_msg(LDAPMessage *msg) {
   if (msg == nullptr || msg->lm_conn == nullptr || msg->lm_conn->lc_msgtable == nullptr) return;
   ldap_msg_table *table = msg->lm_conn->lc_msgtable;
   if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
-  if (msg->lm_msgid >= 0 && (uint32_t)msg->lm_msgid < table->size) {
-    ldap_msg_row *row = &table->rows[msg->lm_msgid];
-    if (msg->lm_prev != nullptr)
-      msg->lm_prev->lm_chain = msg->lm_chain;
-    else if (row->head == msg)
-      row->head = msg->lm_chain;
-    if (msg->lm_chain != nullptr)
-      msg->lm_chain->lm_prev = msg->lm_prev;
-    else if (row->tail == msg)
-      row->tail = msg->lm_prev;
-    if (row->next_unread == msg) row->next_unread = msg->lm_chain;
-  }
+  if (msg->lm_msgid >= 0 && (uint32_t)msg->lm_msgid < table->size)
+    ldap_msg_row_unlink(&table->rows[msg->lm_msgid], msg);
   msg->lm_chain = msg->lm_prev = nullptr;
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
 }

@@ -1,0 +1,57 @@
+// What the benchmark drivers share: where the client programs live, the
+// key=value figures a client prints, medians.
+#ifndef TAV_BENCH_DRIVER_H
+#define TAV_BENCH_DRIVER_H
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "process.h"
+
+namespace tavbench {
+
+// The folder of the running program (the clients are built beside it).
+inline std::string bin_dir() {
+  char path[4096];
+  ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (n <= 0) return ".";
+  path[n] = '\0';
+  std::string s(path);
+  return s.substr(0, s.rfind('/'));
+}
+
+// The key=value items of a client's output.
+inline std::map<std::string, double> figures_of(const std::string &text) {
+  std::map<std::string, double> figures;
+  for (size_t at = 0; at < text.size();) {
+    size_t end = text.find_first_of(" \n", at);
+    if (end == std::string::npos) end = text.size();
+    const std::string item = text.substr(at, end - at);
+    const size_t eq = item.find('=');
+    if (eq != std::string::npos) figures[item.substr(0, eq)] = atof(item.c_str() + eq + 1);
+    at = end + 1;
+  }
+  return figures;
+}
+
+// Runs a client; its figures, with "status" holding its exit status.
+inline std::map<std::string, double> run_client(const std::vector<std::string> &argv) {
+  tavtest::ProcessResult r = tavtest::run_process(argv);
+  std::map<std::string, double> figures = figures_of(r.out);
+  figures["status"] = r.exit_code;
+  return figures;
+}
+
+inline double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.empty() ? 0 : v[v.size() / 2];
+}
+
+}  // namespace tavbench
+
+#endif
