@@ -16,6 +16,8 @@ TAV_INTERNAL int fber_select(Sockbuf *sb, struct timeval *timeout);
 TAV_INTERNAL int FBerReadDirect_nb(Sockbuf *sb, char *dest, int count, int *left);
 TAV_INTERNAL int fber_socket_read_nb(Sockbuf *sb, char *dest, int count, int *would_block);
 TAV_INTERNAL long BerWrite(Sockbuf *sb, const char *bytes, long count);
+// Frees the socket record's read-ahead buffer and forgets what it held.
+TAV_INTERNAL void fber_sockbuf_release(Sockbuf *sb);
 
 // The security toolkit's read, write and message functions, set when a
 // toolkit is bound; a secure socket cannot be used without them.

@@ -6,19 +6,30 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 
+#include "fber-fdset.h"
+#include "fber-stream.h"
 #include "lber-int.h"
 #include "ldap-debug.h"
 #include "ldap-utils.h"
-#include "fber-fdset.h"
-#include "fber-stream.h"
 #include "sockbuf.h"
 
 namespace {
 
 constexpr int kWouldBlock = 11;  // what readers report when the socket has no data
 constexpr size_t kMaxPlainWrite = 65535;
+constexpr uint32_t kReadAhead = 64 * 1024;
+
+// Hands out up to `count` bytes already read ahead; how many.
+int take_ahead(Sockbuf *sb, char *dest, int count) {
+  const uint32_t held = sb->sb_rlen - sb->sb_rpos;
+  const uint32_t n = held < (uint32_t)count ? held : (uint32_t)count;
+  memcpy(dest, sb->sb_rbuf + sb->sb_rpos, n);
+  sb->sb_rpos += n;
+  return (int)n;
+}
 
 }  // namespace
 
@@ -48,7 +59,20 @@ int fber_socket_read_nb(Sockbuf *sb, char *dest, int count, int *would_block) {
       return -1;
     }
     result = got;
+  } else if (sb->sb_rpos < sb->sb_rlen) {
+    return take_ahead(sb, dest, count);
+  } else if ((uint32_t)count < kReadAhead &&
+             (sb->sb_rbuf != nullptr || (sb->sb_rbuf = static_cast<char *>(olx_malloc(kReadAhead))) != nullptr)) {
+    // One read for as much as the socket holds; what the element reader does
+    // not take now is served from memory to its next calls.
+    result = read(sb->sb_sd, sb->sb_rbuf, kReadAhead);
+    if (result > 0) {
+      sb->sb_rpos = 0;
+      sb->sb_rlen = (uint32_t)result;
+      return take_ahead(sb, dest, count);
+    }
   } else {
+    // Large contents go straight to their element (or no buffer could be had).
     result = read(sb->sb_sd, dest, (size_t)count);
   }
   if (result == -1) {
@@ -113,8 +137,7 @@ ber_tag_t fber_get_next_nb(Sockbuf *sb, BerElement *ber, uint32_t *state) {
       const int n = (int)(ber->ber_len & 0x7F);
       if (n > 8) return LBER_ERROR;
       int left = n - ber->ber_lenread;
-      int rc = FBerReadDirect_nb(sb, (char *)ber->ber_lenbuf + (8 - n) + ber->ber_lenread, n - ber->ber_lenread,
-                                 &left);
+      int rc = FBerReadDirect_nb(sb, (char *)ber->ber_lenbuf + (8 - n) + ber->ber_lenread, n - ber->ber_lenread, &left);
       if (rc == kWouldBlock) {
         ber->ber_lenread = n - left;
         return kWouldBlock;
@@ -162,6 +185,12 @@ ber_tag_t fber_get_next_nb(Sockbuf *sb, BerElement *ber, uint32_t *state) {
   return ber->ber_tag;
 }
 
+void fber_sockbuf_release(Sockbuf *sb) {
+  free(sb->sb_rbuf);
+  sb->sb_rbuf = nullptr;
+  sb->sb_rpos = sb->sb_rlen = 0;
+}
+
 long BerWrite(Sockbuf *sb, const char *bytes, long count) {
   if (sb->sb_ssl != nullptr) {
     if (fber_ssl_write_hook == nullptr) return -1;
@@ -205,6 +234,7 @@ int fber_select(Sockbuf *sb, struct timeval *timeout) {
     return -1;
   }
   FberFdSet readers;
+  if (sb->sb_rpos < sb->sb_rlen) return 1;  // read ahead already
   if (sb->sb_ssl != nullptr && fber_ssl_read_hook != nullptr) {
     // The toolkit may hold decrypted data the socket no longer shows.
     int count = -1;

@@ -131,6 +131,8 @@ void close_connection(Sockbuf *sb) {
   shutdown(sb->sb_sd, SHUT_RDWR);
   close(sb->sb_sd);
   sb->sb_sd = -1;
+  // Bytes read ahead belong to the closed socket.
+  fber_sockbuf_release(sb);
 }
 
 LDAPConn *get_default_connection(LDAP *ld) {

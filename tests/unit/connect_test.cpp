@@ -169,7 +169,8 @@ TEST(Resolution, NamesAndLocalSockets) {
   olx_fail_alloc_at(0);
   // A host beginning with "/" is a local socket.
   tavtest::TempDir dir;
-  Sockbuf sb{-1, nullptr};
+  Sockbuf sb{};
+  sb.sb_sd = -1;
   EXPECT_EQ(open_connection(&sb, dir.file("nothing-here").c_str(), htons(389)), LDAP_CONNECT_ERROR);
   EXPECT_EQ(sb.sb_sd, -1);
   std::string long_path = "/" + std::string(sizeof(((sockaddr_un *)nullptr)->sun_path), 'p');

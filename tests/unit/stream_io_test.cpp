@@ -26,6 +26,7 @@ struct Pair {
     sb.sb_sd = fds[0];
   }
   ~Pair() {
+    fber_sockbuf_release(&sb);
     close(fds[0]);
     if (fds[1] >= 0) close(fds[1]);
   }
@@ -95,7 +96,11 @@ TEST(StreamRead, LengthsOfTwoGigabytesAndMoreAreRefusedBeforeAnyAllocation) {
   for (const char *header :
        {"30 84 7F FF FF FF", "30 84 FF FF FF FF", "30 85 01 00 00 00 00", "30 88 00 00 01 00 00 00 00 00"}) {
     Pair p;
-    p.peer_writes(unhex(header) + "\x02\x01");
+    // A whole element first, so the connection's read-ahead buffer exists.
+    p.peer_writes(kResponse + unhex(header) + "\x02\x01");
+    Ber first(fber_alloc_with_options(1, 0, 3));
+    uint32_t first_state = 0;
+    ASSERT_EQ(fber_get_next_nb(&p.sb, first.get(), &first_state), 0x30u);
     olx_fail_alloc_at(1L << 40);  // count allocations, fail none
     EXPECT_EQ(p.next(), LBER_ERROR) << header;
     EXPECT_EQ(olx_fail_alloc_at(0), 0) << header << ": allocated for the announced length";
