@@ -12,9 +12,25 @@ namespace {
 // (error record 0) or on failure (error record set).
 char *next_name(LDAP *ld, BerElement *cursor) {
   ber_len_t len = 0;
-  if (cursor->ber_ptr >= cursor->ber_end || fber_peek_tag(cursor, &len) == 0xA0) {
-    ldap_set_errno_direct(ld, 0, nullptr, nullptr);
-    return nullptr;
+  for (;;) {
+    if (cursor->ber_ptr >= cursor->ber_end || fber_peek_tag(cursor, &len) == 0xA0) {
+      ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+      return nullptr;
+    }
+    // An attribute whose description is longer than a name may be is passed
+    // over; the attributes after it stay reachable.
+    char *start = cursor->ber_ptr;
+    if (fber_skip_tag(cursor, nullptr) == LBER_DEFAULT || fber_peek_tag(cursor, &len) == LBER_DEFAULT) {
+      ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
+      return nullptr;
+    }
+    cursor->ber_ptr = start;
+    if (len <= LDAP_ATTR_NAME_MAX) break;
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_attribute: skipping a description of %lu bytes\n", (unsigned long)len);
+    if (fber_skip_element(cursor) != 0) {
+      ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
+      return nullptr;
+    }
   }
   auto *name = static_cast<char *>(olx_malloc(LDAP_ATTR_NAME_MAX + 1));
   if (name == nullptr) {

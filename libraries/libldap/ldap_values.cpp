@@ -36,8 +36,14 @@ bool find_attribute(BerElement *copy, const char *attr) {
     if (!first && fber_skip_element(copy) != 0) return false;
     if (copy->ber_ptr >= copy->ber_end || fber_peek_tag(copy, &len) != 0x30) return false;
     ber_len_t size = sizeof type;
-    if (fber_skip_tag(copy, nullptr) == LBER_DEFAULT || fber_get_stringb(copy, type, &size, translate) == LBER_DEFAULT)
-      return false;
+    if (fber_skip_tag(copy, nullptr) == LBER_DEFAULT || fber_peek_tag(copy, &len) == LBER_DEFAULT) return false;
+    // A description longer than any name looked up is passed over, not taken
+    // for the end of the entry.
+    if (len >= sizeof type) {
+      if (fber_skip_element(copy) != 0) return false;
+      continue;
+    }
+    if (fber_get_stringb(copy, type, &size, translate) == LBER_DEFAULT) return false;
     if (same_name(type, attr)) return true;
   }
 }

@@ -103,6 +103,20 @@ TEST_F(Chain, AttributesInOrderValuesByAnyCaseThenControls) {
   ldap_ber_free(c2);
 }
 
+TEST_F(Chain, AnOverlongDescriptionIsPassedOverAndTheRestStaysReachable) {
+  const std::string huge(401, 'x');
+  LDAPMessage *e = add(entry("cn=b", {{"cn", {"b"}}, {huge, {"hidden"}}, {"sn", {"s"}}}));
+  int err = -1;
+  EXPECT_EQ(walk(e, &err), "cn=b|cn=62,;sn=73,;");
+  EXPECT_EQ(err, 0);
+  char **vals = ldap_get_values(ld, e, "sn");
+  ASSERT_EQ(ldap_count_values(vals), 1);
+  EXPECT_STREQ(vals[0], "s");
+  ldap_value_free(vals);
+  LDAPMessage *first = add(entry("cn=c", {{huge, {"hidden"}}, {"sn", {"s"}}}));
+  EXPECT_EQ(walk(first, &err), "cn=c|sn=73,;");
+}
+
 TEST_F(Chain, WalkingAndCountingEntriesAndReferences) {
   LDAPMessage *e1 = add(entry("cn=1", {{"cn", {"1"}}}));
   LDAPMessage *r = add(tlv(0x73, str("ldap://h1/o=x") + str("ldap://h2/o=x")));
