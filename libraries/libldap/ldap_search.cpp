@@ -57,17 +57,20 @@ char *skip_ws(char *p) {
 // An overline (U+203E, E2 80 BE) typed for "~" in the attribute part of an
 // approximate filter becomes "~" again.
 void fold_overlines(char *s) {
+  // One pass: a folded "~" never starts another overline, so nothing before
+  // the write position needs a second look.
   const size_t op = strcspn(s, "<=>");
-  size_t len = strlen(s);
-  for (size_t i = 0; i + 2 < op && i + 2 < len;) {
-    if ((unsigned char)s[i] == 0xE2 && (unsigned char)s[i + 1] == 0x80 && (unsigned char)s[i + 2] == 0xBE) {
-      s[i] = '~';
-      memmove(s + i + 1, s + i + 3, len - i - 2);
-      len -= 2;
-      return fold_overlines(s);  // the operator moved; rescan from the start
+  size_t r = 0, w = 0;
+  while (r < op) {
+    if (r + 2 < op && (unsigned char)s[r] == 0xE2 && (unsigned char)s[r + 1] == 0x80 &&
+        (unsigned char)s[r + 2] == 0xBE) {
+      s[w++] = '~';
+      r += 3;
+    } else {
+      s[w++] = s[r++];
     }
-    ++i;
   }
+  if (w != r) memmove(s + w, s + r, strlen(s + r) + 1);
 }
 
 int put_complex_filter(BerElement *ber, char **cursor, ber_tag_t tag) {
