@@ -298,8 +298,13 @@ TAVLDAP_API int tav_ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods);
 TAVLDAP_API int tav_ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn);
 
 /* Searches and waits at most *timeout (null: without limit) for the whole
- * answer; the server is sent the session's time limit.  *res is set whenever
- * a response arrived, also on failure, and is freed with tav_ldap_msgfree. */
+ * answer; the server is sent the session's time limit.  *res is set when the
+ * search's final result arrived, whatever its code (a size limit, say: the
+ * entries that came are in the chain), and is freed with tav_ldap_msgfree.
+ * On a time-out (85) or a lost connection (81) *res is null: what arrived is
+ * dropped (after a time-out, as soon as the final result comes in).  Result
+ * chains must be freed before tav_ldap_unbind, which frees them with the
+ * session. */
 TAVLDAP_API int tav_ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
                                    int attrsonly, struct timeval *timeout, LDAPMessage **res);
 /* Runs the search an LDAP URL describes (ldap://host:port/base?attrs?scope?filter):
