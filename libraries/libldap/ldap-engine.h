@@ -44,6 +44,11 @@ inline void set_conn_closed(LDAPConn *c) { __atomic_store_n(&c->lc_closed, 1, __
 inline int conn_connected(const LDAPConn *c) { return __atomic_load_n(&c->lc_connected, __ATOMIC_ACQUIRE); }
 inline void set_conn_connected(LDAPConn *c) { __atomic_store_n(&c->lc_connected, 1, __ATOMIC_RELEASE); }
 inline void clear_conn_connected(LDAPConn *c) { __atomic_store_n(&c->lc_connected, 0, __ATOMIC_RELEASE); }
+// Records 81 for a connection that is gone, with the server's notice text
+// when it said goodbye.
+inline void record_conn_down(LDAP *ld, const LDAPConn *c) {
+  ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, __atomic_load_n(&c->lc_notice, __ATOMIC_ACQUIRE));
+}
 
 extern "C" {
 // Messages and chains.

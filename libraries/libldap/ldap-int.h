@@ -134,6 +134,9 @@ struct ldapconn {
   // A referral connection is re-bound once, before its first request: a bind
   // must not share the wire with other requests.
   int lc_rebound;  // ld_conn_mutex
+  // The server's text of a notice of disconnection; set once (atomically)
+  // when the notice is read, freed with the connection.
+  char *lc_notice;
 };
 
 // The session handle.  A handle is live while ld_eyecatcher holds "LDAP HDL".

@@ -42,6 +42,7 @@ void ldap_lc_free(LDAPConn *lc) {
     close_connection(&lc->lc_sb);
   }
   fber_sockbuf_release(&lc->lc_sb);
+  free(lc->lc_notice);
   ldap_msg_table_free(lc->lc_msgtable);
   ldap_controls_free(lc->lc_bind_ctrls);
   pthread_mutex_destroy(&lc->lc_read_mutex);

@@ -4,6 +4,9 @@
 #include <errno.h>
 #include <sys/time.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include "ldap-debug.h"
 #include "ldap-engine.h"
 #include "ldap-lock.h"
@@ -121,6 +124,49 @@ void fail_outstanding(ldap_msg_table *table) {
     store_in_row(table, row, marker);
   }
 }
+// The server's notice that it is closing the connection (an unsolicited
+// ExtendedResponse naming 1.3.6.1.4.1.1466.20036) ends the connection at once:
+// every waiter gets 81, with the server's text.
+bool notice_of_disconnection(ldap_msg_table *table, LDAPMessage *msg) {
+  static const char kOid[] = "1.3.6.1.4.1.1466.20036";
+  if (msg->lm_msgtype != 0x78 || msg->lm_ber == nullptr) return false;
+  BerElement *copy = ldap_ber_dup(msg->lm_ber);
+  if (copy == nullptr) return false;
+  int code = 0;
+  char *matched = nullptr, *text = nullptr, *name = nullptr;
+  ber_len_t len = 0;
+  bool notice = fber_scanf(copy, "{iaa", &code, &matched, &text) != LBER_ERROR && copy->ber_ptr < copy->ber_end &&
+                fber_peek_tag(copy, &len) == 0x8A && fber_scanf(copy, "a", &name) != LBER_ERROR &&
+                strcmp(name, kOid) == 0;
+  fber_free(copy);
+  free(matched);
+  free(name);
+  if (notice) {
+    LDAP_LOG(LDAP_LOG_ERROR, "put_msg_in_table: notice of disconnection (%d): %s\n", code, text ? text : "");
+    char *expected = nullptr;
+    if (!__atomic_compare_exchange_n(&table->conn->lc_notice, &expected, text, false, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_ACQUIRE))
+      free(text);
+    set_conn_closed(table->conn);
+  } else {
+    free(text);
+  }
+  return notice;
+}
+
+// Row 0 is read only by a caller asking for any message one at a time; what
+// nobody reads must not pile up, so only the newest few stay unread.
+constexpr int kRow0Unread = 16;
+void keep_row0_bounded(ldap_msg_row *row) {
+  int unread = 0;
+  for (LDAPMessage *m = row->next_unread; m != nullptr; m = m->lm_chain) ++unread;
+  while (unread-- >= kRow0Unread && row->next_unread != nullptr) {
+    LDAPMessage *oldest = row->next_unread;
+    ldap_msg_row_unlink(row, oldest);
+    free_msg(oldest, 0);
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -194,6 +240,8 @@ int put_msg_in_table(ldap_msg_table *table, LDAPMessage *msg) {
   if (id == 0) {
     // An unsolicited notification that cannot be read answers nothing.
     if (undecodable(msg)) return LDAP_OTHER;
+    if (notice_of_disconnection(table, msg)) return LDAP_OTHER;
+    keep_row0_bounded(row);
   } else {
     // After its final response a request takes no other: a late reply must
     // not change the result its waiter has or is about to get.
@@ -236,7 +284,7 @@ void flush_queue(ldap_msg_table *table) {
 int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   if (conn_closed(conn) == 1) {
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg: Socket connection was closed earlier\n");
-    ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+    record_conn_down(ld, conn);
     return LDAP_SERVER_DOWN;
   }
   if (conn_connected(conn) == 0) {
@@ -247,6 +295,13 @@ int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   if (LDAP_MUTEX_LOCK(&conn->lc_read_mutex) != 0) {
     ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
     return -1;
+  }
+  // The reader before this one may have found the connection gone (a notice
+  // of disconnection leaves the socket open).
+  if (conn_closed(conn) == 1) {
+    LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
+    record_conn_down(ld, conn);
+    return LDAP_SERVER_DOWN;
   }
   ldap_msg_table *table = conn->lc_msgtable;
   LDAPMessage *msg = nullptr;

@@ -387,7 +387,7 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     int soc_err = ldap_msg_table_read(ld, table, timeout);
     if (soc_err != 0) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_get_message: soc_err=%d\n", soc_err);
-      ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+      record_conn_down(ld, table->conn);
       return -1;
     }
     if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {

@@ -195,6 +195,49 @@ TEST(HostileServer, ReplyAfterTheFinalAnswerChangesNothing) {
   ldap_unbind(ld);
 }
 
+std::string unsolicited(const std::string &text, const std::string &oid) {
+  return reply(tlv(0x78, hex("0a 01 34") + tlv(0x04, "") + tlv(0x04, text) + tlv(0x8A, oid)), hex("02 01 00"));
+}
+
+// The server's notice of disconnection (the socket stays open) ends every
+// wait on the connection at once with 81 and the server's text.
+TEST(HostileServer, NoticeOfDisconnectionEndsEveryWaitWithTheServersText) {
+  FakeServer fake;
+  fake.on_request([](const std::string &) { return std::string(); })
+      .on_request([](const std::string &) { return unsolicited("going down", "1.3.6.1.4.1.1466.20036"); })
+      .hold_until_closed();
+  fake.start();
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  const int a = ldap_search(ld, "cn=a", 0, "(objectClass=*)", nullptr, 0);
+  const int b = ldap_search(ld, "cn=b", 0, "(objectClass=*)", nullptr, 0);
+  for (int id : {a, b}) {
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), -1) << id;
+    char *text = nullptr;
+    EXPECT_EQ(ldap_get_error_info(ld, nullptr, &text), LDAP_SERVER_DOWN);
+    EXPECT_STREQ(text, "going down");
+    ldap_memfree(text);
+  }
+  EXPECT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), LDAP_SERVER_DOWN);
+  ldap_unbind(ld);
+}
+
+// Other unsolicited messages do not pile up in the row nobody reads.
+TEST(HostileServer, UnsolicitedMessagesAreKeptOnlyAFew) {
+  std::string flood;
+  for (int i = 0; i < 1000; ++i) flood += unsolicited("hello", "1.2.3");
+  FakeServer fake;
+  fake.on_request([&](const std::string &) { return flood + reply(result(0x61)); }).hold_until_closed();
+  fake.start();
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  EXPECT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), 0);
+  int kept = 0;
+  for (LDAPMessage *m = ld->ld_defconn->lc_msgtable->rows[0].head; m != nullptr; m = m->lm_chain) ++kept;
+  EXPECT_LE(kept, 16);
+  EXPECT_GT(kept, 0);  // the newest stay for a reader of any message
+  ldap_unbind(ld);
+}
+
 TEST(HostileServer, EveryAllocationFailureOnAReplyWithoutIdEndsInADocumentedCode) {
   const std::set<int> documented = {LDAP_DECODING_ERROR, LDAP_NO_MEMORY, LDAP_SERVER_DOWN, LDAP_LOCAL_ERROR};
   for (long n = 1; n < 200; ++n) {
