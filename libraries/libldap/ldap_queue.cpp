@@ -179,13 +179,22 @@ int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *state, struct t
     return -1;
   }
   if (rc == 0) return 0;
+  // The time-out bounds the whole element, not each wait for more of it: a
+  // server sending a byte at a time must not stretch the caller's wait.
+  struct timeval deadline = {0, 0};
+  if (timeout != nullptr) {
+    gettimeofday(&deadline, nullptr);
+    timeradd(&deadline, timeout, &deadline);
+  }
   for (;;) {
     ber_tag_t tag = fber_get_next_nb(&conn->lc_sb, *ber, state);
     if (tag == LBER_ERROR) return -1;
     if (tag != LDAP_WOULD_BLOCK) return 1;
-    // select may change the time-out it is given; wait with a copy.
-    struct timeval left;
-    if (timeout) left = *timeout;
+    struct timeval left = {0, 0}, now;
+    if (timeout != nullptr) {
+      gettimeofday(&now, nullptr);
+      if (timercmp(&now, &deadline, <)) timersub(&deadline, &now, &left);
+    }
     rc = fber_select(&conn->lc_sb, timeout ? &left : nullptr);
     if (rc < 0) {
       LDAP_LOG(LDAP_LOG_ERROR, "wait_for_message: select 2 failed with socket error: rc=%d, errno=%d\n", rc, errno);

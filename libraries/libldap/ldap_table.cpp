@@ -384,7 +384,15 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     flush_queue(table);
     if (deliver()) break;
     LDAP_MUTEX_UNLOCK(&table->table_mutex);
-    int soc_err = ldap_msg_table_read(ld, table, timeout);
+    // Each read gets what is left of the caller's time-out, not all of it.
+    struct timeval left = {0, 0};
+    if (timeout != nullptr) {
+      struct timeval now, spent;
+      gettimeofday(&now, nullptr);
+      timersub(&now, &start, &spent);
+      if (timercmp(&spent, timeout, <)) timersub(timeout, &spent, &left);
+    }
+    int soc_err = ldap_msg_table_read(ld, table, timeout ? &left : nullptr);
     if (soc_err != 0) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_get_message: soc_err=%d\n", soc_err);
       record_conn_down(ld, table->conn);

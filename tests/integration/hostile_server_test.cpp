@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <set>
 #include <string>
@@ -219,6 +220,25 @@ TEST(HostileServer, NoticeOfDisconnectionEndsEveryWaitWithTheServersText) {
     ldap_memfree(text);
   }
   EXPECT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), LDAP_SERVER_DOWN);
+  ldap_unbind(ld);
+}
+
+// A server sending its answer a byte at a time cannot stretch a call past its
+// time-out (each wait for a byte used to restart the whole time-out).
+TEST(HostileServer, ATimeOutBoundsTheWholeCallAgainstATrickle) {
+  FakeServer fake;
+  fake.on_request([](const std::string &) { return std::string(); })
+      .trickle(tavtest::search_done(1), 300)
+      .hold_until_closed();
+  fake.start();
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  struct timeval one = {1, 0};
+  LDAPMessage *res = nullptr;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(ldap_search_st(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0, &one, &res), LDAP_TIMEOUT);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_LT(seconds, 2.5);  // the whole answer takes about 4 s to trickle in
+  EXPECT_EQ(res, nullptr);
   ldap_unbind(ld);
 }
 

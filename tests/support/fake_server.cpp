@@ -55,6 +55,10 @@ FakeServer &FakeServer::on_request(std::function<std::string(const std::string &
   steps_.push_back({Step::kRequest, std::move(reply)});
   return *this;
 }
+FakeServer &FakeServer::trickle(const std::string &bytes, int every_ms) {
+  steps_.push_back({Step::kTrickle, [bytes](const std::string &) { return bytes; }, every_ms});
+  return *this;
+}
 FakeServer &FakeServer::gate() {
   steps_.push_back({Step::kGate, nullptr});
   return *this;
@@ -126,6 +130,12 @@ void FakeServer::run() {
     if (quit_ || conn_fd_ < 0) break;
     if (s.kind == Step::kSend) {
       send_all(s.make(""));
+    } else if (s.kind == Step::kTrickle) {
+      for (char c : s.make("")) {
+        if (quit_ || peer_closed_) break;
+        send_all(std::string(1, c));
+        read_some(s.every_ms);  // also notices the client closing
+      }
     } else if (s.kind == Step::kRequest) {
       std::string element;
       while (!quit_ && !peer_closed_) {

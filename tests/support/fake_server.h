@@ -34,6 +34,9 @@ class FakeServer {
   // Stop here, reading nothing, until the test calls open_gate(): the test's
   // side of a hand-shake ("the client has seen X; go on").
   FakeServer &gate();
+  // A slow server: the bytes one at a time, `every_ms` apart (its pace is the
+  // scenario, not a hand-shake with the test).
+  FakeServer &trickle(const std::string &bytes, int every_ms);
   FakeServer &close();  // close the connection (also implied at the end)
   // Keep reading until the client closes the connection.
   FakeServer &hold_until_closed();
@@ -50,8 +53,9 @@ class FakeServer {
 
  private:
   struct Step {
-    enum Kind { kSend, kRequest, kGate, kClose, kHold } kind;
+    enum Kind { kSend, kRequest, kGate, kClose, kHold, kTrickle } kind;
     std::function<std::string(const std::string &)> make;
+    int every_ms = 0;
   };
   void run();
   bool read_some(int timeout_ms);
