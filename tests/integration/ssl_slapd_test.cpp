@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <regex>
 #include <string>
 
 #include "fake_server.h"
@@ -370,7 +371,8 @@ TEST_F(SslPeer, ServerThatNeverAnswersTheHandshakeFailsAfterTheBudget) {
   std::string t = trace.stop();
   EXPECT_GE(seconds, 4.5);
   EXPECT_LT(seconds, 20.0);
-  EXPECT_NE(t.find("Error - ssl_read: select timed out after: 4."), std::string::npos) << t;
+  // The budget is 5 s; the trace says how long the wait took (4.9... or 5.0... on a loaded machine).
+  EXPECT_TRUE(std::regex_search(t, std::regex("Error - ssl_read: select timed out after: [45]\\."))) << t;
   EXPECT_NE(t.find("tav_secure_soc_init() rc=406 I/O error"), std::string::npos) << "the callback failed with EIO";
   EXPECT_NE(server.received().size(), 0u) << "the client hello was sent";
   EXPECT_EQ(ldap_unbind(ld), 0);
