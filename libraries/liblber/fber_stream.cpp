@@ -21,6 +21,7 @@ namespace {
 constexpr int kWouldBlock = 11;  // what readers report when the socket has no data
 constexpr size_t kMaxPlainWrite = 65535;
 constexpr uint32_t kReadAhead = 64 * 1024;
+constexpr ber_len_t kFirstContents = 64 * 1024;
 
 // Hands out up to `count` bytes already read ahead; how many.
 int take_ahead(Sockbuf *sb, char *dest, int count) {
@@ -153,28 +154,53 @@ ber_tag_t fber_get_next_nb(Sockbuf *sb, BerElement *ber, uint32_t *state) {
       ber->ber_lenread = 0;
     }
     if (ber->ber_len >= 0x7FFFFFFF) return LBER_ERROR;
-    char *buf = static_cast<char *>(olx_calloc(ber->ber_len + 1, 1));
+    // The buffer grows as the contents arrive: an announced length is only a
+    // claim, and a few header bytes must not make the reader allocate it all.
+    const ber_len_t first = ber->ber_len < kFirstContents ? ber->ber_len : kFirstContents;
+    char *buf = static_cast<char *>(olx_calloc(first + 1, 1));
     if (buf == nullptr) {
       LDAP_LOG(LDAP_LOG_ERROR, "fber_get_next_nb: calloc failed, ber->ber_len=%d\n", (int)ber->ber_len);
       return LBER_ERROR;
     }
     ber->ber_buf = ber->ber_ptr = buf;
     ber->ber_end = buf + ber->ber_len;
+    ber->ber_rwptr = buf + first;  // end of the space held so far
     *state = (uint32_t)ber->ber_len;
   }
 
   // Contents: the state word counts the bytes still missing.
-  int left = (int)*state;
-  int rc = FBerReadDirect_nb(sb, ber->ber_end - *state, (int)*state, &left);
-  if (rc == kWouldBlock) {
-    LDAP_LOG(LDAP_LOG_BER, "fber_get_next_nb->FBerReadDirect_nb rc=%d: %d bytes left to read\n", rc, left);
-    *state = (uint32_t)left;
-    return kWouldBlock;
+  for (;;) {
+    char *at = ber->ber_end - *state;
+    if (at == ber->ber_rwptr) {
+      const ber_len_t have = (ber_len_t)(ber->ber_rwptr - ber->ber_buf);
+      const ber_len_t grown = have * 2 < ber->ber_len ? have * 2 : ber->ber_len;
+      char *buf = static_cast<char *>(olx_realloc(ber->ber_buf, grown + 1));
+      if (buf == nullptr) {
+        LDAP_LOG(LDAP_LOG_ERROR, "fber_get_next_nb: calloc failed, ber->ber_len=%d\n", (int)ber->ber_len);
+        return LBER_ERROR;
+      }
+      buf[grown] = '\0';
+      ber->ber_buf = ber->ber_ptr = buf;
+      ber->ber_end = buf + ber->ber_len;
+      ber->ber_rwptr = buf + grown;
+      at = ber->ber_end - *state;
+    }
+    const int room = (int)(ber->ber_rwptr - at);
+    int left = room;
+    int rc = FBerReadDirect_nb(sb, at, room, &left);
+    if (rc == kWouldBlock) {
+      *state -= (uint32_t)(room - left);
+      LDAP_LOG(LDAP_LOG_BER, "fber_get_next_nb->FBerReadDirect_nb rc=%d: %d bytes left to read\n", rc, (int)*state);
+      return kWouldBlock;
+    }
+    if (rc != 0) {
+      LDAP_LOG(LDAP_LOG_BER, "fber_get_next_nb->FBerReadDirect_nb:3 rc=%d\n", rc);
+      return LBER_ERROR;
+    }
+    *state -= (uint32_t)room;
+    if (*state == 0) break;
   }
-  if (rc != 0) {
-    LDAP_LOG(LDAP_LOG_BER, "fber_get_next_nb->FBerReadDirect_nb:3 rc=%d\n", rc);
-    return LBER_ERROR;
-  }
+  ber->ber_rwptr = nullptr;
   ber->ber_ptr = ber->ber_buf;
   *state = 0;
   if (ldap_trace_enabled(LDAP_LOG_BER)) {

@@ -8,6 +8,7 @@
 
 #include <regex>
 #include <string>
+#include <thread>
 
 #include "ber_build.h"
 #include "fber-stream.h"
@@ -105,10 +106,28 @@ TEST(StreamRead, LengthsOfTwoGigabytesAndMoreAreRefusedBeforeAnyAllocation) {
     EXPECT_EQ(p.next(), LBER_ERROR) << header;
     EXPECT_EQ(olx_fail_alloc_at(0), 0) << header << ": allocated for the announced length";
   }
-  Pair p;  // the largest accepted length is read on
+  Pair p;  // the largest accepted length is read on, with room only for what came
   p.peer_writes(unhex("30 84 7F FF FF FE 02"));
   EXPECT_EQ(p.next(), 11u);
   EXPECT_EQ(p.ber->ber_len, 0x7FFFFFFEu);
+  EXPECT_LE(p.ber->ber_rwptr - p.ber->ber_buf, 65536) << "space held for an announced length";
+}
+
+TEST(StreamRead, ContentsLargerThanTheFirstBufferArriveWhole) {
+  Pair p;
+  std::string value(200000, 'v');
+  for (size_t i = 0; i < value.size(); ++i) value[i] = static_cast<char>('a' + i % 23);
+  const std::string element = unhex("30 84 00 03 0D 46 04 84 00 03 0D 40") + value;
+  ASSERT_EQ(element.size(), 200012u);
+  std::thread writer([&] { p.peer_writes(element); });
+  ber_tag_t tag;
+  while ((tag = p.next()) == 11u) {
+    struct timeval forever_ish = {10, 0};
+    ASSERT_EQ(fber_select(&p.sb, &forever_ish), 1);
+  }
+  writer.join();
+  ASSERT_EQ(tag, 0x30u);
+  EXPECT_EQ(std::string(p.ber->ber_buf, p.ber->ber_len), element.substr(6));
 }
 
 TEST(StreamWrite, LargeElementGoesOutInPiecesAndResumesAfterWouldBlock) {
