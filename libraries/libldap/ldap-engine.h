@@ -99,6 +99,8 @@ TAV_INTERNAL void ldap_reset_write_timeout(void);
 // Response reception.
 TAV_INTERNAL int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout);
 TAV_INTERNAL int ldap_msg_table_read(LDAP *ld, ldap_msg_table *table, struct timeval *timeout);
+// ldap_msg_table_read for a caller that holds the connection's read lock.
+TAV_INTERNAL int ldap_msg_table_read_locked(LDAP *ld, ldap_msg_table *table, struct timeval *timeout);
 TAV_INTERNAL int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *state, struct timeval *timeout);
 TAV_INTERNAL void ldap_msg_table_pending(ldap_msg_table *table, LDAPMessage **msg, int set);
 TAV_INTERNAL void put_msg_in_queue(ldap_msg_table *table, LDAPMessage *msg);

@@ -91,6 +91,10 @@ typedef struct ldap_msg_table {
   LDAPConn *conn;
   pthread_mutex_t table_mutex;
   pthread_cond_t table_cond;
+  // Broadcast (under the table lock) whenever the connection's reader stored
+  // what it read or stopped reading: waiters that are not the reader sleep on
+  // it instead of polling.
+  pthread_cond_t read_cond;
   int32_t free_count;       // table_mutex
   uint32_t size;            // table_mutex
   LDAPMessage *queue_head;  // queue_mutex

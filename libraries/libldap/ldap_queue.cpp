@@ -12,10 +12,6 @@
 #include "ldap-lock.h"
 
 namespace {
-// The first wait for readability in each read: short, so that a waiter soon
-// re-checks its row (another thread may have read its response meanwhile).
-constexpr suseconds_t kPollMicros = 100;
-
 // lm_msgid of a reply whose message ID could not be read.
 constexpr int kUnreadableId = -1;
 
@@ -172,8 +168,11 @@ void keep_row0_bounded(ldap_msg_row *row) {
 extern "C" {
 
 int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *state, struct timeval *timeout) {
-  struct timeval poll = {0, kPollMicros};
-  int rc = fber_select(&conn->lc_sb, &poll);
+  // Only one thread reads: the others sleep until it has stored something, so
+  // the reader waits for readability the whole time-out (no short poll).
+  struct timeval first = {0, 0};
+  if (timeout != nullptr) first = *timeout;
+  int rc = fber_select(&conn->lc_sb, timeout != nullptr ? &first : nullptr);
   if (rc < 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "wait_for_message: select failed with socket error: rc = %d, errno = %d\n", rc, errno);
     return -1;
@@ -290,25 +289,13 @@ void flush_queue(ldap_msg_table *table) {
   LDAP_MUTEX_UNLOCK(&table->queue_mutex);
 }
 
-int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
-  if (conn_closed(conn) == 1) {
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg: Socket connection was closed earlier\n");
-    record_conn_down(ld, conn);
-    return LDAP_SERVER_DOWN;
-  }
-  if (conn_connected(conn) == 0) {
-    LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_msg: FATAL ERROR - Socket is not yet created\n");
-    ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-    return LDAP_SERVER_DOWN;
-  }
-  if (LDAP_MUTEX_LOCK(&conn->lc_read_mutex) != 0) {
-    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-    return -1;
-  }
+// One element from the socket into the queue, with the connection's read
+// lock held: 1 read, 0 nothing within the time-out, else 81 or -1 with the
+// session's error recorded.
+int ldap_get_msg_locked(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   // The reader before this one may have found the connection gone (a notice
   // of disconnection leaves the socket open).
   if (conn_closed(conn) == 1) {
-    LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
     record_conn_down(ld, conn);
     return LDAP_SERVER_DOWN;
   }
@@ -326,7 +313,6 @@ int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
     }
     if (msg == nullptr) {
       ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-      LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
       return -1;
     }
     ldap_msg_table_pending(table, &msg, 1);
@@ -343,18 +329,50 @@ int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
     LDAPMessage *none = nullptr;
     ldap_msg_table_pending(table, &none, 1);
     table->pending_state = 0;
-  }
-  LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
-  if (rc == -1) {
     set_conn_closed(conn);
-    ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+    record_conn_down(ld, conn);
     return -1;
-  }
-  if (rc == -2) {
+  } else if (rc == -2) {
     ldap_set_errno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
     return 0;
   }
   return rc;
+}
+
+int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
+  if (conn_closed(conn) == 1) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg: Socket connection was closed earlier\n");
+    record_conn_down(ld, conn);
+    return LDAP_SERVER_DOWN;
+  }
+  if (conn_connected(conn) == 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_msg: FATAL ERROR - Socket is not yet created\n");
+    ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+    return LDAP_SERVER_DOWN;
+  }
+  if (LDAP_MUTEX_LOCK(&conn->lc_read_mutex) != 0) {
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return -1;
+  }
+  const int rc = ldap_get_msg_locked(ld, conn, timeout);
+  LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
+  return rc;
+}
+
+int ldap_msg_table_read_locked(LDAP *ld, ldap_msg_table *table, struct timeval *timeout) {
+  LDAPConn *conn = table->conn;
+  if (conn_closed(conn) == 1) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg: Socket connection was closed earlier\n");
+    record_conn_down(ld, conn);
+    return LDAP_SERVER_DOWN;
+  }
+  if (conn_connected(conn) == 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_msg: FATAL ERROR - Socket is not yet created\n");
+    ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+    return LDAP_SERVER_DOWN;
+  }
+  const int rc = ldap_get_msg_locked(ld, conn, timeout);
+  return rc == 1 ? 0 : rc;
 }
 
 int ldap_msg_table_read(LDAP *ld, ldap_msg_table *table, struct timeval *timeout) {

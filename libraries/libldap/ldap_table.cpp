@@ -42,6 +42,7 @@ ldap_msg_table *ldap_msg_table_init(int rows) {
     return nullptr;
   }
   rc = pthread_cond_init(&table->table_cond, nullptr);
+  if (rc == 0 && (rc = pthread_cond_init(&table->read_cond, nullptr)) != 0) pthread_cond_destroy(&table->table_cond);
   if (rc != 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_init: pthread_cond_init failed, errno %d\n", rc);
     pthread_mutex_destroy(&table->queue_mutex);
@@ -71,6 +72,7 @@ void ldap_msg_table_free(ldap_msg_table *table) {
   rc = pthread_mutex_destroy(&table->queue_mutex);
   if (rc != 0)
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_free: pthread_mutex_destroy failed for queue lock, errno %d\n", rc);
+  pthread_cond_destroy(&table->read_cond);
   rc = pthread_cond_destroy(&table->table_cond);
   if (rc != 0) LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_free: pthread_cond_destroy failed, errno %d\n", rc);
   free(table);
@@ -383,7 +385,6 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     if (deliver()) break;
     flush_queue(table);
     if (deliver()) break;
-    LDAP_MUTEX_UNLOCK(&table->table_mutex);
     // Each read gets what is left of the caller's time-out, not all of it.
     struct timeval left = {0, 0};
     if (timeout != nullptr) {
@@ -392,15 +393,33 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
       timersub(&now, &start, &spent);
       if (timercmp(&spent, timeout, <)) timersub(timeout, &spent, &left);
     }
-    int soc_err = ldap_msg_table_read(ld, table, timeout ? &left : nullptr);
-    if (soc_err != 0) {
-      LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_get_message: soc_err=%d\n", soc_err);
-      record_conn_down(ld, table->conn);
-      return -1;
-    }
-    if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
-      ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-      return -1;
+    // One thread reads the connection at a time; the others sleep until it
+    // has stored what it read (or stopped reading), then look at their rows.
+    LDAPConn *conn = table->conn;
+    if (pthread_mutex_trylock(&conn->lc_read_mutex) == 0) {
+      LDAP_MUTEX_UNLOCK(&table->table_mutex);
+      const int soc_err = ldap_msg_table_read_locked(ld, table, timeout ? &left : nullptr);
+      LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
+      if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
+        ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+        return -1;
+      }
+      pthread_cond_broadcast(&table->read_cond);
+      if (soc_err != 0) {
+        LDAP_MUTEX_UNLOCK(&table->table_mutex);
+        LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_get_message: soc_err=%d\n", soc_err);
+        record_conn_down(ld, conn);
+        ldap_msg_table_detach_released(table);
+        return -1;
+      }
+    } else if (timeout == nullptr) {
+      pthread_cond_wait(&table->read_cond, &table->table_mutex);
+    } else {
+      struct timeval now, until;
+      gettimeofday(&now, nullptr);
+      timeradd(&now, &left, &until);
+      const struct timespec abs = {until.tv_sec, until.tv_usec * 1000};
+      pthread_cond_timedwait(&table->read_cond, &table->table_mutex, &abs);
     }
     flush_queue(table);
     if (deliver()) break;

@@ -2,12 +2,15 @@
 // reply may crash the client or pass for success, and each one gives the
 // request it answers a decoding error (84).
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "fake_server.h"
 #include "ldap-search.h"
@@ -239,6 +242,37 @@ TEST(HostileServer, ATimeOutBoundsTheWholeCallAgainstATrickle) {
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_LT(seconds, 2.5);  // the whole answer takes about 4 s to trickle in
   EXPECT_EQ(res, nullptr);
+  ldap_unbind(ld);
+}
+
+// Threads waiting on a silent server sleep: one blocks in select, the other
+// on the table's condition variable (they polled every 100 us before).
+TEST(HostileServer, WaitingOnASilentServerCostsNoCpu) {
+  FakeServer fake;
+  fake.on_request([](const std::string &) { return std::string(); })
+      .on_request([](const std::string &) { return std::string(); })
+      .hold_until_closed();
+  fake.start();
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  const int ids[2] = {ldap_search(ld, "cn=a", 0, "(objectClass=*)", nullptr, 0),
+                      ldap_search(ld, "cn=b", 0, "(objectClass=*)", nullptr, 0)};
+  double cpu_ms[2] = {0, 0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < 2; ++i)
+    waiters.emplace_back([&, i] {
+      auto thread_cpu_ms = [] {
+        struct rusage ru;
+        getrusage(RUSAGE_THREAD, &ru);
+        return (ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) * 1e3 + (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e3;
+      };
+      const double before = thread_cpu_ms();
+      struct timeval second = {1, 0};
+      LDAPMessage *res = nullptr;
+      EXPECT_EQ(ldap_result(ld, ids[i], LDAP_MSG_ALL, &second, &res), 0);
+      cpu_ms[i] = thread_cpu_ms() - before;
+    });
+  for (auto &w : waiters) w.join();
+  for (double ms : cpu_ms) EXPECT_LT(ms, 20.0) << "CPU of a thread waiting one second";
   ldap_unbind(ld);
 }
 
