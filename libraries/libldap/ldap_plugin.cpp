@@ -123,20 +123,19 @@ int load_and_init_locked(ldap_plugin_info *info, int reg) {
   return LDAP_SUCCESS;
 }
 
-}  // namespace
-
-extern "C" {
-
-ldap_conf_list ldap_conf_list_global = {nullptr, nullptr};
-
-char *ldap_locate_conf_file(void) {
+// A memory failure sets *no_memory rather than passing for a missing file
+// (which would send the bind without its plug-in).
+char *locate_conf_file(bool *no_memory) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_locate_conf_file() called\n");
   char *dirs[3] = {ldap_getenv("KRVLDAP_CONF"), ldap_get_default_config_path('/'), olx_strdup("/opt/KRV/ldap/V6.2")};
+  *no_memory = (dirs[0] == nullptr && ldap_chkenv("KRVLDAP_CONF")) || dirs[1] == nullptr || dirs[2] == nullptr;
   char *found = nullptr;
   for (char *dir : dirs) {
-    if (found == nullptr && dir != nullptr) {
+    if (found == nullptr && dir != nullptr && !*no_memory) {
       char *path = ldap_make_path(dir, nullptr, kConfFile);
-      if (ldap_file_exists(path))
+      if (path == nullptr)
+        *no_memory = true;
+      else if (ldap_file_exists(path))
         found = path;
       else
         free(path);
@@ -146,13 +145,29 @@ char *ldap_locate_conf_file(void) {
   return found;
 }
 
-FILE *ldap_open_conf_file(void) {
+FILE *open_conf_file(bool *no_memory) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_open_conf_file()\n");
-  char *path = ldap_locate_conf_file();
+  char *path = locate_conf_file(no_memory);
   if (path == nullptr) return nullptr;
   FILE *f = fopen(path, "r");
   free(path);
   return f;
+}
+
+}  // namespace
+
+extern "C" {
+
+ldap_conf_list ldap_conf_list_global = {nullptr, nullptr};
+
+char *ldap_locate_conf_file(void) {
+  bool no_memory = false;
+  return locate_conf_file(&no_memory);
+}
+
+FILE *ldap_open_conf_file(void) {
+  bool no_memory = false;
+  return open_conf_file(&no_memory);
 }
 
 int ldap_read_conf_file(ldap_conf_list *list) {
@@ -160,8 +175,9 @@ int ldap_read_conf_file(ldap_conf_list *list) {
   if (ldap_conf_read.load(std::memory_order_acquire) == 1) return LDAP_SUCCESS;
   ConfigLock lock;
   if (ldap_conf_read.load(std::memory_order_relaxed) == 1) return LDAP_SUCCESS;
-  FILE *f = ldap_open_conf_file();
-  if (f == nullptr) return LDAP_PLUGIN_CONF_NOT_OPENED;
+  bool no_memory = false;
+  FILE *f = open_conf_file(&no_memory);
+  if (f == nullptr) return no_memory ? LDAP_NO_MEMORY : LDAP_PLUGIN_CONF_NOT_OPENED;
   int rc = ldap_process_conf_data(f, list);
   fclose(f);
   if (rc == LDAP_SUCCESS) ldap_conf_read.store(1, std::memory_order_release);
