@@ -98,17 +98,17 @@ int exchange(const tavldap_plugin_api *api, LDAP *ld, const char *mech, sasl_con
   if (s != SASL_OK && s != SASL_CONTINUE) return ldap_code(s);
   for (;;) {
     struct berval cred = {out_len, const_cast<char *>(out != nullptr ? out : "")}, *server = nullptr;
-    int rc = api->sasl_bind_step(ld, nullptr, mech, &cred, sctrls, cctrls, &server);
+    // No initial response (out null) is not the same as an empty one.
+    int rc = api->sasl_bind_step(ld, nullptr, mech, out != nullptr ? &cred : nullptr, sctrls, cctrls, &server);
     if (rc != kSuccess && rc != kInProgress) {
       api->berval_free(server);
       return rc;
     }
-    // A success with data still has to be checked (the server's proof).
-    if (rc == kSuccess && s == SASL_OK && server == nullptr) return kSuccess;
-    if (rc == kSuccess && s == SASL_OK) {
+    if (rc == kSuccess && s == SASL_OK) {  // both sides done
       api->berval_free(server);
       return kSuccess;
     }
+    // On success the client may still have the server's proof to check.
     s = sasl_client_step(conn, server != nullptr ? server->bv_val : nullptr,
                          server != nullptr ? static_cast<unsigned>(server->bv_len) : 0, nullptr, &out, &out_len);
     api->berval_free(server);

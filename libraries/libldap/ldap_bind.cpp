@@ -290,7 +290,10 @@ int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mech, const
   rc = ldap_split_args(plugin->args, LDAP_PLUGIN_MAX_ARGS, &argc, argv) == LDAP_NO_MEMORY ? LDAP_NO_MEMORY : 0;
   LDAP_PBLOCK *pb = rc == LDAP_SUCCESS ? ldap_pblock_new() : nullptr;
   if (rc == LDAP_SUCCESS && pb == nullptr) rc = LDAP_NO_MEMORY;
-  if (rc == LDAP_SUCCESS && conn != nullptr && conn->lc_host != nullptr && ld->ld_defhost != nullptr) {
+  // The connection is named by the session's host list again (writing only
+  // when it differs, as other threads read it unlocked).
+  if (rc == LDAP_SUCCESS && conn != nullptr && conn->lc_host != nullptr && ld->ld_defhost != nullptr &&
+      strcmp(conn->lc_host, ld->ld_defhost) != 0) {
     char *host = olx_strdup(ld->ld_defhost);
     if (host == nullptr) {
       rc = LDAP_NO_MEMORY;
