@@ -7,7 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "ldap_requests.h"
 #include "sasl_plugins.h"
 
 using tavtest::SlapdServer;
@@ -35,13 +34,7 @@ TEST(SaslPluginConcurrency, EightSessionsBindAtOnceAsTheirOwnUsers) {
         const char *mech = (t + r) % 2 ? "DIGEST-MD5" : "SCRAM-SHA-256";
         if (ldap_sasl_bind_s(ld, user.c_str(), mech, &cred, nullptr, nullptr, nullptr) != 0) ++failures[t];
       }
-      int id = tavtest::send_raw_op(ld, 0x77, tavtest::tlv(0x77, tavtest::tlv(0x80, "1.3.6.1.4.1.4203.1.11.3")));
-      LDAPMessage *res = nullptr;
-      struct berval *authzid = nullptr;
-      if (ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) == 0x78 &&
-          ldap_parse_extended_result(ld, res, nullptr, &authzid, 1) == 0 && authzid != nullptr)
-        who[t] = std::string(authzid->bv_val, authzid->bv_len);
-      fber_bvfree(authzid);
+      who[t] = tavtest::whoami(ld);
       ldap_unbind(ld);
     });
   for (auto &th : threads) th.join();

@@ -8,7 +8,6 @@
 
 #include "ldap-debug.h"
 #include "ldap-utils.h"
-#include "ldap_requests.h"
 #include "sasl_plugins.h"
 #include "slapd_suite.h"
 
@@ -52,23 +51,12 @@ class SaslPlugins : public tavtest::SlapdSuite<SaslPlugins> {
     struct berval cred = {password.size(), const_cast<char *>(password.data())};
     return ldap_sasl_bind_s(ld, user, mech, &cred, nullptr, nullptr, nullptr);
   }
-
-  std::string whoami() {
-    int id = tavtest::send_raw_op(ld, 0x77, tavtest::tlv(0x77, tavtest::tlv(0x80, "1.3.6.1.4.1.4203.1.11.3")));
-    LDAPMessage *res = nullptr;
-    struct berval *authzid = nullptr;
-    EXPECT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), 0x78);
-    EXPECT_EQ(ldap_parse_extended_result(ld, res, nullptr, &authzid, 1), 0);
-    std::string who = authzid != nullptr ? std::string(authzid->bv_val, authzid->bv_len) : "";
-    fber_bvfree(authzid);
-    return who;
-  }
 };
 
 TEST_F(SaslPlugins, CyrusMechanismsBindAsTheMappedEntry) {
   for (const char *mech : {"SCRAM-SHA-256", "DIGEST-MD5"}) {
     EXPECT_EQ(bind(mech, "user2", SlapdServer::user_password(2)), 0) << mech;
-    EXPECT_EQ(whoami(), "dn:uid=user2,ou=people,dc=example,dc=com") << mech;
+    EXPECT_EQ(tavtest::whoami(ld), "dn:uid=user2,ou=people,dc=example,dc=com") << mech;
     EXPECT_EQ(bind(mech, "user2", "wrong"), LDAP_INVALID_CREDENTIALS) << mech;
     EXPECT_EQ(ldap_get_errno(ld), LDAP_INVALID_CREDENTIALS) << mech;
   }
