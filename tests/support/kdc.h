@@ -1,10 +1,8 @@
-// A private Kerberos KDC (MIT krb5kdc) on a free loopback port, realm
-// TAV.TEST, with its own krb5.conf (no DNS look-ups, no host name
-// canonicalisation), a service key for ldap/127.0.0.1 in service.keytab and a
-// client key for user1 in client.keytab.  start() points this process's
-// Kerberos environment (KRB5_CONFIG, KRB5_KTNAME, KRB5_CLIENT_KTNAME,
-// KRB5CCNAME) at them, so a slapd started afterwards and the process itself
-// use the realm.  Stopped by its pid.
+// A private MIT Kerberos KDC on a free loopback port: realm TAV.TEST, its own
+// krb5.conf (no DNS look-ups, no host name canonicalisation), the key of
+// ldap/127.0.0.1 in service.keytab and of user1 in client.keytab.  start()
+// points this process's Kerberos environment at them, so a slapd started
+// afterwards and the process itself use the realm.  Stopped by its pid.
 #ifndef TAV_TEST_KDC_H
 #define TAV_TEST_KDC_H
 
@@ -18,7 +16,6 @@ namespace tavtest {
 
 class KerberosKdc {
  public:
-  static constexpr const char *kRealm = "TAV.TEST";
   KerberosKdc() = default;
   ~KerberosKdc();
   KerberosKdc(const KerberosKdc &) = delete;
