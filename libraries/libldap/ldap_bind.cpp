@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "ldap-debug.h"
 #include "ldap-engine.h"
@@ -342,7 +341,9 @@ int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mech, const
       if (p->id == LDAP_PLUGIN_ARGV || p->id == LDAP_PLUGIN_ARGC || p->id / 100 == 2) p->value = nullptr;
     if (conn != nullptr) {
       LDAP_LOCK_GUARD(guard, &ld->ld_conn_mutex);
-      std::swap(pb, *reinterpret_cast<LDAP_PBLOCK **>(&conn->lc_plugin));
+      void *previous = conn->lc_plugin;
+      conn->lc_plugin = pb;
+      pb = static_cast<LDAP_PBLOCK *>(previous);
     }
     ldap_pblock_free(pb);
   }
