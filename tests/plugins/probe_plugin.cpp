@@ -21,7 +21,7 @@ namespace {
 template <typename T>
 T get(LDAP_PBLOCK *pb, int id, T fallback = T()) {
   void *v = nullptr;
-  return tavldap_plugin_api_of(pb)->pblock_get(pb, id, &v) == 0 ? reinterpret_cast<T>(v) : fallback;
+  return tavldap_plugin_api_of(pb)->pblock_get(pb, id, &v) == 0 && v != nullptr ? reinterpret_cast<T>(v) : fallback;
 }
 
 int probe_close(LDAP_PBLOCK *) { return ++probe_closes, 0; }
