@@ -20,6 +20,19 @@ TAV_INTERNAL char *olx_strndup(const char *s, size_t n);
 // 0 switches the hook off.  Returns how many allocations were counted since
 // the last call, so a sweep knows when a scenario ran out of allocations.
 TAV_INTERNAL long olx_fail_alloc_at(long n);
+
+// Path and word helpers shared by the configuration file, the plug-in loader
+// and the filter encoder.  Strings they return are the caller's to free.
+TAV_INTERNAL char *ldap_get_default_config_path(char sep);
+TAV_INTERNAL char *ldap_make_path(const char *dir, const char *const *subdirs, const char *file);
+TAV_INTERNAL char *ldap_replace_extension(const char *path, char sep, const char *suffix);
+TAV_INTERNAL int ldap_file_exists(const char *path);
+// Splits a copy of `s` into at most `max` words (blank, tab, newline) stored
+// in `vec` (max + 1 entries, null-terminated).  The copy starts at the first
+// word, so free(vec[0]) releases it when *count > 0; with no word nothing is
+// kept.  0, 1 for a null string, 90.
+TAV_INTERNAL int ldap_split_args(const char *s, int max, int *count, char **vec);
+TAV_INTERNAL int ldap_is_blank(int c);
 }
 
 #endif

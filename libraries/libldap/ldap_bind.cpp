@@ -8,6 +8,7 @@
 #include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
+#include "ldap-plugin.h"
 #include "ldap-utils.h"
 
 namespace {
@@ -103,8 +104,8 @@ int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPCo
     return LDAP_ENCODING_ERROR;
   }
   return send_bind(ld, conn, msgidp, "ldap_simple_bind_direct", false, [&](BerElement *ber, int id, int version) {
-    if (fber_printf(ber, "{it{ists}", id, (ber_tag_t)kBindRequest, version, dn ? dn : "",
-                    (ber_tag_t)LDAP_AUTH_SIMPLE, passwd ? passwd : "") != 0)
+    if (fber_printf(ber, "{it{ists}", id, (ber_tag_t)kBindRequest, version, dn ? dn : "", (ber_tag_t)LDAP_AUTH_SIMPLE,
+                    passwd ? passwd : "") != 0)
       return -1;
     if (put_ctrls_into_ber(ber, sctrls) != 0) return -1;
     return fber_printf(ber, "}");
@@ -221,22 +222,21 @@ int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mech, c
     return LDAP_ENCODING_ERROR;
   }
   if (conn->lc_msgtable == nullptr) return LDAP_ENCODING_ERROR;
-  return send_bind(ld, conn, msgidp, "ldap_sasl_bind_encode_and_send", true,
-                   [&](BerElement *ber, int id, int version) {
-                     if (fber_printf(ber, "{it{ist{s", id, (ber_tag_t)kBindRequest, version, dn ? dn : "",
-                                     (ber_tag_t)0xA3, mech ? mech : "") != 0)
-                       return -1;
-                     if (cred != nullptr && fber_printf(ber, "o", cred->bv_val ? cred->bv_val : "",
-                                                        (int)(cred->bv_val ? cred->bv_len : 0)) != 0)
-                       return -1;
-                     if (fber_printf(ber, "}}") != 0) return -1;
-                     if (put_ctrls_into_ber(ber, sctrls) != 0) return -1;
-                     return fber_printf(ber, "}");
-                   });
+  return send_bind(ld, conn, msgidp, "ldap_sasl_bind_encode_and_send", true, [&](BerElement *ber, int id, int version) {
+    if (fber_printf(ber, "{it{ist{s", id, (ber_tag_t)kBindRequest, version, dn ? dn : "", (ber_tag_t)0xA3,
+                    mech ? mech : "") != 0)
+      return -1;
+    if (cred != nullptr &&
+        fber_printf(ber, "o", cred->bv_val ? cred->bv_val : "", (int)(cred->bv_val ? cred->bv_len : 0)) != 0)
+      return -1;
+    if (fber_printf(ber, "}}") != 0) return -1;
+    if (put_ctrls_into_ber(ber, sctrls) != 0) return -1;
+    return fber_printf(ber, "}");
+  });
 }
 
-int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
-                          LDAPControl **sctrls, int *msgidp, LDAPConn *conn) {
+int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred, LDAPControl **sctrls,
+                          int *msgidp, LDAPConn *conn) {
   *msgidp = -1;
   int xlate = 0;
   int rc = ldap_get_option_direct(ld, LDAP_OPT_XLATE, &xlate);
@@ -268,18 +268,92 @@ int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mech, const stru
   return LDAP_PARAM_ERROR;
 }
 
-// Plug-ins come from the client configuration file; until it can be read
-// there is none to call, which is what a machine without the file sees.
-int ldap_sasl_bind_call_plugin(LDAP *ld, const char *, const char *, const struct berval *, LDAPControl **,
-                               LDAPControl **, struct berval **, int, int, int *) {
+int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                               LDAPControl **sctrls, LDAPControl **cctrls, struct berval **, int, int async,
+                               int *msgidp) {
+  LDAPConn *conn = get_default_connection(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_call_plugin \n");
-  ldap_set_errno_direct(ld, LDAP_PLUGIN_CONF_NOT_OPENED, nullptr, nullptr);
-  return LDAP_PLUGIN_CONF_NOT_OPENED;
+  ldap_plugin_entry *plugin = nullptr;
+  int rc = ldap_plugin_for_sasl(mech, &plugin);
+  if (rc == LDAP_SUCCESS && plugin->bind_fn == nullptr) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_call_plugin: %s bind function not defined in plugin\n",
+             async ? "Asynchronous" : "Synchronous");
+    rc = LDAP_UNAVAILABLE_CRITICAL_EXTENSION;
+  }
+  if (rc != LDAP_SUCCESS) {
+    ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+    return rc;
+  }
+  char *argv[LDAP_PLUGIN_MAX_ARGS + 1];
+  int argc = 0;
+  rc = ldap_split_args(plugin->args, LDAP_PLUGIN_MAX_ARGS, &argc, argv) == LDAP_NO_MEMORY ? LDAP_NO_MEMORY : 0;
+  LDAP_PBLOCK *pb = rc == LDAP_SUCCESS ? ldap_pblock_new() : nullptr;
+  if (rc == LDAP_SUCCESS && pb == nullptr) rc = LDAP_NO_MEMORY;
+  // The connection is named by the session's host list again (writing only
+  // when it differs, as other threads read it unlocked).
+  if (rc == LDAP_SUCCESS && conn != nullptr && conn->lc_host != nullptr && ld->ld_defhost != nullptr &&
+      strcmp(conn->lc_host, ld->ld_defhost) != 0) {
+    char *host = olx_strdup(ld->ld_defhost);
+    if (host == nullptr) {
+      rc = LDAP_NO_MEMORY;
+    } else {
+      LDAP_LOCK_GUARD(guard, &ld->ld_conn_mutex);
+      free(conn->lc_host);
+      conn->lc_host = host;
+    }
+  }
+  const bool gssapi = strcasecmp(mech, "GSSAPI") == 0;
+  auto set = [&](int id, const void *value) {
+    if (rc == LDAP_SUCCESS && ldap_pblock_set(pb, id, const_cast<void *>(value)) != 0) rc = 1;
+  };
+  set(LDAP_PLUGIN_TYPE, plugin->type);
+  if (rc == LDAP_SUCCESS && gssapi && plugin->init_fn(pb) != 0) rc = LDAP_PLUGIN_NOT_INITIALIZED;
+  set(LDAP_PLUGIN_LD, ld);
+  set(LDAP_PLUGIN_ARGC, reinterpret_cast<void *>(static_cast<intptr_t>(argc)));
+  set(LDAP_PLUGIN_ARGV, argv);
+  if (!gssapi) set(LDAP_PLUGIN_SASL_BIND_DN, dn);
+  set(LDAP_PLUGIN_SASL_MECH, mech);
+  set(LDAP_PLUGIN_SASL_CRED, cred);
+  set(LDAP_PLUGIN_SERVER_CTRLS, sctrls);
+  set(LDAP_PLUGIN_CLIENT_CTRLS, cctrls);
+  set(LDAP_PLUGIN_DEFHOST, ld->ld_defhost);
+  if (gssapi) {
+    set(LDAP_PLUGIN_OPTION54, reinterpret_cast<void *>(static_cast<intptr_t>(ld->ld_option54)));
+    set(LDAP_PLUGIN_STATUS, &ld->ld_plugin_status);
+  }
+  if (rc == LDAP_SUCCESS) {
+    rc = plugin->bind_fn(pb);
+    if (async && rc >= 0) {
+      *msgidp = rc;
+      rc = LDAP_SUCCESS;
+    } else if (gssapi && (async || rc >= 1) && static_cast<unsigned>(ld->ld_plugin_status) > 1) {
+      void *ext = nullptr;
+      if (ldap_pblock_get(pb, LDAP_PLUGIN_EXT_ERROR, &ext) == 0)
+        ldap_set_ext_errno(ld, static_cast<int>(reinterpret_cast<intptr_t>(ext)));
+    }
+  }
+  // The block outlives the bind on the connection (the close function gets
+  // it at tear-down); it is published only now, so a bind running at the
+  // same time never loses the block it is working with.
+  if (pb != nullptr) {
+    // What pointed into this call is gone after it.
+    for (ldap_pblock_pair *p = pb->head; p != nullptr; p = p->next)
+      if (p->id == LDAP_PLUGIN_ARGV || p->id == LDAP_PLUGIN_ARGC || p->id / 100 == 2) p->value = nullptr;
+    if (conn != nullptr) {
+      LDAP_LOCK_GUARD(guard, &ld->ld_conn_mutex);
+      void *previous = conn->lc_plugin;
+      conn->lc_plugin = pb;
+      pb = static_cast<LDAP_PBLOCK *>(previous);
+    }
+    ldap_pblock_free(pb);
+  }
+  if (argc > 0) free(argv[0]);
+  ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+  return rc;
 }
 
-int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
-                       LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp, int async,
-                       int *msgidp) {
+int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct berval *cred, LDAPControl **sctrls,
+                       LDAPControl **cctrls, struct berval **servercredp, int async, int *msgidp) {
   if (async) {
     if (msgidp == nullptr) {
       ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
@@ -359,16 +433,16 @@ int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mech, const struct berv
 
 int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mech, const struct berval *cred, LDAPControl **sctrls,
                      LDAPControl **cctrls, struct berval **servercredp) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_s: ld(%p) dn(%s) mechanism(%s) cred(***)\n", (void *)ld,
-           dn ? dn : "NULL", mech ? mech : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_s: ld(%p) dn(%s) mechanism(%s) cred(***)\n", (void *)ld, dn ? dn : "NULL",
+           mech ? mech : "NULL");
   if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
   int rc = ldap_sasl_bind_int(ld, dn, mech, cred, sctrls, cctrls, servercredp, 0, nullptr);
   ldap_end_operation(ld);
   return rc;
 }
 
-int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
-                            LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp) {
+int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred, LDAPControl **sctrls,
+                            LDAPControl **cctrls, struct berval **servercredp) {
   int id = -1;
   int rc = ldap_sasl_bind_encode_and_send(ld, dn, mech, cred, sctrls, cctrls, &id, nullptr);
   if (rc != LDAP_SUCCESS) return rc;

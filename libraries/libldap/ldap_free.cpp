@@ -7,6 +7,7 @@
 #include "ldap-debug.h"
 #include "ldap-engine.h"
 #include "ldap-int.h"
+#include "ldap-plugin.h"
 #include "ldap-ssl.h"
 
 namespace {
@@ -31,8 +32,8 @@ void ldap_ber_free(BerElement *ber) {
   if (ber != nullptr) free(ber);
 }
 
-// One connection record with its socket, SSL session, table and locks.  The
-// plug-in parameter block is released here once it exists.
+// One connection record with its socket, SSL session, plug-in parameter
+// block, table and locks.
 void ldap_lc_free(LDAPConn *lc) {
   if (lc == nullptr) return;
   free(lc->lc_host);
@@ -43,6 +44,7 @@ void ldap_lc_free(LDAPConn *lc) {
   }
   fber_sockbuf_release(&lc->lc_sb);
   free(lc->lc_notice);
+  ldap_pblock_free(static_cast<LDAP_PBLOCK *>(lc->lc_plugin));
   ldap_msg_table_free(lc->lc_msgtable);
   ldap_controls_free(lc->lc_bind_ctrls);
   pthread_mutex_destroy(&lc->lc_read_mutex);
@@ -53,7 +55,14 @@ void ldap_lc_free(LDAPConn *lc) {
 }
 
 void ldap_ld_free(LDAP *ld) {
-  LDAPConn *lc = ld->ld_servers;
+  LDAPConn *lc = get_default_connection(ld);
+  if (lc != nullptr && lc->lc_plugin != nullptr) {
+    void *close_fn = nullptr;
+    auto *pb = static_cast<LDAP_PBLOCK *>(lc->lc_plugin);
+    if (ldap_pblock_get(pb, LDAP_PLUGIN_CLOSE_FN, &close_fn) == 0 && close_fn != nullptr)
+      reinterpret_cast<ldap_plugin_close_fn>(close_fn)(pb);
+  }
+  lc = ld->ld_servers;
   while (lc != nullptr) {
     LDAPConn *next = lc->lc_next;
     ldap_lc_free(lc);

@@ -1,10 +1,10 @@
 // Allocation helpers with a failure-injection hook for tests.
-#include "ldap-utils.h"
-
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
+
+#include "ldap-utils.h"
 
 namespace {
 // 0: hook off.  Otherwise the countdown to the allocation that fails.
@@ -33,9 +33,7 @@ void *olx_calloc(size_t count, size_t size) {
   return calloc(count ? count : 1, size ? size : 1);
 }
 
-void *olx_realloc(void *ptr, size_t size) {
-  return injected_failure() ? nullptr : realloc(ptr, size ? size : 1);
-}
+void *olx_realloc(void *ptr, size_t size) { return injected_failure() ? nullptr : realloc(ptr, size ? size : 1); }
 
 char *olx_strdup(const char *s) {
   if (s == nullptr || injected_failure()) return nullptr;
@@ -75,4 +73,83 @@ extern "C" BerElement *ldap_ber_dup(const BerElement *ber) {
     **to = *from;
   }
   return copy;
+}
+
+// Path and word helpers.
+
+#include <cstdio>
+
+namespace {
+constexpr const char *kInstallRoot = "/opt/KRV/ldap/V6.2";
+
+bool is_word_separator(char c) { return c == ' ' || c == '\t' || c == '\n'; }
+}  // namespace
+
+extern "C" {
+
+char *ldap_get_default_config_path(char sep) {
+  size_t size = strlen(kInstallRoot) + 5;
+  char *path = static_cast<char *>(olx_malloc(size));
+  if (path != nullptr) snprintf(path, size, "%s%cetc", kInstallRoot, sep);
+  return path;
+}
+
+char *ldap_make_path(const char *dir, const char *const *subdirs, const char *file) {
+  if (dir == nullptr) return nullptr;
+  size_t size = strlen(dir) + 1;
+  for (const char *const *s = subdirs; s != nullptr && *s != nullptr; ++s) size += strlen(*s) + 1;
+  if (file != nullptr) size += strlen(file) + 1;
+  char *path = static_cast<char *>(olx_malloc(size));
+  if (path == nullptr) return nullptr;
+  char *end = stpcpy(path, dir);
+  for (const char *const *s = subdirs; s != nullptr && *s != nullptr; ++s) end = stpcpy(stpcpy(end, "/"), *s);
+  if (file != nullptr) stpcpy(stpcpy(end, "/"), file);
+  return path;
+}
+
+char *ldap_replace_extension(const char *path, char sep, const char *suffix) {
+  if (path == nullptr || suffix == nullptr) return nullptr;
+  size_t keep = strlen(path);
+  if (sep != '\0') {
+    if (const char *last = strrchr(path, sep)) keep = last - path;
+  }
+  char *out = static_cast<char *>(olx_malloc(keep + 1 + strlen(suffix) + 1));
+  if (out == nullptr) return nullptr;
+  memcpy(out, path, keep);
+  char *end = out + keep;
+  if (sep != '\0') *end++ = sep;
+  strcpy(end, suffix);
+  return out;
+}
+
+int ldap_file_exists(const char *path) {
+  if (path == nullptr) return 0;
+  FILE *f = fopen(path, "r");
+  if (f == nullptr) return 0;
+  fclose(f);
+  return 1;
+}
+
+int ldap_split_args(const char *s, int max, int *count, char **vec) {
+  *count = 0;
+  vec[0] = nullptr;
+  if (s == nullptr) return 1;
+  while (is_word_separator(*s)) ++s;
+  if (*s == '\0' || max <= 0) return 0;
+  char *copy = olx_strdup(s);
+  if (copy == nullptr) return 90;
+  int n = 0;
+  for (char *p = copy; *p != '\0' && n < max;) {
+    vec[n++] = p;
+    while (*p != '\0' && !is_word_separator(*p)) ++p;
+    if (*p == '\0') break;
+    *p++ = '\0';
+    while (is_word_separator(*p)) ++p;
+  }
+  vec[n] = nullptr;
+  *count = n;
+  return 0;
+}
+
+int ldap_is_blank(int c) { return c == '\t' || c == '\n' || c == '\r' || c == ' '; }
 }

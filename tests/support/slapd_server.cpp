@@ -57,6 +57,7 @@ std::string tls_config(const std::string &tls, const std::string &ciphers) {
 }  // namespace
 
 int free_port() { return loopback(0); }
+bool port_answers(int port) { return loopback(port) == port; }
 
 std::string make_test_certificates(const std::string &dir, bool server_expired) {
   const std::string openssl = "/usr/bin/openssl";
@@ -89,7 +90,6 @@ std::string make_test_certificates(const std::string &dir, bool server_expired) 
     if (!e.empty()) return e;
   return "";
 }
-
 
 bool SlapdServer::start(std::string *error) {
   auto fail = [&](const std::string &why) {

@@ -80,6 +80,8 @@ class SlapdServer {
 
 // A free TCP port on 127.0.0.1, found by binding port 0.
 int free_port();
+// Whether something accepts connections on 127.0.0.1:port.
+bool port_answers(int port);
 // Makes the certificates of SlapdOptions::tls in `dir`; "" or the failure.
 std::string make_test_certificates(const std::string &dir, bool server_expired);
 

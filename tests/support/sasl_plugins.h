@@ -1,0 +1,50 @@
+// slapd set up for SASL (Cyrus mechanisms checked against the entries'
+// cleartext userPassword, uid=NAME,...,cn=auth mapped to the entry) and a
+// krvldap.conf naming the test plug-ins, in a directory KRVLDAP_CONF points at.
+#ifndef TAV_TEST_SASL_PLUGINS_H
+#define TAV_TEST_SASL_PLUGINS_H
+
+#include <stdlib.h>
+
+#include <string>
+
+#include "ldap-plugin.h"
+#include "ldap_requests.h"
+#include "process.h"
+#include "slapd_server.h"
+
+namespace tavtest {
+
+inline SlapdOptions sasl_slapd_options() {
+  SlapdOptions o;
+  o.global_config =
+      "sasl-auxprops slapd\nsasl-host 127.0.0.1\nsasl-realm example\n"
+      "authz-regexp \"^uid=([^,]+),(cn=[^,]+,)?cn=[^,]+,cn=auth$\" \"uid=$1,ou=People,dc=example,dc=com\"\n";
+  return o;
+}
+
+// Writes `text` as krvldap.conf into `dir`, points KRVLDAP_CONF there and
+// makes the library read it again.
+inline void use_config(const std::string &dir, const std::string &text) {
+  write_file(dir + "/krvldap.conf", text);
+  setenv("KRVLDAP_CONF", dir.c_str(), 1);
+  ldap_conf_forget();
+}
+
+// The session's identity as the server's Who am I? operation answers it, or
+// "" when it does not.
+inline std::string whoami(LDAP *ld) {
+  int id = send_raw_op(ld, 0x77, tlv(0x77, tlv(0x80, "1.3.6.1.4.1.4203.1.11.3")));
+  LDAPMessage *res = nullptr;
+  struct berval *authzid = nullptr;
+  if (ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x78 ||
+      ldap_parse_extended_result(ld, res, nullptr, &authzid, 1) != 0 || authzid == nullptr)
+    return "";
+  std::string who(authzid->bv_val, authzid->bv_len);
+  fber_bvfree(authzid);
+  return who;
+}
+
+}  // namespace tavtest
+
+#endif

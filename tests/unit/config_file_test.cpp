@@ -1,0 +1,163 @@
+// The client configuration file: its word rules, look-ups, search order and
+// the path and word helpers it shares.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "ldap-plugin.h"
+#include "ldap-utils.h"
+
+namespace {
+
+std::string str(const char *s) { return s != nullptr ? s : "(null)"; }
+
+// A configuration list read from `text`; 0 or 90 in rc.
+struct Conf {
+  ldap_conf_list list = {nullptr, nullptr};
+  int rc;
+  explicit Conf(std::string text) {
+    FILE *f = fmemopen(text.data(), text.size(), "r");
+    rc = ldap_process_conf_data(f, &list);
+    fclose(f);
+  }
+  ~Conf() { ldap_conf_list_free(&list); }
+  // Each entry as "kind|type|name|path|init|args".
+  std::vector<std::string> lines() const {
+    std::vector<std::string> out;
+    for (ldap_conf_entry *e = list.head; e != nullptr; e = e->next) {
+      const ldap_conf_fields &w = *e->fields;
+      out.push_back(str(w.kind) + "|" + w.type + "|" + w.name + "|" + w.path + "|" + str(w.init_function) + "|" +
+                    str(w.args));
+    }
+    return out;
+  }
+};
+
+TEST(ConfigFile, WordRules) {
+  const std::string none = "|(null)|(null)";
+  const std::pair<std::string, std::string> cases[] = {
+      {"plugin sasl GSSAPI /usr/lib/libgssplugin.so\n", "plugin|sasl|GSSAPI|/usr/lib/libgssplugin.so" + none},
+      {"plugin sasl DIGEST-MD5 /lib/libdig.so my_init -a one -b two\n",
+       "plugin|sasl|DIGEST-MD5|/lib/libdig.so|my_init|-a one -b two"},
+      {"plugin\tsasl  X\t/lib/x.so\tinit\t-a b\tignored after the tab\n", "plugin|sasl|X|/lib/x.so|init|-a b"},
+      {"plugin sasl X /lib/x.so init\n", "plugin|sasl|X|/lib/x.so|init|(null)"},
+      {"plugin sasl X\n", ""},
+      {"#plugin sasl X /lib/x.so\n", ""},
+      {" #plugin sasl X /lib/x.so\n", "#plugin|sasl|X|/lib/x.so" + none},  // comments start in column 1
+      {"\n", ""},
+      {"plugin sasl Y /lib/y.so", "plugin|sasl|Y|/lib/y.so" + none},  // no final newline
+  };
+  for (const auto &[line, want] : cases) {
+    std::vector<std::string> got = Conf(line).lines();
+    EXPECT_EQ(got, want.empty() ? std::vector<std::string>{} : std::vector<std::string>{want}) << line;
+  }
+  // A longer line than 511 characters is read in 511-character pieces.
+  std::vector<std::string> got = Conf("plugin sasl LONG /lib/l.so init " + std::string(600, 'a') + "\n").lines();
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0], "plugin|sasl|LONG|/lib/l.so|init|" + std::string(511 - 32, 'a'));
+  EXPECT_EQ(Conf("# c\na b c d\nshort\ne f g h\n").lines(),
+            (std::vector<std::string>{"a|b|c|d" + none, "e|f|g|h" + none}));
+}
+
+TEST(ConfigFile, LookupIsExactAndFirstInFileOrder) {
+  Conf conf("plugin sasl gssapi /lib/a.so\nplugin sasl GSSAPI /lib/b.so\nplugin sasl GSSAPI /lib/c.so\n");
+  char plugin[] = "plugin", sasl[] = "sasl", upper[] = "GSSAPI", other[] = "GSSAPi";
+  ldap_conf_fields key = {plugin, sasl, upper, nullptr, nullptr, nullptr};
+  ldap_conf_entry *e = ldap_conf_find(&conf.list, &key);
+  ASSERT_NE(e, nullptr);
+  EXPECT_STREQ(e->fields->path, "/lib/b.so");
+  key.name = other;
+  EXPECT_EQ(ldap_conf_find(&conf.list, &key), nullptr);
+}
+
+TEST(ConfigFile, SearchOrderStartsWithTheEnvironmentDirectory) {
+  char dir[] = "/tmp/tavconf.XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  setenv("KRVLDAP_CONF", dir, 1);
+  char *found = ldap_locate_conf_file();
+  // Without a file there the default places follow (absent on a test machine).
+  EXPECT_TRUE(found == nullptr || std::string(found).rfind("/opt/KRV/ldap/V6.2/", 0) == 0) << found;
+  free(found);
+  const std::string path = std::string(dir) + "/krvldap.conf";
+  fclose(fopen(path.c_str(), "w"));
+  found = ldap_locate_conf_file();
+  EXPECT_EQ(str(found), path);
+  free(found);
+  unlink(path.c_str());
+  rmdir(dir);
+  unsetenv("KRVLDAP_CONF");
+}
+
+TEST(PathHelpers, ExtensionsPathsAndWords) {
+  for (auto [path, sep, want] : {std::tuple{"/opt/p/libx.sl", '.', "/opt/p/libx.so"},
+                                 {"/opt/p/libx", '.', "/opt/p/libx.so"},
+                                 {"/opt/p/libx.so", '.', "/opt/p/libx.so"},
+                                 {"name", '\0', "nameso"}}) {
+    char *got = ldap_replace_extension(path, sep, "so");
+    EXPECT_EQ(str(got), want) << path;
+    free(got);
+  }
+  const char *subdirs[] = {"a", "b", nullptr};
+  for (auto [got, want] : {std::pair{ldap_make_path("/d", subdirs, "f.conf"), "/d/a/b/f.conf"},
+                           {ldap_get_default_config_path('/'), "/opt/KRV/ldap/V6.2/etc"}}) {
+    EXPECT_EQ(str(got), want);
+    free(got);
+  }
+  struct Split {
+    const char *text;
+    int max;
+    std::vector<std::string> want;
+  } splits[] = {{"  -a one\t-b\ntwo ", 64, {"-a", "one", "-b", "two"}}, {"a b c", 2, {"a", "b"}}, {" \t", 64, {}}};
+  for (const Split &s : splits) {
+    char *vec[65];
+    int count = -1;
+    ASSERT_EQ(ldap_split_args(s.text, s.max, &count, vec), 0);
+    EXPECT_EQ(std::vector<std::string>(vec, vec + count), s.want) << s.text;
+    EXPECT_EQ(vec[count], nullptr);
+    if (count > 0) free(vec[0]);
+  }
+  char *vec[2];
+  int count = -1;
+  EXPECT_EQ(ldap_split_args(nullptr, 1, &count, vec), 1);
+  EXPECT_EQ(count, 0);
+  for (int c = 0; c < 256; ++c) EXPECT_EQ(ldap_is_blank(c), c == ' ' || c == '\t' || c == '\n' || c == '\r') << c;
+}
+
+TEST(PathHelpers, AllocationFailuresGiveNinetyAndLeakNothing) {
+  for (long n = 1;; ++n) {
+    olx_fail_alloc_at(n);
+    char *vec[65];
+    int count = 0;
+    int rc = ldap_split_args("a b", 64, &count, vec);
+    char *p = ldap_make_path("/d", nullptr, "f");
+    int conf_rc = Conf("a b c d\ne f g h\n").rc;
+    long used = olx_fail_alloc_at(0);
+    EXPECT_TRUE(rc == 0 || (rc == 90 && count == 0));
+    EXPECT_TRUE(conf_rc == 0 || conf_rc == 90);
+    if (count > 0) free(vec[0]);
+    free(p);
+    if (used < n) break;
+  }
+}
+
+TEST(ParameterBlock, SetReplacesGetFindsAndMissingIsOne) {
+  LDAP_PBLOCK *pb = ldap_pblock_new();
+  ASSERT_NE(pb, nullptr);
+  EXPECT_EQ(tavldap_plugin_api_of(pb)->version, TAVLDAP_PLUGIN_API_VERSION);
+  int a = 0, b = 0;
+  void *v = nullptr;
+  EXPECT_EQ(ldap_pblock_get(pb, 301, &v), 1);
+  for (auto [id, value] : {std::pair{301, &a}, {302, &b}, {301, &b}}) EXPECT_EQ(ldap_pblock_set(pb, id, value), 0);
+  EXPECT_EQ(ldap_pblock_get(pb, 301, &v), 0);
+  EXPECT_EQ(v, &b);
+  EXPECT_EQ(ldap_pblock_set(nullptr, 1, nullptr), 82);
+  olx_fail_alloc_at(1);
+  EXPECT_EQ(ldap_pblock_set(pb, 303, &a), 90);
+  olx_fail_alloc_at(0);
+  ldap_pblock_free(pb);
+}
+
+}  // namespace
