@@ -28,9 +28,9 @@ SKIP_ALLOWED=()
 # Floors: at least this many tests per label must run (pass or fail).  One
 # fuzz target per tests/fuzz/*_fuzz.cpp, and a corpus replay of each in unit.
 fuzz_targets=$(find tests/fuzz -maxdepth 1 -name '*_fuzz.cpp' | wc -l)
-UNIT_MIN=89
-INTEGRATION_MIN=23
-CONCURRENCY_MIN=4
+UNIT_MIN=114
+INTEGRATION_MIN=70
+CONCURRENCY_MIN=8
 
 passed=0
 failed=0
