@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   slapd ldap-utils libldap-dev
   libssl-dev openssl
+  dnsmasq-base iproute2 util-linux
 )
 
 missing=()
