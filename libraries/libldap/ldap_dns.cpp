@@ -106,6 +106,7 @@ LDAPServerInfo *new_server(const ldap_dns_state *st, char *host) {
   s->domain = olx_strdup(st->current_domain != nullptr ? st->current_domain : "");
   s->service = olx_strdup(st->service_prefix != nullptr ? st->service_prefix : "");
   if (s->domain == nullptr || s->service == nullptr) {
+    s->host = nullptr;  // the caller still owns it
     ldap_server_info_free(s);
     return nullptr;
   }
