@@ -340,12 +340,15 @@ TEST_F(DnsLocate, LdapInitOnAHostlessUrlReachesTheLocatedServer) {
   auto msgfree = so.fn<int (*)(LDAPMessage *)>("tav_ldap_msgfree");
   auto unbind = so.fn<int (*)(LDAP *)>("tav_ldap_unbind");
   // example.com: the plain server only; failover.test: a dead server first.
-  for (const char *domain : {"example.com", "failover.test"}) {
+  const std::pair<const char *, std::string> cases[] = {
+      {"example.com", ldap1()}, {"failover.test", "down.failover.test:" + std::to_string(dead_port) + " " + ldap1()}};
+  for (const auto &[domain, hosts] : cases) {
     SCOPED_TRACE(domain);
     setenv("LOCALDOMAIN", domain, 1);
     LDAP *ld = init("ldap:///dc=example,dc=com", 0);
     unsetenv("LOCALDOMAIN");
     ASSERT_NE(ld, nullptr);
+    EXPECT_EQ(ld->ld_defhost, hosts);
     EXPECT_EQ(bind(ld, SlapdServer::kRootDn, SlapdServer::kRootPw), 0);
     LDAPMessage *res = nullptr;
     struct timeval tv = {10, 0};
@@ -355,15 +358,10 @@ TEST_F(DnsLocate, LdapInitOnAHostlessUrlReachesTheLocatedServer) {
     unbind(ld);
   }
   // ldaps:/// takes the servers published for SSL only.
-  ldap_server_request r{};
-  r.connection_timeout = 2;
-  r.dn_filter = const_cast<char *>("dc=example,dc=com");
-  char *hosts = auto_server_locate(&r, 1);
-  EXPECT_STREQ(hosts, "ldaps1.example.com:1636");
-  free(hosts);
-  hosts = auto_server_locate(&r, 0);
-  EXPECT_EQ(hosts, ldap1());
-  free(hosts);
+  LDAP *ld = init("ldaps:///dc=example,dc=com", 0);
+  ASSERT_NE(ld, nullptr);
+  EXPECT_STREQ(ld->ld_defhost, "ldaps1.example.com:1636");
+  unbind(ld);
 }
 
 }  // namespace
