@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "dns_peer.h"
+#include "ldap-debug.h"
 #include "ldap-dns.h"
 #include "ldap-utils.h"
 #include "process.h"
@@ -197,45 +198,47 @@ TEST_F(DnsLocate, ScriptedFaultsGiveTheirCodes) {
     int rc;
     const char *servers;
     const char *queries;
+    const char *trace;  // a line the case must trace
   };
   const Case cases[] = {
       {"truncated, then TCP", 0,
        [=](const Q &q) { return std::vector<std::string>{q.tcp ? good(q) : answer(q.id, 0x8380, q.name, 255, 0, "")}; },
-       0, "1{h.s.test:7}", "U255 T255 T16"},
+       0, "1{h.s.test:7}", "U255 T255 T16", "ldapdns: connecting to 127.0.0.2 using TCP\n"},
       {"truncated under UDP only", 1,
        [=](const Q &q) {
          return std::vector<std::string>{q.type == 255 ? answer(q.id, 0x8380, q.name, 255, 1, srv_rec) : good(q)};
        },
-       LDAP_DNS_TRUNCATED, "1{h.s.test:7}", "U255 U16"},
+       LDAP_DNS_TRUNCATED, "1{h.s.test:7}", "U255 U16", "ldapdns: message has been truncated\n"},
       {"wrong ID first", 1,
        [=](const Q &q) {
          return std::vector<std::string>{good({0, q.id + 1, q.name, q.type}), good(q)};
        },
-       0, "1{h.s.test:7}", "U255 U16"},
-      {"TCP only", 2, [=](const Q &q) { return std::vector<std::string>{good(q)}; }, 0, "1{h.s.test:7}", "T255 T16"},
+       0, "1{h.s.test:7}", "U255 U16", "ldapdns: Oops, wrong packet\n"},
+      {"TCP only", 2, [=](const Q &q) { return std::vector<std::string>{good(q)}; }, 0, "1{h.s.test:7}", "T255 T16",
+       "ldapdns: SRV record found: 1 1 7 h.s.test\n"},
       {"more answers than records", 1,
        [=](const Q &q) { return std::vector<std::string>{answer(q.id, 0x8180, q.name, 255, 2, srv_rec)}; },
-       LDAP_DNS_INVALID_DATA, "", "U255"},
+       LDAP_DNS_INVALID_DATA, "", "U255", "ldap_server_locate: *server_info_listpp = (nil)\n"},
       {"compression loop", 1,
        [=](const Q &q) {
          return std::vector<std::string>{answer(q.id, 0x8180, q.name, 255, 1, std::string("\xc0\x23", 2) + u16(33))};
        },
-       LDAP_DNS_INVALID_DATA, "", "U255"},
+       LDAP_DNS_INVALID_DATA, "", "U255", "ldap_server_locate: *server_info_listpp = (nil)\n"},
       {"pointer past the end", 1,
        [=](const Q &q) {
          return std::vector<std::string>{answer(q.id, 0x8180, q.name, 255, 1, std::string("\xc1\x00", 2) + u16(33))};
        },
-       LDAP_DNS_INVALID_DATA, "", "U255"},
+       LDAP_DNS_INVALID_DATA, "", "U255", "ldap_server_locate: *server_info_listpp = (nil)\n"},
       {"record longer than the message", 1,
        [=](const Q &q) {
          return std::vector<std::string>{answer(q.id, 0x8180, q.name, 255, 1, srv_rec.substr(0, srv_rec.size() - 3))};
        },
-       LDAP_DNS_INVALID_DATA, "", "U255"},
+       LDAP_DNS_INVALID_DATA, "", "U255", "ldap_server_locate: *server_info_listpp = (nil)\n"},
       {"negative answer", 1,
        [=](const Q &q) { return std::vector<std::string>{answer(q.id, 0x8183, q.name, 255, 0, "")}; },
-       LDAP_DNS_SERVERS_FOUND, "", "U255"},
+       LDAP_DNS_SERVERS_FOUND, "", "U255", "ldapdns: DNS response code = 3\n"},
       {"silence, then silence over TCP", 0, [](const Q &) { return std::vector<std::string>{}; }, LDAP_CONNECT_ERROR,
-       "", "U255 T255"},
+       "", "U255 T255", "ldapdns: connection has timed out\n"},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.name);
@@ -244,7 +247,12 @@ TEST_F(DnsLocate, ScriptedFaultsGiveTheirCodes) {
     Request q{.domains = {"s.test"}, .servers = {"127.0.0.2"}, .ctype = c.ctype, .timeout = 1};
     q.key = "_ldap";
     q.proto = "_tcp";
+    ldap_set_debug_level(0xffff);
+    testing::internal::CaptureStderr();
     EXPECT_EQ(locate(q), std::make_pair(c.rc, std::string(c.servers)));
+    const std::string trace = testing::internal::GetCapturedStderr();
+    ldap_set_debug_level(0);
+    EXPECT_NE(trace.find(c.trace), std::string::npos) << trace;
     std::string seen;
     for (const Q &x : peer.queries())
       seen += (seen.empty() ? "" : " ") + std::string(x.tcp ? "T" : "U") + std::to_string(x.type);
