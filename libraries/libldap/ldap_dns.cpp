@@ -861,7 +861,7 @@ int ldap_server_locate(struct ldap_server_request *request, LDAPServerInfo **lis
     if (rc != 0 && rc != LDAP_NO_MEMORY && st.search_source != 1) rc = 0;
     if (rc == 0 && st.search_source == 1 && st.conf_entries == nullptr)
       LDAP_LOG(LDAP_LOG_TRACE, "ldapdns: no LDAP servers found in configuration file\n");
-    if (st.search_source == 1 && st.conf_entries == nullptr) goto finish;
+    if (rc == LDAP_NO_MEMORY || (st.search_source == 1 && st.conf_entries == nullptr)) goto finish;
   }
   {
     bool have_domains = list_count(st.dns_domains) > 0;

@@ -320,20 +320,27 @@ TEST_F(DnsLocate, FileOnlyFileThenDnsAndFailureCodes) {
 }
 
 TEST_F(DnsLocate, EveryAllocationFailureGivesNoMemory) {
-  CRequest c({{"example.com"}, {"127.0.0.1"}});
-  for (long n = 1;; ++n) {
-    LDAPServerInfo *list = nullptr;
-    olx_fail_alloc_at(n);
-    int rc = ldap_server_locate(&c.r, &list);
-    long used = olx_fail_alloc_at(0);
-    if (used < n) {
-      EXPECT_EQ(rc, 0);
-      EXPECT_GT(n, 30);  // the hook reached the locator's allocations
+  write_file(dir->file("sweep.conf"), "0\nldap example.com f1 0 0 1389 0 1 \"dc=example,dc=com\" \"v\" \"i\"\n");
+  // DNS with host attributes; the file, then DNS for the domain it lacks.
+  for (const Request &q : {Request{{"example.com"}, {"127.0.0.1"}}, Request{.domains = {"txt.test", "example.com"},
+                                                                    .servers = {"127.0.0.1"},
+                                                                    .source = 0,
+                                                                    .file = dir->file("sweep.conf")}}) {
+    CRequest c(q);
+    for (long n = 1;; ++n) {
+      LDAPServerInfo *list = nullptr;
+      olx_fail_alloc_at(n);
+      int rc = ldap_server_locate(&c.r, &list);
+      long used = olx_fail_alloc_at(0);
       ldap_server_free_list(list);
-      break;
+      if (used < n) {
+        EXPECT_EQ(rc, 0);
+        EXPECT_GT(n, 10);  // the hook reached the locator's allocations
+        break;
+      }
+      ASSERT_EQ(rc, LDAP_NO_MEMORY) << "allocation " << n;
+      EXPECT_EQ(list, nullptr);
     }
-    EXPECT_TRUE(rc == LDAP_NO_MEMORY || (rc == 0 && list != nullptr)) << n << " rc " << rc;
-    ldap_server_free_list(list);
   }
 }
 
