@@ -289,6 +289,16 @@ bool wait_ready(int sock, bool for_write, int seconds) {
   return n > 0;
 }
 
+bool same_address(const sockaddr_storage *a, const sockaddr_storage *b) {
+  if (a->ss_family != b->ss_family) return false;
+  if (a->ss_family == AF_INET) {
+    auto x = reinterpret_cast<const sockaddr_in *>(a), y = reinterpret_cast<const sockaddr_in *>(b);
+    return x->sin_port == y->sin_port && x->sin_addr.s_addr == y->sin_addr.s_addr;
+  }
+  auto x = reinterpret_cast<const sockaddr_in6 *>(a), y = reinterpret_cast<const sockaddr_in6 *>(b);
+  return x->sin6_port == y->sin6_port && memcmp(&x->sin6_addr, &y->sin6_addr, sizeof x->sin6_addr) == 0;
+}
+
 // Exactly `len` bytes from a TCP socket (bounded by the time-out when set).
 bool recv_all(const ldap_dns_state *st, unsigned char *buf, size_t len) {
   size_t got = 0;
@@ -684,12 +694,21 @@ int ldap_dns_read_answer(ldap_dns_state *st) {
         return LDAP_CONNECT_ERROR;
       }
       ssize_t n;
+      struct sockaddr_storage from;
+      socklen_t from_len;
       do {
-        n = recvfrom(st->sock, st->packet, size, 0, nullptr, nullptr);
+        from_len = sizeof from;
+        n = recvfrom(st->sock, st->packet, size, 0, reinterpret_cast<sockaddr *>(&from), &from_len);
       } while (n < 0 && errno == EINTR);
       if (n < 0) {
         LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: error receiving response: rc = %d\n", errno);
         return LDAP_CONNECT_ERROR;
+      }
+      // Only the name server may answer: a datagram from elsewhere is
+      // dropped like one with a wrong ID.
+      if (!same_address(&from, &st->server_addr)) {
+        LDAP_LOG(LDAP_LOG_TRACE, "ldapdns: Oops, wrong packet\n");
+        continue;
       }
       st->packet_len = (size_t)n;
     }

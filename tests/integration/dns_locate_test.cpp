@@ -214,6 +214,11 @@ TEST_F(DnsLocate, ScriptedFaultsGiveTheirCodes) {
          return std::vector<std::string>{good({0, q.id + 1, q.name, q.type}), good(q)};
        },
        0, "1{h.s.test:7}", "U255 U16", "ldapdns: Oops, wrong packet\n"},
+      {"answer from another port first", 1,
+       [=](const Q &q) {
+         return std::vector<std::string>{ScriptedDns::kSpoofed + answer(q.id, 0x8180, q.name, 255, 0, ""), good(q)};
+       },
+       0, "1{h.s.test:7}", "U255 U16", "ldapdns: Oops, wrong packet\n"},
       {"TCP only", 2, [=](const Q &q) { return std::vector<std::string>{good(q)}; }, 0, "1{h.s.test:7}", "T255 T16",
        "ldapdns: SRV record found: 1 1 7 h.s.test\n"},
       {"more answers than records", 1,

@@ -212,7 +212,13 @@ void ScriptedDns::serve() {
         std::lock_guard<std::mutex> lock(mu_);
         queries_.push_back(q);
       }
-      for (const auto &r : script_(q)) sendto(udp_, r.data(), r.size(), 0, (sockaddr *)&from, flen);
+      for (const auto &r : script_(q)) {
+        bool spoof = r.rfind(kSpoofed, 0) == 0;
+        int fd = spoof ? socket(AF_INET, SOCK_DGRAM, 0) : udp_;
+        size_t skip = spoof ? strlen(kSpoofed) : 0;
+        sendto(fd, r.data() + skip, r.size() - skip, 0, (sockaddr *)&from, flen);
+        if (spoof) close(fd);
+      }
     }
     if (p[1].revents & POLLIN) {
       int fd = accept(tcp_, nullptr, nullptr);

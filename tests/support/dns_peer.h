@@ -53,6 +53,8 @@ class ScriptedDns {
     unsigned type;
   };
   using Script = std::function<std::vector<std::string>(const Query &)>;
+  // A UDP reply beginning with this is sent (without it) from another port.
+  static constexpr const char *kSpoofed = "spoofed:";
 
   ScriptedDns(const std::string &address, Script script);
   ~ScriptedDns();
