@@ -43,69 +43,44 @@ struct State {
   ~State() { ldap_dns_state_free(&st); }
 };
 
-TEST(DnsAnswer, HeaderChecksAndRecordsBecomeServers) {
+// IDs, truncation, negative answers, counts, loops and overruns are also
+// driven through the scripted responder (dns_locate_test).
+TEST(DnsAnswer, RecordsBecomeServersAndOverrunsAreInvalid) {
   struct Case {
     const char *name;
     std::string msg;
-    int ctype;
     int check_rc;
-    int parse_rc;  // first parse of SRV, then TXT, then CNAME
+    int parse_rc;  // of the parse of SRV, then TXT, then CNAME
     const char *servers;
   };
   const std::string two_srv = record(kOwner, 33, srv(10, 1, 1389, "b.example.com")) +
                               record(kOwner, 33, srv(5, 2, 0, "a.example.com")) + record(kOwner, 99, "xyz");
-  const std::string loop = std::string("\xc0\x28", 2);  // the owner name (at 40) points at itself
+  const std::string label = std::string(1, '\x3f') + "abc";
   const Case cases[] = {
-      {"SRV by priority", answer(7, 0x8180, kQ, 255, 3, two_srv), 0, 0, 0,
-       "a.example.com:0/5/2 b.example.com:1389/10/1"},
+      {"SRV by priority", answer(7, 0x8180, kQ, 255, 3, two_srv), 0, 0, "a.example.com:0/5/2 b.example.com:1389/10/1"},
       {"SRV target compressed", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 33, u16(1) + u16(2) + u16(3) + kOwner)), 0,
-       0, 0, "_ldap._tcp.example.com:3/1/2"},
-      {"SRV root target", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 33, srv(1, 1, 1, ""))), 0, 0, 0, ""},
-      {"TXT one string", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 16, txt({"10 5 1389 ldap1"}))), 0, 0, 0,
+       0, "_ldap._tcp.example.com:3/1/2"},
+      {"SRV root target", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 33, srv(1, 1, 1, ""))), 0, 0, ""},
+      {"TXT one string", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 16, txt({"10 5 1389 ldap1"}))), 0, 0,
        "ldap1.example.com:1389/10/5"},
-      {"TXT four strings", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 16, txt({"1", "2", "3", "h.other."}))), 0, 0, 0,
+      {"TXT four strings", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 16, txt({"1", "2", "3", "h.other."}))), 0, 0,
        "h.other:3/1/2"},
-      {"TXT too few words", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 16, txt({"1 2 3"}))), 0, 0, 0, ""},
-      {"CNAME", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 5, name("alias.example.com"))), 0, 0, 0,
+      {"TXT too few words", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 16, txt({"1 2 3"}))), 0, 0, ""},
+      {"CNAME", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 5, name("alias.example.com"))), 0, 0,
        "alias.example.com:0/0/0"},
-      {"wrong ID", answer(8, 0x8180, kQ, 255, 0, ""), 0, 1, 0, ""},
-      {"negative answer", answer(7, 0x8183, kQ, 255, 0, ""), 0, -1, 0, ""},
-      {"truncated, automatic", answer(7, 0x8380, kQ, 255, 0, ""), 0, LDAP_DNS_TRUNCATED, 0, ""},
-      {"truncated, UDP only", answer(7, 0x8380, kQ, 255, 3, two_srv), 1, 0, 0,
-       "a.example.com:0/5/2 b.example.com:1389/10/1"},
-      {"short header", std::string("\0\7\x81", 3), 0, LDAP_DNS_INVALID_DATA, 0, ""},
-      {"question past the end", header(7, 0x8180, 2, 0) + name(kQ) + u16(255), 0, LDAP_DNS_INVALID_DATA, 0, ""},
-      {"more answers than records", answer(7, 0x8180, kQ, 255, 4, two_srv), 0, 0, LDAP_DNS_INVALID_DATA,
-       "a.example.com:0/5/2 b.example.com:1389/10/1"},
-      {"compression loop", answer(7, 0x8180, kQ, 255, 1, loop + u16(33)), 0, 0, LDAP_DNS_INVALID_DATA, ""},
-      {"pointer past the end", answer(7, 0x8180, kQ, 255, 1, std::string("\xc3\xff", 2) + u16(33)), 0, 0,
-       LDAP_DNS_INVALID_DATA, ""},
-      {"label past the end",
-       answer(7, 0x8180, kQ, 255, 1,
-              std::string("\x3f"
-                          "abc",
-                          4)),
-       0, 0, LDAP_DNS_INVALID_DATA, ""},
-      {"record longer than message",
-       answer(7, 0x8180, kQ, 255, 1, kOwner + u16(33) + u16(1) + u16(0) + u16(0) + u16(40) + srv(1, 1, 1, "a")), 0, 0,
-       LDAP_DNS_INVALID_DATA, ""},
+      {"short header", std::string("\0\7\x81", 3), LDAP_DNS_INVALID_DATA, 0, ""},
+      {"question past the end", header(7, 0x8180, 2, 0) + name(kQ) + u16(255), LDAP_DNS_INVALID_DATA, 0, ""},
+      {"label past the end", answer(7, 0x8180, kQ, 255, 1, label), 0, LDAP_DNS_INVALID_DATA, ""},
       {"SRV name beyond its record",
-       answer(7, 0x8180, kQ, 255, 1,
-              record(kOwner, 33,
-                     u16(1) + u16(1) + u16(1) +
-                         "\x05"
-                         "ab")),
-       0, 0, LDAP_DNS_INVALID_DATA, ""},
-      {"TXT string beyond its record",
-       answer(7, 0x8180, kQ, 255, 1,
-              record(kOwner, 16,
-                     "\x09"
-                     "abc")),
-       0, 0, LDAP_DNS_INVALID_DATA, ""},
+       answer(7, 0x8180, kQ, 255, 2,
+              record(kOwner, 33, u16(1) + u16(1) + u16(1) + name("a").substr(0, 2)) + record(name(""), 99, "")),
+       0, LDAP_DNS_INVALID_DATA, ""},
+      {"TXT string beyond its record", answer(7, 0x8180, kQ, 255, 1, record(kOwner, 16, std::string(1, 9) + "abc")), 0,
+       LDAP_DNS_INVALID_DATA, ""},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.name);
-    State s(c.msg, c.ctype);
+    State s(c.msg);
     ASSERT_EQ(ldap_dns_check_answer(&s.st, 7), c.check_rc);
     if (c.check_rc != 0) continue;
     int rc = 0;
@@ -113,7 +88,6 @@ TEST(DnsAnswer, HeaderChecksAndRecordsBecomeServers) {
       if (rc == 0 && s.st.found == nullptr) rc = ldap_dns_parse_answers(&s.st, nullptr, type);
     EXPECT_EQ(rc, c.parse_rc);
     EXPECT_EQ(render(s.st.found), c.servers);
-    EXPECT_EQ(s.st.truncated_count, c.ctype == 1 ? 1 : 0);
   }
 }
 
