@@ -1,5 +1,6 @@
 // Fuzzes the server information file reader, and checks that what it reads
 // is written back by ldap_server_cache_save and read again unchanged.
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -27,13 +28,12 @@ std::string render(const LDAPServerInfo *s) {
   return out;
 }
 
+// Files in memory, named through /proc so the reader and writer open them by
+// path: nothing is left behind on disk.
 std::string scratch(const char *name) {
-  static const std::string dir = [] {
-    char tmpl[] = "/tmp/srvinfo_fuzz.XXXXXX";
-    check(mkdtemp(tmpl) != nullptr);
-    return std::string(tmpl);
-  }();
-  return dir + "/" + name;
+  int fd = memfd_create(name, 0);
+  check(fd >= 0);
+  return "/proc/self/fd/" + std::to_string(fd);
 }
 
 bool has_long_line(const std::string &path) {
@@ -53,7 +53,7 @@ bool has_long_line(const std::string &path) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // A C string's view of the input: the reader's lines end at a NUL.
   std::string text(reinterpret_cast<const char *>(data), strnlen(reinterpret_cast<const char *>(data), size));
-  const std::string in = scratch("in"), out = scratch("out");
+  static const std::string in = scratch("in"), out = scratch("out");
   FILE *f = fopen(in.c_str(), "w");
   fwrite(text.data(), 1, text.size(), f);
   fclose(f);
