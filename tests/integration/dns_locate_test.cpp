@@ -2,8 +2,10 @@
 // network namespace whose /etc/resolv.conf is the test's own; and ldap_init on
 // "ldap:///suffix" through the shared object, reaching the private slapd.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <set>
 #include <string>
@@ -313,6 +315,13 @@ TEST_F(DnsLocate, FileOnlyFileThenDnsAndFailureCodes) {
   // No name servers anywhere: the system configuration is missing.
   write_file(dir->file("resolv.conf"), "search example.com\n");
   EXPECT_EQ(locate({.domains = {"example.com"}}), std::make_pair(LDAP_DNS_RESOLVE_ERROR, std::string()));
+  // No domain configured: the host name's domain, if it has one (the
+  // namespace has its own host name).
+  write_file(dir->file("resolv.conf"), "nameserver 127.0.0.1\n");
+  for (const auto &[host, rc] : {std::pair{"client.txt.test", 0}, {"client", LDAP_DNS_RESOLVE_ERROR}}) {
+    ASSERT_EQ(sethostname(host, strlen(host)), 0);
+    EXPECT_EQ(locate({}).first, rc) << host;
+  }
   write_file(dir->file("resolv.conf"), kResolv);
   // A saved list reads back as the same servers.
   LDAPServerInfo *list = nullptr;

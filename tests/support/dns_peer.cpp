@@ -21,7 +21,7 @@ namespace tavtest {
 
 std::string enter_private_network(const std::string &resolv_conf) {
   static std::string result = [&]() -> std::string {
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) return std::string("unshare: ") + strerror(errno);
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWUTS) != 0) return std::string("unshare: ") + strerror(errno);
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
       return std::string("making / private: ") + strerror(errno);
     if (mount(resolv_conf.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)

@@ -14,8 +14,8 @@
 
 namespace tavtest {
 
-// Moves this process into its own network and mount namespaces (loopback up,
-// nothing else reachable) and bind-mounts `resolv_conf` (a file the caller
+// Moves this process into its own network, mount and host-name namespaces
+// (loopback up, nothing else reachable) and bind-mounts `resolv_conf` (a file the caller
 // owns) over /etc/resolv.conf.  Once per process; "" or the reason it failed.
 std::string enter_private_network(const std::string &resolv_conf);
 
