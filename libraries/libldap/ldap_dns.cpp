@@ -878,7 +878,7 @@ int ldap_server_locate(struct ldap_server_request *request, LDAPServerInfo **lis
     rc = ldap_conf_read_servers(request->conf_filename ? request->conf_filename : LDAP_SERVER_INFO_FILE,
                                 &st.conf_entries);
     if (rc != 0 && rc != LDAP_NO_MEMORY && st.search_source != 1) rc = 0;
-    if (rc == 0 && st.search_source == 1 && st.conf_entries == nullptr)
+    if (rc != LDAP_NO_MEMORY && st.search_source == 1 && st.conf_entries == nullptr)
       LDAP_LOG(LDAP_LOG_TRACE, "ldapdns: no LDAP servers found in configuration file\n");
     if (rc == LDAP_NO_MEMORY || (st.search_source == 1 && st.conf_entries == nullptr)) goto finish;
   }
