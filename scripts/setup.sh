@@ -9,6 +9,7 @@ packages=(
   slapd ldap-utils libldap-dev
   libssl-dev openssl
   libsasl2-dev libsasl2-modules libsasl2-modules-gssapi-mit krb5-kdc krb5-admin-server
+  dnsmasq-base iproute2 util-linux
 )
 
 missing=()
