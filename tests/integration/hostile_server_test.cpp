@@ -276,6 +276,51 @@ TEST(HostileServer, WaitingOnASilentServerCostsNoCpu) {
   ldap_unbind(ld);
 }
 
+// A server closing at any byte of any answer: every waiter gets 81, nothing
+// leaks (LeakSanitizer), nothing hangs.
+TEST(HostileServer, AServerClosingAtAnyByteGives81) {
+  const std::string reference = tavtest::search_reference(1, "ldap://127.0.0.1:1/o=x");
+  const std::pair<Op, std::string> answers[] = {{Op::kBind, reply(result(0x61))},
+                                                {Op::kSaslBind, reply(result(0x61))},
+                                                {Op::kSearch, kEntry + reference + reply(result(0x65))},
+                                                {Op::kAdd, reply(result(0x69))},
+                                                {Op::kDelete, reply(result(0x6b))}};
+  for (const auto &[op, whole] : answers)
+    for (size_t cut = 0; cut < whole.size(); ++cut) {
+      SCOPED_TRACE(testing::Message() << static_cast<int>(op) << " cut at " << cut);
+      FakeServer fake;
+      fake.on_request([&](const std::string &) { return whole.substr(0, cut); }).close();
+      fake.start();
+      LDAP *ld = ldap_init("127.0.0.1", fake.port());
+      ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+      static char *values[] = {const_cast<char *>("x"), nullptr};
+      static LDAPMod cn = {LDAP_MOD_ADD, const_cast<char *>("cn"), {values}};
+      static LDAPMod *mods[] = {&cn, nullptr};
+      LDAPMessage *res = nullptr;
+      int rc = -1;
+      switch (op) {
+        case Op::kBind:
+          rc = ldap_simple_bind_s(ld, "cn=x", "secret");
+          break;
+        case Op::kSaslBind:
+          rc = ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr);
+          break;
+        case Op::kSearch:
+          rc = ldap_search_st(ld, "cn=x", 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
+          break;
+        case Op::kAdd:
+          rc = ldap_add_s(ld, "cn=x", mods);
+          break;
+        case Op::kDelete:
+          rc = ldap_delete_s(ld, "cn=x");
+          break;
+      }
+      EXPECT_EQ(rc, LDAP_SERVER_DOWN);
+      ldap_msgfree(res);
+      ldap_unbind(ld);
+    }
+}
+
 // Other unsolicited messages do not pile up in the row nobody reads.
 TEST(HostileServer, UnsolicitedMessagesAreKeptOnlyAFew) {
   std::string flood;
