@@ -5,11 +5,15 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <functional>
+#include <set>
 #include <string>
 
 #include "fake_server.h"
 #include "ldap-controls.h"
 #include "ldap-debug.h"
+#include "ldap-update.h"
+#include "ldap-utils.h"
 #include "ldap_requests.h"
 #include "slapd_suite.h"
 
@@ -139,6 +143,42 @@ TEST_F(Bind, PasswordPolicyErrorAndWarningsComeBackAsControls) {
 }
 
 // What goes on the wire, seen by a scripted server, and what the trace shows.
+// Every allocation of a simple bind, a SASL EXTERNAL bind and a modify against
+// slapd fails once in turn: a documented code each time, nothing leaked.
+TEST_F(Bind, EveryFailingAllocationEndsInADocumentedCode) {
+  const std::set<int> documented = {
+      0, LDAP_SERVER_DOWN, LDAP_LOCAL_ERROR, LDAP_ENCODING_ERROR, LDAP_DECODING_ERROR, LDAP_NO_MEMORY};
+  static char sn[] = "sn", value[] = "swept";
+  static char *vals[] = {value, nullptr};
+  static LDAPMod mod = {LDAP_MOD_REPLACE, sn, {vals}}, *mods[] = {&mod, nullptr};
+  struct berval empty = {0, const_cast<char *>("")};
+  const std::pair<const char *, std::function<int(LDAP *)>> scenarios[] = {
+      {"simple bind", [](LDAP *s) { return ldap_simple_bind_s(s, SlapdServer::kRootDn, SlapdServer::kRootPw); }},
+      {"EXTERNAL",
+       [&](LDAP *s) { return ldap_sasl_bind_s(s, nullptr, "EXTERNAL", &empty, nullptr, nullptr, nullptr); }},
+      {"bind and modify", [](LDAP *s) {
+         const int rc = ldap_simple_bind_s(s, SlapdServer::kRootDn, SlapdServer::kRootPw);
+         return rc != 0 ? rc : ldap_modify_s(s, SlapdServer::user_dn(1).c_str(), mods);
+       }}};
+  for (const auto &[name, run] : scenarios) {
+    SCOPED_TRACE(name);
+    std::set<int> codes;
+    for (long n = 1;; ++n) {
+      ASSERT_LT(n, 500);
+      LDAP *s = ldap_init(slapd->ldapi_path().c_str(), 0);
+      ASSERT_NE(s, nullptr);
+      olx_fail_alloc_at(n);
+      const int rc = run(s);
+      const long used = olx_fail_alloc_at(0);
+      ldap_unbind(s);
+      EXPECT_TRUE(documented.count(rc)) << "allocation " << n << " gave " << rc;
+      codes.insert(rc);
+      if (used < n) break;
+    }
+    EXPECT_TRUE(codes.count(0) && codes.count(LDAP_NO_MEMORY));
+  }
+}
+
 TEST(BindRequests, AnonymousAndMethodChecksAndMechanismCase) {
   tavtest::FakeServer fake;
   auto ok = [](const std::string &r) { return tavtest::ldap_response(tavtest::request_msgid(r), 0x61); };
