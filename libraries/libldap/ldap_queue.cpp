@@ -339,7 +339,8 @@ int ldap_get_msg_locked(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   return rc;
 }
 
-int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
+// 0 when the connection can be read, else 81 recorded.
+static int readable_connection(LDAP *ld, LDAPConn *conn) {
   if (conn_closed(conn) == 1) {
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg: Socket connection was closed earlier\n");
     record_conn_down(ld, conn);
@@ -350,6 +351,11 @@ int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
     ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
     return LDAP_SERVER_DOWN;
   }
+  return 0;
+}
+
+int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
+  if (int rc = readable_connection(ld, conn); rc != 0) return rc;
   if (LDAP_MUTEX_LOCK(&conn->lc_read_mutex) != 0) {
     ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
     return -1;
@@ -361,16 +367,7 @@ int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
 
 int ldap_msg_table_read_locked(LDAP *ld, ldap_msg_table *table, struct timeval *timeout) {
   LDAPConn *conn = table->conn;
-  if (conn_closed(conn) == 1) {
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg: Socket connection was closed earlier\n");
-    record_conn_down(ld, conn);
-    return LDAP_SERVER_DOWN;
-  }
-  if (conn_connected(conn) == 0) {
-    LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_msg: FATAL ERROR - Socket is not yet created\n");
-    ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-    return LDAP_SERVER_DOWN;
-  }
+  if (int rc = readable_connection(ld, conn); rc != 0) return rc;
   const int rc = ldap_get_msg_locked(ld, conn, timeout);
   return rc == 1 ? 0 : rc;
 }

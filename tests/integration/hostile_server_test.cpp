@@ -51,6 +51,31 @@ const std::string kEntry = reply(tlv(0x64, tlv(0x04, "cn=x") + hex("30 00")));
 
 enum class Op { kBind, kSaslBind, kSearch, kAdd, kDelete };
 
+// Calls `op` on a session; the code it returns.
+int call(Op op, LDAP *ld) {
+  static char *values[] = {const_cast<char *>("x"), nullptr};
+  static LDAPMod cn = {LDAP_MOD_ADD, const_cast<char *>("cn"), {values}};
+  static LDAPMod *mods[] = {&cn, nullptr};
+  switch (op) {
+    case Op::kBind:
+      return ldap_simple_bind_s(ld, "cn=x", "secret");
+    case Op::kSaslBind:
+      return ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr);
+    case Op::kSearch: {
+      struct timeval wait = {10, 0};
+      LDAPMessage *res = nullptr;
+      const int rc = ldap_search_st(ld, "cn=x", 2, "(objectClass=*)", nullptr, 0, &wait, &res);
+      ldap_msgfree(res);
+      return rc;
+    }
+    case Op::kAdd:
+      return ldap_add_s(ld, "cn=x", mods);
+    case Op::kDelete:
+      return ldap_delete_s(ld, "cn=x");
+  }
+  return -1;
+}
+
 // Runs `op` as the first request of a new session (message ID 1) against a
 // server that answers it with `bytes`; the code the call returns.
 int run(Op op, const std::string &bytes) {
@@ -63,31 +88,7 @@ int run(Op op, const std::string &bytes) {
       .hold_until_closed();
   fake.start();
   LDAP *ld = ldap_init("127.0.0.1", fake.port());
-  static char *values[] = {const_cast<char *>("x"), nullptr};
-  static LDAPMod cn = {LDAP_MOD_ADD, const_cast<char *>("cn"), {values}};
-  static LDAPMod *mods[] = {&cn, nullptr};
-  int rc = -1;
-  switch (op) {
-    case Op::kBind:
-      rc = ldap_simple_bind_s(ld, "cn=x", "secret");
-      break;
-    case Op::kSaslBind:
-      rc = ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr);
-      break;
-    case Op::kSearch: {
-      struct timeval wait = {10, 0};
-      LDAPMessage *res = nullptr;
-      rc = ldap_search_st(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0, &wait, &res);
-      ldap_msgfree(res);
-      break;
-    }
-    case Op::kAdd:
-      rc = ldap_add_s(ld, "cn=x", mods);
-      break;
-    case Op::kDelete:
-      rc = ldap_delete_s(ld, "cn=x");
-      break;
-  }
+  const int rc = call(op, ld);
   EXPECT_EQ(ldap_get_errno(ld), rc) << "the error record disagrees with the code returned";
   ldap_unbind(ld);
   EXPECT_TRUE(fake.wait_done());
@@ -293,30 +294,8 @@ TEST(HostileServer, AServerClosingAtAnyByteGives81) {
       fake.start();
       LDAP *ld = ldap_init("127.0.0.1", fake.port());
       ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
-      static char *values[] = {const_cast<char *>("x"), nullptr};
-      static LDAPMod cn = {LDAP_MOD_ADD, const_cast<char *>("cn"), {values}};
-      static LDAPMod *mods[] = {&cn, nullptr};
-      LDAPMessage *res = nullptr;
-      int rc = -1;
-      switch (op) {
-        case Op::kBind:
-          rc = ldap_simple_bind_s(ld, "cn=x", "secret");
-          break;
-        case Op::kSaslBind:
-          rc = ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", nullptr, nullptr, nullptr, nullptr);
-          break;
-        case Op::kSearch:
-          rc = ldap_search_st(ld, "cn=x", 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
-          break;
-        case Op::kAdd:
-          rc = ldap_add_s(ld, "cn=x", mods);
-          break;
-        case Op::kDelete:
-          rc = ldap_delete_s(ld, "cn=x");
-          break;
-      }
+      const int rc = call(op, ld);
       EXPECT_EQ(rc, LDAP_SERVER_DOWN);
-      ldap_msgfree(res);
       ldap_unbind(ld);
     }
 }
