@@ -286,8 +286,10 @@ TEST(HostileServer, AServerClosingAtAnyByteGives81) {
                                                 {Op::kSearch, kEntry + reference + reply(result(0x65))},
                                                 {Op::kAdd, reply(result(0x69))},
                                                 {Op::kDelete, reply(result(0x6b))}};
-  for (const auto &[op, whole] : answers)
-    for (size_t cut = 0; cut < whole.size(); ++cut) {
+  for (const auto &answer : answers)
+    for (size_t cut = 0; cut < answer.second.size(); ++cut) {
+      const Op op = answer.first;
+      const std::string &whole = answer.second;
       SCOPED_TRACE(testing::Message() << static_cast<int>(op) << " cut at " << cut);
       FakeServer fake;
       fake.on_request([&](const std::string &) { return whole.substr(0, cut); }).close();
