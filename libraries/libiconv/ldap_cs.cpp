@@ -750,8 +750,10 @@ int ldap_cs_normalize_name(const char *name, char *out, size_t size) {
   for (const char *p = name; *p && k + 1 < sizeof up; ++p) up[k++] = static_cast<char>(toupper((unsigned char)*p));
   up[k] = '\0';
   if (strcmp(up, "DOS") == 0 || strcmp(up, "WIN") == 0 || strcmp(up, "OS") == 0) {
+    // The current locale's code set: the translation entry points set the
+    // locale before they ask, and the engine leaves the application's alone.
     ldap_iconv_lock();
-    const char *cs = setlocale(LC_CTYPE, "") != nullptr ? nl_langinfo(CODESET) : "";
+    const char *cs = nl_langinfo(CODESET);
     snprintf(up, sizeof up, "%s", cs != nullptr && *cs ? cs : "ISO88591");
     ldap_iconv_unlock();
     for (char *p = up; *p; ++p) *p = static_cast<char>(toupper((unsigned char)*p));
