@@ -474,10 +474,11 @@ Decode decode_cs(ldap_cs_converter *cv, const unsigned char *p, const unsigned c
 
 // One UTF-8 character read without checking continuation bytes, as the table
 // kinds take it; 0x80 to 0xBF alone becomes kLoneByte.
-Decode decode_utf8_loose(uint16_t kind, const unsigned char *p, const unsigned char *end, uint32_t *value,
-                         unsigned *used) {
+Decode decode_utf8_loose(const unsigned char *p, const unsigned char *end, uint32_t *value, unsigned *used) {
   unsigned b = *p;
-  unsigned n = b < 0x80 ? 1 : b < 0xC0 ? 0 : b < 0xE0 ? 2 : (kind == 10 && b >= 0xF0 && b < 0xF8) ? 4 : 3;
+  // Four-byte sequences are read whole for every kind (a supplementary
+  // character is then one substitution, not a guess and a lone byte).
+  unsigned n = b < 0x80 ? 1 : b < 0xC0 ? 0 : b < 0xE0 ? 2 : (b >= 0xF0 && b < 0xF8) ? 4 : 3;
   if (n == 0) {
     *value = kLoneByte;
     *used = 1;
@@ -728,7 +729,7 @@ int ldap_cs_step_from_utf8(ldap_cs_converter *cv, const unsigned char **in, cons
   while (*in < in_end) {
     uint32_t v;
     unsigned used;
-    if (decode_utf8_loose(cv->kind, *in, in_end, &v, &used) == kShort) return 2;
+    if (decode_utf8_loose(*in, in_end, &v, &used) == kShort) return 2;
     uint16_t before = cv->subst_count;
     if (v == kLoneByte) {
       ++cv->subst_count;
