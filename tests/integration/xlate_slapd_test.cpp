@@ -51,8 +51,8 @@ class XlateSlapd : public tavtest::SlapdSuite<XlateSlapd> {
     return o;
   }
   void SetUp() override {
+    setenv("TISDIR", TAV_BUILD_DIR, 1);  // before ldap_init, which keeps a set TISDIR
     SlapdSuite::SetUp();
-    setenv("TISDIR", TAV_BUILD_DIR, 1);
     ASSERT_EQ(ldap_simple_bind_s(ld, SlapdServer::kRootDn, SlapdServer::kRootPw), 0);
   }
   static void xlate(LDAP *ld, intptr_t value) {

@@ -172,10 +172,11 @@ TEST_F(Engine, StringFormsTerminateAndAllocate) {
   ldap_cs_converter *clone = ldap_cs_clone(cv);
   EXPECT_EQ(clone->table, cv->table);
   EXPECT_EQ(clone->shared, 1);
-  ldap_cs_close(cv);  // the clone keeps working on its own
   EXPECT_EQ(ldap_cs_from_utf8(clone, "\xC3\xA9", 2, out, 8), 1);
   EXPECT_EQ(out[0], '\xE9');
-  ldap_cs_close(clone);
+  ldap_cs_close(clone);  // the table stays with its owner
+  EXPECT_EQ(ldap_cs_from_utf8(cv, "\xC3\xA9", 2, out, 8), 1);
+  ldap_cs_close(cv);
 }
 
 TEST_F(Engine, NamesNormaliseAndRedirectionsFollowWithinTheirDirectory) {
