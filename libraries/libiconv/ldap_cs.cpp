@@ -167,6 +167,13 @@ bool ranges_of(const unsigned char *t, uint32_t size, Ranges *r) {
   return true;
 }
 
+// The ranges of a table the loader has checked.
+Ranges ranges_at(const unsigned char *t) {
+  const unsigned char *p = t + be16(t + LDAP_CS_OFF_RANGES);
+  const unsigned char *base = p + 32;
+  return {base + 2 * be32(p + 16), base + 2 * be32(p + 20), base + 2 * be32(p + 24), be32(p + 28), 0};
+}
+
 bool table_ok(const unsigned char *t, uint32_t size) {
   if (size < LDAP_CS_HDR_MIN_SIZE || memcmp(t + LDAP_CS_OFF_MAGIC, "ucv", 3) != 0) return false;
   uint16_t kind = table_kind(t);
@@ -330,8 +337,8 @@ enum Decode { kOk, kShort, kStop };
 
 // One character of the code set at *p: value (kNoValue for none, may be
 // above 0xFFFF for kinds 6 and 10), bytes consumed.
-Decode decode_cs(ldap_cs_converter *cv, const unsigned char *p, const unsigned char *end, uint32_t *value,
-                 unsigned *used) {
+[[gnu::always_inline]] inline Decode decode_cs(ldap_cs_converter *cv, const unsigned char *p, const unsigned char *end,
+                                               uint32_t *value, unsigned *used) {
   const unsigned char *t = cv->table;
   unsigned b = *p;
   *used = 1;
@@ -431,10 +438,19 @@ Decode decode_cs(ldap_cs_converter *cv, const unsigned char *p, const unsigned c
       }
       *value = kNoValue;
       if (index > 0 && index < 0xFFFF) {
-        Ranges r;
-        ranges_of(t, cv->table_size, &r);
+        Ranges r = ranges_at(t);
+        // The last range starting at or before the index lies between this
+        // block's first range and the next block's: a binary search there
+        // finds what walking the ranges would.
         uint32_t i = be16(r.index + 2 * (index >> 9));
-        while (i + 1 < r.count && static_cast<uint32_t>(index) >= be16(r.list + 8 * (i + 1))) ++i;
+        uint32_t hi = (index >> 9) + 1 < 128 ? be16(r.index + 2 * ((index >> 9) + 1)) : r.count - 1;
+        while (i < hi) {
+          const uint32_t mid = (i + hi + 1) / 2;
+          if (static_cast<uint32_t>(index) >= be16(r.list + 8 * mid))
+            i = mid;
+          else
+            hi = mid - 1;
+        }
         const unsigned char *e = r.list + 8 * i;
         uint32_t start = be16(e), k = be16(e + 2), base = be16(e + 4);
         if (static_cast<uint32_t>(index) >= start) {
@@ -474,7 +490,8 @@ Decode decode_cs(ldap_cs_converter *cv, const unsigned char *p, const unsigned c
 
 // One UTF-8 character read without checking continuation bytes, as the table
 // kinds take it; 0x80 to 0xBF alone becomes kLoneByte.
-Decode decode_utf8_loose(const unsigned char *p, const unsigned char *end, uint32_t *value, unsigned *used) {
+[[gnu::always_inline]] inline Decode decode_utf8_loose(const unsigned char *p, const unsigned char *end,
+                                                       uint32_t *value, unsigned *used) {
   unsigned b = *p;
   // Four-byte sequences are read whole for every kind (a supplementary
   // character is then one substitution, not a guess and a lone byte).
@@ -494,7 +511,7 @@ Decode decode_utf8_loose(const unsigned char *p, const unsigned char *end, uint3
 
 // Code of a UCS value in the code set: bytes in out[], their number.
 // Unmappable values give the substitution character, counted.
-unsigned encode_cs(ldap_cs_converter *cv, uint32_t v, unsigned char *out) {
+[[gnu::always_inline]] inline unsigned encode_cs(ldap_cs_converter *cv, uint32_t v, unsigned char *out) {
   const unsigned char *t = cv->table;
   uint16_t kind = cv->kind;
   bool ebcdic = kind == 4 || kind == 8;
@@ -540,7 +557,7 @@ unsigned encode_cs(ldap_cs_converter *cv, uint32_t v, unsigned char *out) {
   return n;
 }
 
-unsigned put_utf8(uint32_t v, unsigned char *o) {
+[[gnu::always_inline]] inline unsigned put_utf8(uint32_t v, unsigned char *o) {
   if (v < 0x80) {
     o[0] = static_cast<unsigned char>(v);
     return 1;
@@ -565,7 +582,7 @@ unsigned put_utf8(uint32_t v, unsigned char *o) {
 
 // Decoded code-set value made writable: no value (or a non-character) is the
 // counted "?"; supplementary values only come from kinds 6 and 10.
-uint32_t checked(ldap_cs_converter *cv, uint32_t v) {
+[[gnu::always_inline]] inline uint32_t checked(ldap_cs_converter *cv, uint32_t v) {
   if (v == kNoValue || (v > 0xFFFE && v < 0x10000) || v > 0x10FFFF) {
     ++cv->subst_count;
     return '?';
@@ -575,12 +592,13 @@ uint32_t checked(ldap_cs_converter *cv, uint32_t v) {
 
 // Writes the code set's bytes for `v`, with kind 4's shifts; false when they
 // do not fit (nothing written, state unchanged).
-bool put_cs(ldap_cs_converter *cv, uint32_t v, unsigned char **out, unsigned char *out_end) {
+[[gnu::always_inline]] inline bool put_cs(ldap_cs_converter *cv, uint32_t v, unsigned char **out,
+                                          unsigned char *out_end) {
   unsigned char code[4];
   uint16_t before = cv->subst_count;
-  unsigned n = cv->kind >= 1 && cv->kind <= 10 && cv->kind != 6 && cv->kind != 9 && cv->kind != 5 && cv->kind != 7
-                   ? encode_cs(cv, v, code)
-                   : 0;
+  const uint16_t kind = cv->kind;
+  const bool table = kind == 1 || kind == 2 || kind == 3 || kind == 4 || kind == 8 || kind == 10;
+  unsigned n = table ? encode_cs(cv, v, code) : 0;
   if (n == 0) {  // pass-through
     if (v > 0xFF) {
       ++cv->subst_count;
@@ -611,8 +629,8 @@ extern "C" {
 int ldap_cs_step_to_ucs2(ldap_cs_converter *cv, const unsigned char **in, const unsigned char *in_end, uint16_t **out,
                          uint16_t *out_end) {
   while (*in < in_end && *out < out_end) {
-    uint32_t v;
-    unsigned used;
+    uint32_t v = 0;
+    unsigned used = 1;
     Decode d = decode_cs(cv, *in, in_end, &v, &used);
     if (d == kShort) return 2;
     if (d == kStop) return 0;
@@ -647,28 +665,41 @@ int ldap_cs_step_to_utf8(ldap_cs_converter *cv, const unsigned char **in, const 
     *out += n;
     return *in < in_end ? 1 : 0;
   }
-  while (*in < in_end) {
-    uint32_t v;
-    unsigned used;
-    if (decode_cs(cv, *in, in_end, &v, &used) == kShort) return 2;
-    if (v == 0x110000) {
-      *in += used;
+  const unsigned char *ip = *in;
+  unsigned char *op = *out;
+  const bool ascii = cv->kind == 1 || cv->kind == 3 || cv->kind == 10;
+  int rc = 0;
+  while (ip < in_end) {
+    if (ascii && *ip < 0x80) {  // ASCII runs are copied
+      if (op == out_end) {
+        rc = 1;
+        break;
+      }
+      *op++ = *ip++;
       continue;
     }
-    uint16_t before = cv->subst_count;
-    if (cv->kind != 10 && v > 0xFFFF) v = kNoValue;
-    v = checked(cv, v);
-    unsigned char buf[4];
-    unsigned n = put_utf8(v, buf);
-    if (static_cast<size_t>(out_end - *out) < n) {
-      cv->subst_count = before;
-      return 1;
+    uint32_t v = 0;
+    unsigned used = 1;
+    if (decode_cs(cv, ip, in_end, &v, &used) == kShort) {
+      rc = 2;
+      break;
     }
-    memcpy(*out, buf, n);
-    *out += n;
-    *in += used;
+    if (v == 0x110000) {
+      ip += used;
+      continue;
+    }
+    if (cv->kind != 10 && v > 0xFFFF) v = kNoValue;
+    const unsigned n = v < 0x80 ? 1 : v < 0x800 ? 2 : v <= 0xFFFE ? 3 : v <= 0x10FFFF && v > 0xFFFF ? 4 : 1;
+    if (static_cast<size_t>(out_end - op) < n) {
+      rc = 1;
+      break;
+    }
+    op += put_utf8(checked(cv, v), op);
+    ip += used;
   }
-  return 0;
+  *in = ip;
+  *out = op;
+  return rc;
 }
 
 int ldap_cs_step_from_ucs2(ldap_cs_converter *cv, const uint16_t **in, const uint16_t *in_end, unsigned char **out,
@@ -726,9 +757,19 @@ int ldap_cs_step_from_utf8(ldap_cs_converter *cv, const unsigned char **in, cons
                            unsigned char **out, unsigned char *out_end) {
   if (in == nullptr || *in == in_end) return ldap_cs_step_from_ucs2(cv, nullptr, nullptr, out, out_end);
   if (cv->kind == 6) return ldap_cs_step_to_utf8(cv, in, in_end, out, out_end);
+  const bool ascii = ascii_based(cv->kind);
   while (*in < in_end) {
-    uint32_t v;
-    unsigned used;
+    if (ascii && **in < 0x80) {  // ASCII runs are copied
+      const unsigned char *ip = *in;
+      unsigned char *op = *out;
+      while (ip < in_end && *ip < 0x80 && op < out_end) *op++ = *ip++;
+      *in = ip;
+      *out = op;
+      if (ip < in_end && *ip < 0x80) return 1;
+      continue;
+    }
+    uint32_t v = 0;
+    unsigned used = 1;
     if (decode_utf8_loose(*in, in_end, &v, &used) == kShort) return 2;
     uint16_t before = cv->subst_count;
     if (v == kLoneByte) {
