@@ -244,7 +244,7 @@ def gb18030(name, cs):
     for index in range(1, 0xFFFF):
         v, _ = dec(gb18030_bytes(index))
         values.append(NONE if v is None or v > 0x2FFFF or 0xFFFF < v < 0x20000 else v)
-    # Runs of at least 8 values rising by one become linear ranges; the rest
+    # Runs of at least 1024 values rising by one become linear ranges; the rest
     # are listed.
     ranges, listed = [], []
     i = 0
@@ -257,7 +257,7 @@ def gb18030(name, cs):
             listed.append(values[i] - 0x20000)
             i += 1
             continue
-        if j - i + 1 >= 8:
+        if j - i + 1 >= 1024:
             ranges.append((i, 2, values[i]))
             i = j + 1
             continue
