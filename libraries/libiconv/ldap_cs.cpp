@@ -168,7 +168,7 @@ bool ranges_of(const unsigned char *t, uint32_t size, Ranges *r) {
 }
 
 // The ranges of a table the loader has checked.
-Ranges ranges_at(const unsigned char *t) {
+[[gnu::always_inline]] inline Ranges ranges_at(const unsigned char *t) {
   const unsigned char *p = t + be16(t + LDAP_CS_OFF_RANGES);
   const unsigned char *base = p + 32;
   return {base + 2 * be32(p + 16), base + 2 * be32(p + 20), base + 2 * be32(p + 24), be32(p + 28), 0};
@@ -337,12 +337,15 @@ enum Decode { kOk, kShort, kStop };
 
 // One character of the code set at *p: value (kNoValue for none, may be
 // above 0xFFFF for kinds 6 and 10), bytes consumed.
+// K is the kind when the caller's loop is made for one kind (so that the
+// dispatch on the kind leaves the loop), -1 when it is read from cv.
+template <int K = -1>
 [[gnu::always_inline]] inline Decode decode_cs(ldap_cs_converter *cv, const unsigned char *p, const unsigned char *end,
-                                               uint32_t *value, unsigned *used) {
+                                               uint32_t *value, unsigned *used, const Ranges *ranges = nullptr) {
   const unsigned char *t = cv->table;
   unsigned b = *p;
   *used = 1;
-  switch (cv->kind) {
+  switch (K >= 0 ? K : cv->kind) {
     case 1:
       *value = b < 0x80 ? b : be16(t + LDAP_CS_OFF_TO_UCS2 + 2 * b);
       return kOk;
@@ -438,7 +441,7 @@ enum Decode { kOk, kShort, kStop };
       }
       *value = kNoValue;
       if (index > 0 && index < 0xFFFF) {
-        Ranges r = ranges_at(t);
+        const Ranges r = ranges != nullptr ? *ranges : ranges_at(t);
         // The last range starting at or before the index lies between this
         // block's first range and the next block's: a binary search there
         // finds what walking the ranges would.
@@ -511,9 +514,10 @@ enum Decode { kOk, kShort, kStop };
 
 // Code of a UCS value in the code set: bytes in out[], their number.
 // Unmappable values give the substitution character, counted.
+template <int K = -1>
 [[gnu::always_inline]] inline unsigned encode_cs(ldap_cs_converter *cv, uint32_t v, unsigned char *out) {
   const unsigned char *t = cv->table;
-  uint16_t kind = cv->kind;
+  const uint16_t kind = K >= 0 ? K : cv->kind;
   bool ebcdic = kind == 4 || kind == 8;
   if (ascii_based(kind) && v < 0x80) {
     out[0] = static_cast<unsigned char>(v);
@@ -592,13 +596,14 @@ enum Decode { kOk, kShort, kStop };
 
 // Writes the code set's bytes for `v`, with kind 4's shifts; false when they
 // do not fit (nothing written, state unchanged).
+template <int K = -1>
 [[gnu::always_inline]] inline bool put_cs(ldap_cs_converter *cv, uint32_t v, unsigned char **out,
                                           unsigned char *out_end) {
   unsigned char code[4];
   uint16_t before = cv->subst_count;
-  const uint16_t kind = cv->kind;
+  const uint16_t kind = K >= 0 ? K : cv->kind;
   const bool table = kind == 1 || kind == 2 || kind == 3 || kind == 4 || kind == 8 || kind == 10;
-  unsigned n = table ? encode_cs(cv, v, code) : 0;
+  unsigned n = table ? encode_cs<K>(cv, v, code) : 0;
   if (n == 0) {  // pass-through
     if (v > 0xFF) {
       ++cv->subst_count;
@@ -608,7 +613,7 @@ enum Decode { kOk, kShort, kStop };
     n = 1;
   }
   unsigned shift = 0;
-  if (cv->kind == 4) shift = (n == 2) != (cv->from_state != 0);
+  if (kind == 4) shift = (n == 2) != (cv->from_state != 0);
   if (static_cast<size_t>(out_end - *out) < n + shift) {
     cv->subst_count = before;
     return false;
@@ -617,9 +622,87 @@ enum Decode { kOk, kShort, kStop };
     *(*out)++ = n == 2 ? 0x0E : 0x0F;
     cv->from_state = n == 2;
   }
-  memcpy(*out, code, n);
+  unsigned char *o = *out;
+  o[0] = code[0];  // unrolled: n is at most 4, and a call per character is costly
+  if (n > 1) o[1] = code[1];
+  if (n > 2) o[2] = code[2];
+  if (n > 3) o[3] = code[3];
   *out += n;
   return true;
+}
+
+template <int K>
+int to_utf8_loop(ldap_cs_converter *cv, const unsigned char **in, const unsigned char *in_end, unsigned char **out,
+                 unsigned char *out_end) {
+  const unsigned char *ip = *in;
+  unsigned char *op = *out;
+  const uint16_t kind = K >= 0 ? K : cv->kind;
+  const bool ascii = kind == 1 || kind == 3 || kind == 10;
+  Ranges ranges{};
+  if (kind == 10) ranges = ranges_at(cv->table);  // read once, not per character
+  int rc = 0;
+  while (ip < in_end) {
+    if (ascii && *ip < 0x80) {  // ASCII runs are copied
+      if (op == out_end) {
+        rc = 1;
+        break;
+      }
+      *op++ = *ip++;
+      continue;
+    }
+    uint32_t v = 0;
+    unsigned used = 1;
+    if (decode_cs<K>(cv, ip, in_end, &v, &used, kind == 10 ? &ranges : nullptr) == kShort) {
+      rc = 2;
+      break;
+    }
+    if (v == 0x110000) {
+      ip += used;
+      continue;
+    }
+    if (kind != 10 && v > 0xFFFF) v = kNoValue;
+    const unsigned n = v < 0x80 ? 1 : v < 0x800 ? 2 : v <= 0xFFFE ? 3 : v <= 0x10FFFF && v > 0xFFFF ? 4 : 1;
+    if (static_cast<size_t>(out_end - op) < n) {
+      rc = 1;
+      break;
+    }
+    op += put_utf8(checked(cv, v), op);
+    ip += used;
+  }
+  *in = ip;
+  *out = op;
+  return rc;
+}
+
+template <int K>
+int from_utf8_loop(ldap_cs_converter *cv, const unsigned char **in, const unsigned char *in_end, unsigned char **out,
+                   unsigned char *out_end) {
+  const bool ascii = ascii_based(K >= 0 ? K : cv->kind);
+  while (*in < in_end) {
+    if (ascii && **in < 0x80) {  // ASCII runs are copied
+      const unsigned char *ip = *in;
+      unsigned char *op = *out;
+      while (ip < in_end && *ip < 0x80 && op < out_end) *op++ = *ip++;
+      *in = ip;
+      *out = op;
+      if (ip < in_end && *ip < 0x80) return 1;
+      continue;
+    }
+    uint32_t v = 0;
+    unsigned used = 1;
+    if (decode_utf8_loose(*in, in_end, &v, &used) == kShort) return 2;
+    uint16_t before = cv->subst_count;
+    if (v == kLoneByte) {
+      ++cv->subst_count;
+      v = '?';
+    }
+    if (!put_cs<K>(cv, v, out, out_end)) {
+      cv->subst_count = before;
+      return 1;
+    }
+    *in += used;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -665,41 +748,18 @@ int ldap_cs_step_to_utf8(ldap_cs_converter *cv, const unsigned char **in, const 
     *out += n;
     return *in < in_end ? 1 : 0;
   }
-  const unsigned char *ip = *in;
-  unsigned char *op = *out;
-  const bool ascii = cv->kind == 1 || cv->kind == 3 || cv->kind == 10;
-  int rc = 0;
-  while (ip < in_end) {
-    if (ascii && *ip < 0x80) {  // ASCII runs are copied
-      if (op == out_end) {
-        rc = 1;
-        break;
-      }
-      *op++ = *ip++;
-      continue;
-    }
-    uint32_t v = 0;
-    unsigned used = 1;
-    if (decode_cs(cv, ip, in_end, &v, &used) == kShort) {
-      rc = 2;
-      break;
-    }
-    if (v == 0x110000) {
-      ip += used;
-      continue;
-    }
-    if (cv->kind != 10 && v > 0xFFFF) v = kNoValue;
-    const unsigned n = v < 0x80 ? 1 : v < 0x800 ? 2 : v <= 0xFFFE ? 3 : v <= 0x10FFFF && v > 0xFFFF ? 4 : 1;
-    if (static_cast<size_t>(out_end - op) < n) {
-      rc = 1;
-      break;
-    }
-    op += put_utf8(checked(cv, v), op);
-    ip += used;
+  switch (cv->kind) {
+    case 1:
+      return to_utf8_loop<1>(cv, in, in_end, out, out_end);
+    case 2:
+      return to_utf8_loop<2>(cv, in, in_end, out, out_end);
+    case 3:
+      return to_utf8_loop<3>(cv, in, in_end, out, out_end);
+    case 10:
+      return to_utf8_loop<10>(cv, in, in_end, out, out_end);
+    default:
+      return to_utf8_loop<-1>(cv, in, in_end, out, out_end);
   }
-  *in = ip;
-  *out = op;
-  return rc;
 }
 
 int ldap_cs_step_from_ucs2(ldap_cs_converter *cv, const uint16_t **in, const uint16_t *in_end, unsigned char **out,
@@ -757,32 +817,18 @@ int ldap_cs_step_from_utf8(ldap_cs_converter *cv, const unsigned char **in, cons
                            unsigned char **out, unsigned char *out_end) {
   if (in == nullptr || *in == in_end) return ldap_cs_step_from_ucs2(cv, nullptr, nullptr, out, out_end);
   if (cv->kind == 6) return ldap_cs_step_to_utf8(cv, in, in_end, out, out_end);
-  const bool ascii = ascii_based(cv->kind);
-  while (*in < in_end) {
-    if (ascii && **in < 0x80) {  // ASCII runs are copied
-      const unsigned char *ip = *in;
-      unsigned char *op = *out;
-      while (ip < in_end && *ip < 0x80 && op < out_end) *op++ = *ip++;
-      *in = ip;
-      *out = op;
-      if (ip < in_end && *ip < 0x80) return 1;
-      continue;
-    }
-    uint32_t v = 0;
-    unsigned used = 1;
-    if (decode_utf8_loose(*in, in_end, &v, &used) == kShort) return 2;
-    uint16_t before = cv->subst_count;
-    if (v == kLoneByte) {
-      ++cv->subst_count;
-      v = '?';
-    }
-    if (!put_cs(cv, v, out, out_end)) {
-      cv->subst_count = before;
-      return 1;
-    }
-    *in += used;
+  switch (cv->kind) {
+    case 1:
+      return from_utf8_loop<1>(cv, in, in_end, out, out_end);
+    case 2:
+      return from_utf8_loop<2>(cv, in, in_end, out, out_end);
+    case 3:
+      return from_utf8_loop<3>(cv, in, in_end, out, out_end);
+    case 10:
+      return from_utf8_loop<10>(cv, in, in_end, out, out_end);
+    default:
+      return from_utf8_loop<-1>(cv, in, in_end, out, out_end);
   }
-  return 0;
 }
 
 int ldap_cs_normalize_name(const char *name, char *out, size_t size) {
