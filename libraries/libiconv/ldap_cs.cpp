@@ -632,8 +632,12 @@ template <int K = -1>
 }
 
 template <int K>
-int to_utf8_loop(ldap_cs_converter *cv, const unsigned char **in, const unsigned char *in_end, unsigned char **out,
-                 unsigned char *out_end) {
+int to_utf8_loop(ldap_cs_converter *shared_cv, const unsigned char **in, const unsigned char *in_end,
+                 unsigned char **out, unsigned char *out_end) {
+  // A private copy: the output stores cannot alias it, so the table pointers
+  // stay in registers across the loop.
+  ldap_cs_converter copy = *shared_cv;
+  ldap_cs_converter *cv = &copy;
   const unsigned char *ip = *in;
   unsigned char *op = *out;
   const uint16_t kind = K >= 0 ? K : cv->kind;
@@ -671,38 +675,56 @@ int to_utf8_loop(ldap_cs_converter *cv, const unsigned char **in, const unsigned
   }
   *in = ip;
   *out = op;
+  shared_cv->subst_count = copy.subst_count;
+  shared_cv->from_state = copy.from_state;
+  shared_cv->to_state = copy.to_state;
   return rc;
 }
 
 template <int K>
-int from_utf8_loop(ldap_cs_converter *cv, const unsigned char **in, const unsigned char *in_end, unsigned char **out,
-                   unsigned char *out_end) {
+int from_utf8_loop(ldap_cs_converter *shared_cv, const unsigned char **in, const unsigned char *in_end,
+                   unsigned char **out, unsigned char *out_end) {
+  // A private copy and local positions: the output stores cannot alias them,
+  // so the table pointers stay in registers across the loop.
+  ldap_cs_converter copy = *shared_cv;
+  ldap_cs_converter *cv = &copy;
   const bool ascii = ascii_based(K >= 0 ? K : cv->kind);
-  while (*in < in_end) {
-    if (ascii && **in < 0x80) {  // ASCII runs are copied
-      const unsigned char *ip = *in;
-      unsigned char *op = *out;
-      while (ip < in_end && *ip < 0x80 && op < out_end) *op++ = *ip++;
-      *in = ip;
-      *out = op;
-      if (ip < in_end && *ip < 0x80) return 1;
+  const unsigned char *ip = *in;
+  unsigned char *op = *out;
+  int rc = 0;
+  while (ip < in_end) {
+    if (ascii && *ip < 0x80) {  // ASCII runs are copied
+      if (op == out_end) {
+        rc = 1;
+        break;
+      }
+      *op++ = *ip++;
       continue;
     }
     uint32_t v = 0;
     unsigned used = 1;
-    if (decode_utf8_loose(*in, in_end, &v, &used) == kShort) return 2;
+    if (decode_utf8_loose(ip, in_end, &v, &used) == kShort) {
+      rc = 2;
+      break;
+    }
     uint16_t before = cv->subst_count;
     if (v == kLoneByte) {
       ++cv->subst_count;
       v = '?';
     }
-    if (!put_cs<K>(cv, v, out, out_end)) {
+    if (!put_cs<K>(cv, v, &op, out_end)) {
       cv->subst_count = before;
-      return 1;
+      rc = 1;
+      break;
     }
-    *in += used;
+    ip += used;
   }
-  return 0;
+  *in = ip;
+  *out = op;
+  shared_cv->subst_count = copy.subst_count;
+  shared_cv->from_state = copy.from_state;
+  shared_cv->to_state = copy.to_state;
+  return rc;
 }
 
 }  // namespace
