@@ -33,7 +33,9 @@ ldap_cs_converter g_utf8 = {nullptr, 6, "UTF8", 0, 0, {0, 0, 0}, {0}, 0, 0, 0};
 ldap_cs_converter g_os = {nullptr, 9, "OS", 0, 0, {0, 0, 0}, {0}, 0, 0, 0};
 bool is_builtin(const ldap_cs_converter *cv) { return cv == &g_utf8 || cv == &g_os; }
 
-std::mutex g_init_mutex;
+// Recursive: opening the default converter may read a redirection, which
+// converts its text with the default converter.
+std::recursive_mutex g_init_mutex;
 bool g_initialised = false;
 ldap_cs_converter *g_default = nullptr;
 ldap_cs_converter *g_os_cv = nullptr;
@@ -954,7 +956,7 @@ int ldap_cs_os_codeset_name(char *buffer, size_t size) {
 }
 
 int ldap_cs_init(void) {
-  std::lock_guard<std::mutex> guard(g_init_mutex);
+  std::lock_guard<std::recursive_mutex> guard(g_init_mutex);
   if (g_initialised) return 0;
   g_initialised = true;  // first: opening a table may read a redirection through the default
   g_default = &g_os;
@@ -970,7 +972,7 @@ int ldap_cs_init(void) {
 }
 
 int ldap_cs_term(void) {
-  std::lock_guard<std::mutex> guard(g_init_mutex);
+  std::lock_guard<std::recursive_mutex> guard(g_init_mutex);
   if (!g_initialised) return 0;
   ldap_cs_converter *d = g_default, *o = g_os_cv;
   g_default = g_os_cv = nullptr;

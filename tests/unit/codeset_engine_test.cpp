@@ -2,7 +2,6 @@
 // buffers, kind 4 shifts, names, redirections and malformed tables.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -14,8 +13,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-using Step = int (*)(ldap_cs_converter *, const std::string &, std::string *, size_t);
 
 class Engine : public testing::Test {
  protected:
@@ -204,6 +201,14 @@ TEST_F(Engine, NamesNormaliseAndRedirectionsFollowWithinTheirDirectory) {
     EXPECT_STREQ(ldap_cs_get_name(cv), n.table) << n.name;
     ldap_cs_close(cv);
   }
+  // The default converter named through a redirection (read with the default
+  // converter while it is being set up).
+  ldap_cs_term();
+  setenv("TIS_CODESET", "DOSLATIN", 1);
+  ldap_cs_init();
+  EXPECT_STREQ(ldap_cs_get_name(nullptr), "850");
+  unsetenv("TIS_CODESET");
+  ldap_cs_term();
   ldap_cs_converter *by_path = ldap_cs_open((dir / "codeset" / "850").c_str());
   ASSERT_NE(by_path, nullptr);
   EXPECT_EQ(by_path->kind, 1);
