@@ -297,6 +297,9 @@ int ldap_change_env_var(int mode, const char *name, char separator, const char *
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_change_env_var: env=%s\n", name ? name : "NULL");
   if (name == nullptr || name[0] == '\0' || value == nullptr || value[0] == '\0') return LDAP_PARAM_ERROR;
   char *current = ldap_getenv(name);
+  // A set variable whose copy failed must not be taken for an unset one: the
+  // string replacing it would drop its value (and leak the string it held).
+  if (current == nullptr && ldap_chkenv(name) != 0) return LDAP_NO_MEMORY;
   if (current != nullptr && ldap_env_has_element(current, separator, value)) {
     free(current);
     return 0;

@@ -254,8 +254,9 @@ int put_filter(BerElement *ber, const char *filter, int nested) {
   char *raw = olx_strdup(filter);
   if (raw == nullptr) return -1;
   if (!nested && (ber->ber_noxlate == nullptr || *ber->ber_noxlate == 0)) {
+    // A UTF-8 local code page makes the conversion a copy: skip it, as the codec does.
     unsigned long len = strlen(raw);
-    if (xlate_local_to_utf8(&raw, &len, 1) != 0) {
+    if (!xlate_is_identity() && xlate_local_to_utf8(&raw, &len, 1) != 0) {
       free(raw);
       return -1;
     }

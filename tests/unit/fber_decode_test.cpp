@@ -6,11 +6,16 @@
 
 #include "ber_build.h"
 #include "ldap-utils.h"
+#include "ldap-xlate.h"
 
 using namespace tavtest;
 using namespace std::string_literals;
 
 namespace {
+
+// Strings are expected to pass unchanged whatever the environment's locale:
+// the local code page is UTF-8.
+[[maybe_unused]] const int kLocalUtf8 = ldap_set_iconv_local_codepage("UTF-8");
 
 // What one reader makes of `bytes`: "value@bytes-consumed", or "fail@..."
 // with the cursor where the failure left it.

@@ -6,10 +6,15 @@
 
 #include "ber_build.h"
 #include "ldap-utils.h"
+#include "ldap-xlate.h"
 
 using namespace tavtest;
 
 namespace {
+
+// Strings are expected to pass unchanged whatever the environment's locale:
+// the local code page is UTF-8.
+[[maybe_unused]] const int kLocalUtf8 = ldap_set_iconv_local_codepage("UTF-8");
 using Encode = std::function<int(BerElement *)>;
 constexpr ber_tag_t tag(unsigned v) { return v; }
 const std::string s127(127, 'a'), s128(128, 'b');

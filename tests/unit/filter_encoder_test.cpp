@@ -8,12 +8,17 @@
 #include "ber_build.h"
 #include "ldap-search.h"
 #include "ldap-utils.h"
+#include "ldap-xlate.h"
 
 using tavtest::seq4;
 using tavtest::str;
 using tavtest::tlv;
 
 namespace {
+
+// Strings are expected to pass unchanged whatever the environment's locale:
+// the local code page is UTF-8.
+[[maybe_unused]] const int kLocalUtf8 = ldap_set_iconv_local_codepage("UTF-8");
 
 std::string ava(unsigned tag, const std::string &a, const std::string &v) { return seq4(tag, str(a) + str(v)); }
 std::string eq(const std::string &a, const std::string &v) { return ava(0xA3, a, v); }

@@ -1,0 +1,1200 @@
+// The code-set converter engine: table loading, name normalisation and the
+// four conversion directions of every kind.
+#include <fcntl.h>
+#include <langinfo.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "ldap-iconv.h"
+#include "ldap-utils.h"
+
+namespace {
+
+constexpr uint16_t kNoValue = 0xFFFF;
+constexpr uint32_t kLoneByte = 0xFFFFFFFF;  // a continuation byte without its lead
+constexpr int kMaxRedirections = 5;
+constexpr size_t kMaxPath = 255;
+
+inline uint16_t be16(const unsigned char *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
+inline uint32_t be32(const unsigned char *p) {
+  return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 | static_cast<uint32_t>(p[2]) << 8 |
+         p[3];
+}
+
+ldap_cs_converter g_utf8 = {nullptr, 6, "UTF8", 0, 0, {0, 0, 0}, {0}, 0, 0, 0};
+ldap_cs_converter g_os = {nullptr, 9, "OS", 0, 0, {0, 0, 0}, {0}, 0, 0, 0};
+bool is_builtin(const ldap_cs_converter *cv) { return cv == &g_utf8 || cv == &g_os; }
+
+// Recursive: opening the default converter may read a redirection, which
+// converts its text with the default converter.
+std::recursive_mutex g_init_mutex;
+bool g_initialised = false;
+ldap_cs_converter *g_default = nullptr;
+ldap_cs_converter *g_os_cv = nullptr;
+char *g_nlspath_env = nullptr;
+char *g_tisdir_env = nullptr;
+
+// EBCDIC invariant characters: the bytes every EBCDIC Latin code page maps
+// alike (controls, space, letters, digits, common punctuation), with 0x15 and
+// 0x25 both read as line feed.
+struct InvariantMaps {
+  uint16_t to_ucs[256];   // kNoValue when the byte is not invariant
+  uint8_t from_ucs[256];  // 0 when the value has no invariant byte (0x00 maps to 0x00 itself)
+  bool from_set[256];
+  InvariantMaps() {
+    static const unsigned char kPairs[][2] = {
+        {0x00, 0x00}, {0x01, 0x01}, {0x02, 0x02}, {0x03, 0x03}, {0x05, 0x09}, {0x07, 0x7F}, {0x0B, 0x0B}, {0x0C, 0x0C},
+        {0x0D, 0x0D}, {0x0E, 0x0E}, {0x0F, 0x0F}, {0x10, 0x10}, {0x11, 0x11}, {0x12, 0x12}, {0x13, 0x13}, {0x15, 0x0A},
+        {0x16, 0x08}, {0x18, 0x18}, {0x19, 0x19}, {0x1C, 0x1C}, {0x1D, 0x1D}, {0x1E, 0x1E}, {0x1F, 0x1F}, {0x25, 0x0A},
+        {0x26, 0x17}, {0x27, 0x1B}, {0x2D, 0x05}, {0x2E, 0x06}, {0x2F, 0x07}, {0x32, 0x16}, {0x37, 0x04}, {0x3C, 0x14},
+        {0x3D, 0x15}, {0x3F, 0x1A}, {0x40, 0x20}, {0x4B, 0x2E}, {0x4C, 0x3C}, {0x4D, 0x28}, {0x4E, 0x2B}, {0x50, 0x26},
+        {0x5C, 0x2A}, {0x5D, 0x29}, {0x5E, 0x3B}, {0x60, 0x2D}, {0x61, 0x2F}, {0x6B, 0x2C}, {0x6C, 0x25}, {0x6D, 0x5F},
+        {0x6E, 0x3E}, {0x6F, 0x3F}, {0x7A, 0x3A}, {0x7D, 0x27}, {0x7E, 0x3D}, {0x7F, 0x22},
+    };
+    for (int i = 0; i < 256; ++i) {
+      to_ucs[i] = kNoValue;
+      from_ucs[i] = 0;
+      from_set[i] = false;
+    }
+    auto add = [this](unsigned b, unsigned u) {
+      to_ucs[b] = static_cast<uint16_t>(u);
+      // 0x25 is the line feed written back; 0x15 is read as one too.
+      if (!from_set[u] || b == 0x25) {
+        from_ucs[u] = static_cast<uint8_t>(b);
+        from_set[u] = true;
+      }
+    };
+    for (const auto &p : kPairs) add(p[0], p[1]);
+    for (unsigned i = 0; i < 9; ++i) {
+      add(0x81 + i, 'a' + i);
+      add(0x91 + i, 'j' + i);
+      add(0xC1 + i, 'A' + i);
+      add(0xD1 + i, 'J' + i);
+      add(0xF0 + i, '0' + i);
+    }
+    add(0xF9, '9');
+    for (unsigned i = 0; i < 8; ++i) {
+      add(0xA2 + i, 's' + i);
+      add(0xE2 + i, 'S' + i);
+    }
+  }
+};
+const InvariantMaps &inv() {
+  static const InvariantMaps maps;
+  return maps;
+}
+
+bool ascii_based(uint16_t kind) { return kind == 1 || kind == 2 || kind == 3 || kind == 10; }
+
+// Layout facts derived from the header once, so that the loader can check
+// every row the conversions may reach before the table is used in place.
+struct Layout {
+  uint32_t rows;
+  unsigned from_entry;  // bytes per from-UCS-2 row entry
+};
+
+Layout layout_of(const unsigned char *t, uint16_t kind) {
+  Layout l{be32(t + LDAP_CS_OFF_ROWS), 1};
+  if (kind == 2 || kind == 4) l.from_entry = 2;
+  if (kind == 3 || kind == 10) l.from_entry = 4;
+  return l;
+}
+
+const unsigned char *row_at(const ldap_cs_converter *cv, uint16_t units) {
+  return cv->table + be32(cv->table + LDAP_CS_OFF_ROWS) + static_cast<uint32_t>(units) * 4;
+}
+
+bool row_fits(const unsigned char *, uint32_t size, uint32_t rows, uint32_t units, uint32_t bytes) {
+  uint64_t start = static_cast<uint64_t>(rows) + static_cast<uint64_t>(units) * 4;
+  return start + bytes <= size;
+}
+
+uint16_t table_kind(const unsigned char *t) {
+  if (be16(t + LDAP_CS_OFF_EBCDIC) == 0x1100) return 8;
+  return be16(t + LDAP_CS_OFF_KIND);
+}
+
+// Kind 3 rows: count, first byte, then `count` 4-byte entries; an entry with
+// the top bit set names the next row (in 4-byte units), otherwise it is the
+// UCS-2 value.  Checked to a fixed depth so a loop of rows cannot recur.
+bool kind3_row_ok(const unsigned char *t, uint32_t size, uint32_t rows, uint32_t units, int depth) {
+  if (depth > 4 || !row_fits(t, size, rows, units, 4)) return false;
+  const unsigned char *r = t + rows + units * 4;
+  uint16_t count = be16(r);
+  if (count > 256 || !row_fits(t, size, rows, units, 4 + 4u * count)) return false;
+  for (uint16_t i = 0; i < count; ++i) {
+    uint32_t e = be32(r + 4 + 4 * i);
+    if ((e & 0x80000000u) && !kind3_row_ok(t, size, rows, e & 0x7FFFFFFFu, depth + 1)) return false;
+  }
+  return true;
+}
+
+// Kind 10 range header: offsets (in 2-byte units from the header plus 32) of
+// the range index (128 words), the range list (start, kind, base, pad) and
+// the value list at its bytes 16, 20 and 24, the number of ranges at 28.
+struct Ranges {
+  const unsigned char *index, *list, *values;
+  uint32_t count, nvalues;
+};
+
+bool ranges_of(const unsigned char *t, uint32_t size, Ranges *r) {
+  uint32_t h = be16(t + LDAP_CS_OFF_RANGES);
+  if (h < LDAP_CS_HDR_MIN_SIZE || static_cast<uint64_t>(h) + 32 > size) return false;
+  const unsigned char *p = t + h;
+  uint64_t base = h + 32;
+  uint64_t oi = base + 2ull * be32(p + 16), ol = base + 2ull * be32(p + 20), ov = base + 2ull * be32(p + 24);
+  r->count = be32(p + 28);
+  if (r->count == 0 || r->count > 0x10000 || oi + 256 > size || ol + 8ull * r->count > size || ov > size) return false;
+  r->nvalues = static_cast<uint32_t>((size - ov) / 2);
+  r->index = t + oi;
+  r->list = t + ol;
+  r->values = t + ov;
+  for (int i = 0; i < 128; ++i)
+    if (be16(r->index + 2 * i) >= r->count) return false;
+  for (uint32_t i = 0; i < r->count; ++i) {
+    const unsigned char *e = r->list + 8 * i;
+    uint32_t start = be16(e), kind = be16(e + 2), b = be16(e + 4);
+    uint32_t end = i + 1 < r->count ? be16(e + 8) : 0xFFFF;
+    if (end < start) return false;
+    if (kind == 1 && b + (end - start) > r->nvalues) return false;
+  }
+  return true;
+}
+
+// The ranges of a table the loader has checked.
+[[gnu::always_inline]] inline Ranges ranges_at(const unsigned char *t) {
+  const unsigned char *p = t + be16(t + LDAP_CS_OFF_RANGES);
+  const unsigned char *base = p + 32;
+  return {base + 2 * be32(p + 16), base + 2 * be32(p + 20), base + 2 * be32(p + 24), be32(p + 28), 0};
+}
+
+bool table_ok(const unsigned char *t, uint32_t size) {
+  if (size < LDAP_CS_HDR_MIN_SIZE || memcmp(t + LDAP_CS_OFF_MAGIC, "ucv", 3) != 0) return false;
+  uint16_t kind = table_kind(t);
+  Layout l = layout_of(t, kind);
+  if (l.rows < LDAP_CS_HDR_MIN_SIZE || l.rows > size) return false;
+  if (kind != 1 && kind != 2 && kind != 3 && kind != 4 && kind != 8 && kind != 10) return true;  // pass-through
+  for (int i = 0; i < 256; ++i)
+    if (!row_fits(t, size, l.rows, be16(t + LDAP_CS_OFF_FROM_INDEX + 2 * i), 256 * l.from_entry)) return false;
+  const unsigned char *cls = t + LDAP_CS_OFF_CLASS;
+  for (int b = 0; b < 256; ++b) {
+    uint16_t e = be16(t + LDAP_CS_OFF_TO_UCS2 + 2 * b);
+    bool row = (kind == 2 && (b == 0 || cls[b] == 2)) || (kind == 4 && (b == 0 || (b >= 0x40 && b <= 0xFE))) ||
+               (kind == 3 && cls[b] >= 2 && cls[b] != 255);
+    if (kind == 2 && cls[b] != 1 && cls[b] != 2 && cls[b] != 255) return false;
+    if (!row) continue;
+    if (kind == 3) {
+      if (!kind3_row_ok(t, size, l.rows, e, 0)) return false;
+    } else if (!row_fits(t, size, l.rows, e, 512)) {
+      return false;
+    }
+  }
+  if (kind == 10) {
+    Ranges r;
+    if (!ranges_of(t, size, &r)) return false;
+  }
+  return true;
+}
+
+ldap_cs_converter *make_converter(unsigned char *image, uint32_t size) {
+  if (!table_ok(image, size)) return nullptr;
+  auto *cv = static_cast<ldap_cs_converter *>(olx_calloc(1, sizeof(ldap_cs_converter)));
+  if (cv == nullptr) return nullptr;
+  cv->table = image;
+  cv->table_size = size;
+  cv->kind = table_kind(image);
+  memcpy(cv->name, image + LDAP_CS_OFF_NAME, sizeof cv->name - 1);
+  cv->name[sizeof cv->name - 1] = '\0';
+  cv->header_words[0] = be16(image + 56);
+  cv->header_words[1] = be16(image + 62);
+  memcpy(cv->header_bytes, image + 64, 16);
+  return cv;
+}
+
+// Whole file into a new buffer; false when it cannot be read.
+bool read_file(const char *path, unsigned char **data, uint32_t *size) {
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st;
+  bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size < (1L << 26);
+  unsigned char *buf = nullptr;
+  size_t got = 0;
+  if (ok) {
+    buf = static_cast<unsigned char *>(olx_malloc(st.st_size > 0 ? st.st_size : 1));
+    ok = buf != nullptr;
+  }
+  while (ok && got < static_cast<size_t>(st.st_size)) {
+    ssize_t n = read(fd, buf + got, st.st_size - got);
+    if (n <= 0)
+      ok = false;
+    else
+      got += n;
+  }
+  close(fd);
+  if (!ok) {
+    free(buf);
+    return false;
+  }
+  *data = buf;
+  *size = static_cast<uint32_t>(got);
+  return true;
+}
+
+bool file_exists(const char *path) {
+  struct stat st;
+  return stat(path, &st) == 0 && S_ISREG(st.st_mode);
+}
+
+// Loads the table `name` from `dir` ("" = current directory), following
+// redirection files within the directory.
+ldap_cs_converter *load_from(const char *dir, const char *name) {
+  char file[kMaxPath + 1];
+  char current[40];
+  snprintf(current, sizeof current, "%s", name);
+  for (int hop = 0; hop < kMaxRedirections; ++hop) {
+    int n = *dir ? snprintf(file, sizeof file, "%s/%s", dir, current) : snprintf(file, sizeof file, "%s", current);
+    if (n < 0 || static_cast<size_t>(n) >= kMaxPath) return nullptr;
+    unsigned char *data;
+    uint32_t size;
+    if (!read_file(file, &data, &size)) return nullptr;
+    if (size >= LDAP_CS_HDR_MIN_SIZE && memcmp(data + LDAP_CS_OFF_MAGIC, "ucv", 3) == 0) {
+      ldap_cs_converter *cv = make_converter(data, size);
+      if (cv == nullptr) free(data);
+      return cv;
+    }
+    // A redirection names another file of the same directory.
+    char text[33];
+    long len = ldap_cs_from_utf8(ldap_cs_get_default(), reinterpret_cast<const char *>(data), static_cast<long>(size),
+                                 text, 32);
+    free(data);
+    size_t k = 0;
+    for (long i = 0; i < len; ++i) {
+      unsigned char c = static_cast<unsigned char>(text[i]);
+      if (c > ' ' && c != 0x7F && k + 1 < sizeof current) current[k++] = static_cast<char>(c);
+    }
+    current[k] = '\0';
+    if (k == 0 || strchr(current, '/') != nullptr) return nullptr;
+  }
+  return nullptr;
+}
+
+ldap_cs_converter *find_table(const char *name) {
+  char dir[kMaxPath + 1];
+  const char *tis = getenv("TISDIR");
+  const char *bin = getenv("BINDIR");
+  const char *dirs[4] = {nullptr, nullptr, nullptr, ""};
+  char d0[kMaxPath + 1], d2[kMaxPath + 1];
+  if (tis != nullptr && *tis) {
+    if (snprintf(d0, sizeof d0, "%s/codeset", tis) < static_cast<int>(kMaxPath)) dirs[0] = d0;
+    if (strlen(tis) < kMaxPath) dirs[1] = tis;
+  }
+  if (bin != nullptr && *bin && snprintf(d2, sizeof d2, "%s/../generic/codeset", bin) < static_cast<int>(kMaxPath))
+    dirs[2] = d2;
+  for (const char *d : dirs) {
+    if (d == nullptr) continue;
+    int n = *d ? snprintf(dir, sizeof dir, "%s/%s", d, name) : snprintf(dir, sizeof dir, "%s", name);
+    if (n < 0 || static_cast<size_t>(n) >= kMaxPath || !file_exists(dir)) continue;
+    return load_from(d, name);  // the first file found decides
+  }
+  return nullptr;
+}
+
+void lookup_alias(char *name, size_t size) {
+  const char *tis = getenv("TISDIR");
+  char path[kMaxPath + 1];
+  FILE *f = nullptr;
+  for (int i = 0; i < 3 && f == nullptr; ++i) {
+    if (i < 2 && (tis == nullptr || *tis == '\0')) continue;
+    int n = i == 0   ? snprintf(path, sizeof path, "%s/codeset/aliases", tis)
+            : i == 1 ? snprintf(path, sizeof path, "%s/aliases", tis)
+                     : snprintf(path, sizeof path, "aliases");
+    if (n > 0 && static_cast<size_t>(n) < kMaxPath) f = fopen(path, "re");
+  }
+  if (f == nullptr) return;
+  char line[130];
+  while (fgets(line, sizeof line, f) != nullptr) {
+    if (line[0] == '#') continue;
+    char *save = nullptr;
+    char *alias = strtok_r(line, " \t\r\n", &save);
+    char *real = alias ? strtok_r(nullptr, " \t\r\n", &save) : nullptr;
+    if (real != nullptr && strcmp(alias, name) == 0) {
+      snprintf(name, size, "%s", real);
+      break;
+    }
+  }
+  fclose(f);
+}
+
+// ---- conversion helpers -------------------------------------------------
+
+enum Decode { kOk, kShort, kStop };
+
+// One character of the code set at *p: value (kNoValue for none, may be
+// above 0xFFFF for kinds 6 and 10), bytes consumed.
+// K is the kind when the caller's loop is made for one kind (so that the
+// dispatch on the kind leaves the loop), -1 when it is read from cv.
+template <int K = -1>
+[[gnu::always_inline]] inline Decode decode_cs(ldap_cs_converter *cv, const unsigned char *p, const unsigned char *end,
+                                               uint32_t *value, unsigned *used, const Ranges *ranges = nullptr) {
+  const unsigned char *t = cv->table;
+  unsigned b = *p;
+  *used = 1;
+  switch (K >= 0 ? K : cv->kind) {
+    case 1:
+      *value = b < 0x80 ? b : be16(t + LDAP_CS_OFF_TO_UCS2 + 2 * b);
+      return kOk;
+    case 8:
+      *value = inv().to_ucs[b] != kNoValue ? inv().to_ucs[b] : be16(t + LDAP_CS_OFF_TO_UCS2 + 2 * b);
+      return kOk;
+    case 2: {
+      unsigned cls = t[LDAP_CS_OFF_CLASS + b];
+      if (cls == 1) {
+        *value = be16(row_at(cv, be16(t + LDAP_CS_OFF_TO_UCS2)) + 2 * b);
+        return kOk;
+      }
+      if (cls != 2) {
+        *value = kNoValue;
+        return kOk;
+      }
+      if (end - p < 2) return kShort;
+      *used = 2;
+      *value = be16(row_at(cv, be16(t + LDAP_CS_OFF_TO_UCS2 + 2 * b)) + 2 * p[1]);
+      return kOk;
+    }
+    case 3: {
+      unsigned cls = t[LDAP_CS_OFF_CLASS + b];
+      if (cls == 1) {
+        *value = b;
+        return kOk;
+      }
+      if (cls == 0 || cls == 255) {
+        *value = kNoValue;
+        return kOk;
+      }
+      if (static_cast<unsigned>(end - p) < cls) return kShort;
+      *used = cls;
+      uint32_t row = be16(t + LDAP_CS_OFF_TO_UCS2 + 2 * b);
+      for (unsigned i = 1; i < cls; ++i) {
+        const unsigned char *r = row_at(cv, static_cast<uint16_t>(row));
+        unsigned count = be16(r), first = be16(r + 2), c = p[i];
+        if (c < first || c - first >= count) {
+          *value = kNoValue;
+          return kOk;
+        }
+        uint32_t e = be32(r + 4 + 4 * (c - first));
+        if (!(e & 0x80000000u)) {
+          *value = i + 1 == cls ? e : kNoValue;
+          return kOk;
+        }
+        row = e & 0x7FFFFFFFu;
+        if (row > 0xFFFF) break;
+      }
+      *value = kNoValue;
+      return kOk;
+    }
+    case 4: {
+      if (b == 0x0E || b == 0x0F) {
+        cv->to_state = b == 0x0E;
+        *value = 0x110000;  // a shift: nothing to write
+        return kOk;
+      }
+      if (cv->to_state && b >= 0x40 && b <= 0xFE) {
+        if (end - p < 2) return kShort;
+        *used = 2;
+        *value = be16(row_at(cv, be16(t + LDAP_CS_OFF_TO_UCS2 + 2 * b)) + 2 * p[1]);
+        return kOk;
+      }
+      if (cv->to_state || inv().to_ucs[b] != kNoValue) {
+        *value = inv().to_ucs[b];
+        return kOk;
+      }
+      *value = be16(row_at(cv, be16(t + LDAP_CS_OFF_TO_UCS2)) + 2 * b);
+      return kOk;
+    }
+    case 10: {
+      if (b < 0x80) {
+        *value = b;
+        return kOk;
+      }
+      if (b == 0x80 || b == 0xFF) {
+        *value = kNoValue;
+        return kOk;
+      }
+      if (end - p < 2) return kShort;
+      long index;
+      if (p[1] >= 0x30 && p[1] <= 0x39) {
+        if (end - p < 4) return kShort;
+        *used = 4;
+        index = ((((b & 0x7FL) * 10 + p[1]) * 126 + p[2]) * 10 + p[3]) - 50351;
+      } else if (p[1] < 0x40 || p[1] == 0x7F || p[1] == 0xFF) {
+        *value = kNoValue;
+        return kOk;
+      } else {
+        *used = 2;
+        index = (b - 0x81L) * 191 + p[1] - 0x3F;
+      }
+      *value = kNoValue;
+      if (index > 0 && index < 0xFFFF) {
+        const Ranges r = ranges != nullptr ? *ranges : ranges_at(t);
+        // The last range starting at or before the index lies between this
+        // block's first range and the next block's: a binary search there
+        // finds what walking the ranges would.
+        uint32_t i = be16(r.index + 2 * (index >> 9));
+        uint32_t hi = (index >> 9) + 1 < 128 ? be16(r.index + 2 * ((index >> 9) + 1)) : r.count - 1;
+        while (i < hi) {
+          const uint32_t mid = (i + hi + 1) / 2;
+          if (static_cast<uint32_t>(index) >= be16(r.list + 8 * mid))
+            i = mid;
+          else
+            hi = mid - 1;
+        }
+        const unsigned char *e = r.list + 8 * i;
+        uint32_t start = be16(e), k = be16(e + 2), base = be16(e + 4);
+        if (static_cast<uint32_t>(index) >= start) {
+          if (k == 1) *value = be16(r.values + 2 * (base + index - start));
+          if (k == 2) *value = (index - start + base) & 0xFFFF;
+          if (k == 3) *value = 0x20000 + be16(r.values + 2 * base);  // a two-byte code for a plane-2 character
+        }
+      } else if (index >= 213067 && index <= 1261642) {
+        *value = static_cast<uint32_t>(index - 147531);
+      }
+      return kOk;
+    }
+    case 6: {
+      // Strict UTF-8: ill-formed input ends the conversion.
+      if (b < 0x80) {
+        *value = b;
+        return kOk;
+      }
+      if (b < 0xC2 || b >= 0xF8) return kStop;
+      unsigned n = b < 0xE0 ? 2 : b < 0xF0 ? 3 : 4;
+      for (unsigned i = 1; i < n; ++i) {
+        if (p + i >= end) return kShort;
+        if ((p[i] & 0xC0) != 0x80) return kStop;
+      }
+      if ((b == 0xE0 && p[1] < 0xA0) || (b == 0xF0 && p[1] < 0x90)) return kStop;
+      uint32_t v = b & (0x7F >> n);
+      for (unsigned i = 1; i < n; ++i) v = v << 6 | (p[i] & 0x3F);
+      *value = v;
+      *used = n;
+      return kOk;
+    }
+    default:
+      *value = b;
+      return kOk;
+  }
+}
+
+// One UTF-8 character read without checking continuation bytes, as the table
+// kinds take it; 0x80 to 0xBF alone becomes kLoneByte.
+[[gnu::always_inline]] inline Decode decode_utf8_loose(const unsigned char *p, const unsigned char *end,
+                                                       uint32_t *value, unsigned *used) {
+  unsigned b = *p;
+  // Four-byte sequences are read whole for every kind (a supplementary
+  // character is then one substitution, not a guess and a lone byte).
+  unsigned n = b < 0x80 ? 1 : b < 0xC0 ? 0 : b < 0xE0 ? 2 : (b >= 0xF0 && b < 0xF8) ? 4 : 3;
+  if (n == 0) {
+    *value = kLoneByte;
+    *used = 1;
+    return kOk;
+  }
+  if (static_cast<unsigned>(end - p) < n) return kShort;
+  uint32_t v = n == 1 ? b : b & (0x7F >> n);
+  for (unsigned i = 1; i < n; ++i) v = v << 6 | (p[i] & 0x3F);
+  *value = v;
+  *used = n;
+  return kOk;
+}
+
+// Code of a UCS value in the code set: bytes in out[], their number.
+// Unmappable values give the substitution character, counted.
+template <int K = -1>
+[[gnu::always_inline]] inline unsigned encode_cs(ldap_cs_converter *cv, uint32_t v, unsigned char *out) {
+  const unsigned char *t = cv->table;
+  const uint16_t kind = K >= 0 ? K : cv->kind;
+  bool ebcdic = kind == 4 || kind == 8;
+  if (ascii_based(kind) && v < 0x80) {
+    out[0] = static_cast<unsigned char>(v);
+    return 1;
+  }
+  if (kind == 4 && (v == 0x0E || v == 0x0F)) v = 0xFFFF;  // the shifts cannot be written as characters
+  if (ebcdic && v < 0x100 && inv().from_set[v]) {
+    out[0] = inv().from_ucs[v];
+    return 1;
+  }
+  if (kind == 10 && v >= 0x10000 && v <= 0x10FFFF) {
+    uint32_t lin = v + 147531 - 24067;
+    out[3] = static_cast<unsigned char>(0x30 + lin % 10);
+    lin /= 10;
+    out[2] = static_cast<unsigned char>(0x81 + lin % 126);
+    lin /= 126;
+    out[1] = static_cast<unsigned char>(0x30 + lin % 10);
+    out[0] = static_cast<unsigned char>(0x81 + lin / 10);
+    return 4;
+  }
+  uint32_t code = be16(t + LDAP_CS_OFF_SUBST);
+  if (v <= 0xFFFF) {
+    const unsigned char *row = row_at(cv, be16(t + LDAP_CS_OFF_FROM_INDEX + 2 * (v >> 8)));
+    unsigned lo = v & 0xFF;
+    if (kind == 1 || kind == 8)
+      code = row[lo];
+    else if (kind == 2 || kind == 4)
+      code = be16(row + 2 * lo);
+    else
+      code = be32(row + 4 * lo);
+  }
+  uint32_t subst = be16(t + LDAP_CS_OFF_SUBST);
+  if (kind == 1 || kind == 8) subst &= 0xFF;
+  if (code == subst && v != be16(t + LDAP_CS_OFF_SUBST_UCS)) {
+    ++cv->subst_count;
+    out[0] = ebcdic ? 0x6F : '?';
+    return 1;
+  }
+  unsigned n = code > 0xFFFFFF ? 4 : code > 0xFFFF ? 3 : code > 0xFF ? 2 : 1;
+  for (unsigned i = 0; i < n; ++i) out[i] = static_cast<unsigned char>(code >> (8 * (n - 1 - i)));
+  return n;
+}
+
+[[gnu::always_inline]] inline unsigned put_utf8(uint32_t v, unsigned char *o) {
+  if (v < 0x80) {
+    o[0] = static_cast<unsigned char>(v);
+    return 1;
+  }
+  if (v < 0x800) {
+    o[0] = static_cast<unsigned char>(0xC0 | v >> 6);
+    o[1] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+    return 2;
+  }
+  if (v < 0x10000) {
+    o[0] = static_cast<unsigned char>(0xE0 | v >> 12);
+    o[1] = static_cast<unsigned char>(0x80 | (v >> 6 & 0x3F));
+    o[2] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+    return 3;
+  }
+  o[0] = static_cast<unsigned char>(0xF0 | v >> 18);
+  o[1] = static_cast<unsigned char>(0x80 | (v >> 12 & 0x3F));
+  o[2] = static_cast<unsigned char>(0x80 | (v >> 6 & 0x3F));
+  o[3] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+  return 4;
+}
+
+// Decoded code-set value made writable: no value (or a non-character) is the
+// counted "?"; supplementary values only come from kinds 6 and 10.
+[[gnu::always_inline]] inline uint32_t checked(ldap_cs_converter *cv, uint32_t v) {
+  if (v == kNoValue || (v > 0xFFFE && v < 0x10000) || v > 0x10FFFF) {
+    ++cv->subst_count;
+    return '?';
+  }
+  return v;
+}
+
+// Writes the code set's bytes for `v`, with kind 4's shifts; false when they
+// do not fit (nothing written, state unchanged).
+template <int K = -1>
+[[gnu::always_inline]] inline bool put_cs(ldap_cs_converter *cv, uint32_t v, unsigned char **out,
+                                          unsigned char *out_end) {
+  unsigned char code[4];
+  uint16_t before = cv->subst_count;
+  const uint16_t kind = K >= 0 ? K : cv->kind;
+  const bool table = kind == 1 || kind == 2 || kind == 3 || kind == 4 || kind == 8 || kind == 10;
+  unsigned n = table ? encode_cs<K>(cv, v, code) : 0;
+  if (n == 0) {  // pass-through
+    if (v > 0xFF) {
+      ++cv->subst_count;
+      v = '?';
+    }
+    code[0] = static_cast<unsigned char>(v);
+    n = 1;
+  }
+  unsigned shift = 0;
+  if (kind == 4) shift = (n == 2) != (cv->from_state != 0);
+  if (static_cast<size_t>(out_end - *out) < n + shift) {
+    cv->subst_count = before;
+    return false;
+  }
+  if (shift) {
+    *(*out)++ = n == 2 ? 0x0E : 0x0F;
+    cv->from_state = n == 2;
+  }
+  unsigned char *o = *out;
+  o[0] = code[0];  // unrolled: n is at most 4, and a call per character is costly
+  if (n > 1) o[1] = code[1];
+  if (n > 2) o[2] = code[2];
+  if (n > 3) o[3] = code[3];
+  *out += n;
+  return true;
+}
+
+template <int K>
+int to_utf8_loop(ldap_cs_converter *shared_cv, const unsigned char **in, const unsigned char *in_end,
+                 unsigned char **out, unsigned char *out_end) {
+  // A private copy: the output stores cannot alias it, so the table pointers
+  // stay in registers across the loop.
+  ldap_cs_converter copy = *shared_cv;
+  ldap_cs_converter *cv = &copy;
+  const unsigned char *ip = *in;
+  unsigned char *op = *out;
+  const uint16_t kind = K >= 0 ? K : cv->kind;
+  const bool ascii = kind == 1 || kind == 3 || kind == 10;
+  Ranges ranges{};
+  if (kind == 10) ranges = ranges_at(cv->table);  // read once, not per character
+  int rc = 0;
+  while (ip < in_end) {
+    if (ascii && *ip < 0x80) {  // ASCII runs are copied
+      if (op == out_end) {
+        rc = 1;
+        break;
+      }
+      *op++ = *ip++;
+      continue;
+    }
+    uint32_t v = 0;
+    unsigned used = 1;
+    if (decode_cs<K>(cv, ip, in_end, &v, &used, kind == 10 ? &ranges : nullptr) == kShort) {
+      rc = 2;
+      break;
+    }
+    if (v == 0x110000) {
+      ip += used;
+      continue;
+    }
+    if (kind != 10 && v > 0xFFFF) v = kNoValue;
+    const unsigned n = v < 0x80 ? 1 : v < 0x800 ? 2 : v <= 0xFFFE ? 3 : v <= 0x10FFFF && v > 0xFFFF ? 4 : 1;
+    if (static_cast<size_t>(out_end - op) < n) {
+      rc = 1;
+      break;
+    }
+    op += put_utf8(checked(cv, v), op);
+    ip += used;
+  }
+  *in = ip;
+  *out = op;
+  shared_cv->subst_count = copy.subst_count;
+  shared_cv->from_state = copy.from_state;
+  shared_cv->to_state = copy.to_state;
+  return rc;
+}
+
+template <int K>
+int from_utf8_loop(ldap_cs_converter *shared_cv, const unsigned char **in, const unsigned char *in_end,
+                   unsigned char **out, unsigned char *out_end) {
+  // A private copy and local positions: the output stores cannot alias them,
+  // so the table pointers stay in registers across the loop.
+  ldap_cs_converter copy = *shared_cv;
+  ldap_cs_converter *cv = &copy;
+  const bool ascii = ascii_based(K >= 0 ? K : cv->kind);
+  const unsigned char *ip = *in;
+  unsigned char *op = *out;
+  int rc = 0;
+  while (ip < in_end) {
+    if (ascii && *ip < 0x80) {  // ASCII runs are copied
+      if (op == out_end) {
+        rc = 1;
+        break;
+      }
+      *op++ = *ip++;
+      continue;
+    }
+    uint32_t v = 0;
+    unsigned used = 1;
+    if (decode_utf8_loose(ip, in_end, &v, &used) == kShort) {
+      rc = 2;
+      break;
+    }
+    uint16_t before = cv->subst_count;
+    if (v == kLoneByte) {
+      ++cv->subst_count;
+      v = '?';
+    }
+    if (!put_cs<K>(cv, v, &op, out_end)) {
+      cv->subst_count = before;
+      rc = 1;
+      break;
+    }
+    ip += used;
+  }
+  *in = ip;
+  *out = op;
+  shared_cv->subst_count = copy.subst_count;
+  shared_cv->from_state = copy.from_state;
+  shared_cv->to_state = copy.to_state;
+  return rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+int ldap_cs_step_to_ucs2(ldap_cs_converter *cv, const unsigned char **in, const unsigned char *in_end, uint16_t **out,
+                         uint16_t *out_end) {
+  while (*in < in_end && *out < out_end) {
+    uint32_t v = 0;
+    unsigned used = 1;
+    Decode d = decode_cs(cv, *in, in_end, &v, &used);
+    if (d == kShort) return 2;
+    if (d == kStop) return 0;
+    if (v == 0x110000) {
+      *in += used;
+      continue;
+    }
+    if (cv->kind != 6 && cv->kind != 10 && v > 0xFFFF) v = kNoValue;
+    uint16_t before = cv->subst_count;
+    v = checked(cv, v);
+    if (v > 0xFFFF) {
+      if (out_end - *out < 2) {
+        cv->subst_count = before;
+        return 1;
+      }
+      *(*out)++ = static_cast<uint16_t>(0xD800 + ((v - 0x10000) >> 10));
+      *(*out)++ = static_cast<uint16_t>(0xDC00 + (v & 0x3FF));
+    } else {
+      *(*out)++ = static_cast<uint16_t>(v);
+    }
+    *in += used;
+  }
+  return *in < in_end ? 1 : 0;
+}
+
+int ldap_cs_step_to_utf8(ldap_cs_converter *cv, const unsigned char **in, const unsigned char *in_end,
+                         unsigned char **out, unsigned char *out_end) {
+  if (cv->kind == 6) {
+    size_t n = std::min(in_end - *in, out_end - *out);
+    memcpy(*out, *in, n);
+    *in += n;
+    *out += n;
+    return *in < in_end ? 1 : 0;
+  }
+  switch (cv->kind) {
+    case 1:
+      return to_utf8_loop<1>(cv, in, in_end, out, out_end);
+    case 2:
+      return to_utf8_loop<2>(cv, in, in_end, out, out_end);
+    case 3:
+      return to_utf8_loop<3>(cv, in, in_end, out, out_end);
+    case 10:
+      return to_utf8_loop<10>(cv, in, in_end, out, out_end);
+    default:
+      return to_utf8_loop<-1>(cv, in, in_end, out, out_end);
+  }
+}
+
+int ldap_cs_step_from_ucs2(ldap_cs_converter *cv, const uint16_t **in, const uint16_t *in_end, unsigned char **out,
+                           unsigned char *out_end) {
+  if (in == nullptr || *in == in_end) {  // the end of a string: back to single-byte mode
+    if (cv->kind == 4 && cv->from_state) {
+      if (*out >= out_end) return 1;
+      *(*out)++ = 0x0F;
+    }
+    cv->from_state = 0;
+    cv->to_state = 0;
+    return 0;
+  }
+  while (*in < in_end) {
+    uint32_t v = **in;
+    unsigned used = 1;
+    uint16_t before = cv->subst_count;
+    if (v >= 0xD800 && v <= 0xDFFF && (cv->kind == 6 || cv->kind == 10)) {
+      if (v >= 0xDC00) {
+        ++cv->subst_count;
+        v = '?';
+      } else if (in_end - *in < 2) {
+        return 2;
+      } else if ((*in)[1] >= 0xDC00 && (*in)[1] <= 0xDFFF) {
+        v = 0x10000 + ((v - 0xD800) << 10) + ((*in)[1] - 0xDC00);
+        used = 2;
+      } else {
+        ++cv->subst_count;
+        v = '?';
+        used = 2;
+      }
+    }
+    bool fits;
+    if (cv->kind == 6) {
+      unsigned char buf[4];
+      unsigned n = put_utf8(v, buf);
+      fits = static_cast<size_t>(out_end - *out) >= n;
+      if (fits) {
+        memcpy(*out, buf, n);
+        *out += n;
+      }
+    } else {
+      fits = put_cs(cv, v, out, out_end);
+    }
+    if (!fits) {
+      cv->subst_count = before;
+      return 1;
+    }
+    *in += used;
+  }
+  return 0;
+}
+
+int ldap_cs_step_from_utf8(ldap_cs_converter *cv, const unsigned char **in, const unsigned char *in_end,
+                           unsigned char **out, unsigned char *out_end) {
+  if (in == nullptr || *in == in_end) return ldap_cs_step_from_ucs2(cv, nullptr, nullptr, out, out_end);
+  if (cv->kind == 6) return ldap_cs_step_to_utf8(cv, in, in_end, out, out_end);
+  switch (cv->kind) {
+    case 1:
+      return from_utf8_loop<1>(cv, in, in_end, out, out_end);
+    case 2:
+      return from_utf8_loop<2>(cv, in, in_end, out, out_end);
+    case 3:
+      return from_utf8_loop<3>(cv, in, in_end, out, out_end);
+    case 10:
+      return from_utf8_loop<10>(cv, in, in_end, out, out_end);
+    default:
+      return from_utf8_loop<-1>(cv, in, in_end, out, out_end);
+  }
+}
+
+int ldap_cs_normalize_name(const char *name, char *out, size_t size) {
+  if (name == nullptr || out == nullptr || size == 0) return -1;
+  char up[256];
+  size_t k = 0;
+  for (const char *p = name; *p && k + 1 < sizeof up; ++p) up[k++] = static_cast<char>(toupper((unsigned char)*p));
+  up[k] = '\0';
+  if (strcmp(up, "DOS") == 0 || strcmp(up, "WIN") == 0 || strcmp(up, "OS") == 0) {
+    // The current locale's code set: the translation entry points set the
+    // locale before they ask, and the engine leaves the application's alone.
+    ldap_iconv_lock();
+    const char *cs = nl_langinfo(CODESET);
+    snprintf(up, sizeof up, "%s", cs != nullptr && *cs ? cs : "ISO88591");
+    ldap_iconv_unlock();
+    for (char *p = up; *p; ++p) *p = static_cast<char>(toupper((unsigned char)*p));
+  }
+  const char *p = up;
+  if (strncmp(p, "KRV", 3) == 0) p += 3;
+  k = 0;
+  for (; *p && k + 1 < size; ++p)
+    if (isalnum((unsigned char)*p)) out[k++] = *p;
+  out[k] = '\0';
+  lookup_alias(out, size);
+  return 0;
+}
+
+ldap_cs_converter *ldap_cs_open(const char *name) {
+  if (name == nullptr) return nullptr;
+  if (strchr(name, '/') != nullptr || strchr(name, '\\') != nullptr) {
+    unsigned char *data;
+    uint32_t size;
+    if (!read_file(name, &data, &size)) return nullptr;
+    ldap_cs_converter *cv = make_converter(data, size);
+    if (cv == nullptr) free(data);
+    return cv;
+  }
+  char norm[33];
+  ldap_cs_normalize_name(name, norm, sizeof norm);
+  if (strcmp(norm, "UTF8") == 0) return &g_utf8;
+  if (strcmp(norm, "OS") == 0) return &g_os;
+  if (norm[0] == '\0') return nullptr;
+  return find_table(norm);
+}
+
+ldap_cs_converter *ldap_cs_open_image(const unsigned char *image, size_t size) {
+  if (image == nullptr || size > 0xFFFFFFFFu) return nullptr;
+  auto *copy = static_cast<unsigned char *>(olx_malloc(size ? size : 1));
+  if (copy == nullptr) return nullptr;
+  if (size) memcpy(copy, image, size);
+  ldap_cs_converter *cv = make_converter(copy, static_cast<uint32_t>(size));
+  if (cv == nullptr) free(copy);
+  return cv;
+}
+
+int ldap_cs_close(ldap_cs_converter *cv) {
+  if (cv == nullptr || is_builtin(cv)) return 0;
+  if (cv == g_default) g_default = &g_os;
+  if (cv == g_os_cv) g_os_cv = &g_os;
+  if (!cv->shared) free(cv->table);
+  free(cv);
+  return 0;
+}
+
+ldap_cs_converter *ldap_cs_clone(ldap_cs_converter *cv) {
+  if (cv == nullptr) cv = ldap_cs_get_default();
+  if (is_builtin(cv)) return cv;
+  auto *c = static_cast<ldap_cs_converter *>(olx_malloc(sizeof(ldap_cs_converter)));
+  if (c == nullptr) return nullptr;
+  *c = *cv;
+  c->subst_count = 0;
+  c->from_state = c->to_state = 0;
+  c->shared = 1;
+  return c;
+}
+
+const unsigned char *ldap_cs_get_table(ldap_cs_converter *cv, uint32_t *size) {
+  if (cv == nullptr) cv = ldap_cs_get_default();
+  if (size != nullptr) *size = cv->table_size;
+  return cv->table;
+}
+
+void ldap_cs_set_default(ldap_cs_converter *cv) {
+  ldap_cs_init();
+  g_default = cv != nullptr ? cv : &g_os;
+}
+
+ldap_cs_converter *ldap_cs_get_default(void) {
+  ldap_cs_init();
+  return g_default != nullptr ? g_default : &g_os;
+}
+
+const char *ldap_cs_get_name(ldap_cs_converter *cv) {
+  if (cv == nullptr) cv = ldap_cs_get_default();
+  return cv->name;
+}
+
+int ldap_cs_os_codeset_name(char *buffer, size_t size) {
+  if (buffer == nullptr || size == 0) return -1;
+  return ldap_cs_normalize_name("OS", buffer, size);
+}
+
+int ldap_cs_init(void) {
+  std::lock_guard<std::recursive_mutex> guard(g_init_mutex);
+  if (g_initialised) return 0;
+  g_initialised = true;  // first: opening a table may read a redirection through the default
+  g_default = &g_os;
+  const char *tis = getenv("TIS_CODESET");
+  ldap_cs_converter *cv = ldap_cs_open(tis != nullptr && *tis ? tis : "OS");
+  if (cv == nullptr) cv = ldap_cs_open("DEFAULT");
+  g_default = cv != nullptr ? cv : &g_os;
+  char os[33];
+  ldap_cs_os_codeset_name(os, sizeof os);
+  g_os_cv = ldap_cs_open(os);
+  if (g_os_cv == nullptr) g_os_cv = ldap_cs_open("OSDEFAULT");
+  return 0;
+}
+
+int ldap_cs_term(void) {
+  std::lock_guard<std::recursive_mutex> guard(g_init_mutex);
+  if (!g_initialised) return 0;
+  ldap_cs_converter *d = g_default, *o = g_os_cv;
+  g_default = g_os_cv = nullptr;
+  if (o != d) ldap_cs_close(o);
+  ldap_cs_close(d);
+  g_initialised = false;
+  return 0;
+}
+
+}  // extern "C"
+
+namespace {
+// The variable string stays in the environment; the one it replaces is freed.
+int put_env(char **slot, char *text) {
+  if (text == nullptr) return -1;
+  if (putenv(text) != 0) {
+    free(text);
+    return -1;
+  }
+  free(*slot);
+  *slot = text;
+  return 0;
+}
+char *format(const char *a, const char *b, const char *c) {
+  size_t n = strlen(a) + strlen(b) + strlen(c) + 1;
+  char *s = static_cast<char *>(olx_malloc(n));
+  if (s != nullptr) snprintf(s, n, "%s%s%s", a, b, c);
+  return s;
+}
+
+template <class In, class Out>
+long convert_string(ldap_cs_converter *cv, const In *in, long len, Out *out, long size,
+                    int (*step)(ldap_cs_converter *, const In **, const In *, Out **, Out *), bool flush) {
+  if (cv == nullptr) cv = ldap_cs_get_default();
+  if (in == nullptr || out == nullptr || size < 0) return 0;
+  bool terminate = len < 0;
+  if (terminate) {
+    len = 0;
+    while (in[len] != 0) ++len;
+    if (size == 0) return 0;
+    --size;
+  }
+  cv->from_state = cv->to_state = 0;
+  const In *ip = in;
+  Out *op = out;
+  step(cv, &ip, in + len, &op, out + size);
+  if (flush) step(cv, &ip, ip, &op, out + size);
+  cv->from_state = cv->to_state = 0;
+  long n = op - out;
+  if (terminate) out[n++] = 0;
+  return n;
+}
+
+int to_ucs2_u8(ldap_cs_converter *cv, const char **i, const char *e, uint16_t **o, uint16_t *oe) {
+  return ldap_cs_step_to_ucs2(cv, reinterpret_cast<const unsigned char **>(i),
+                              reinterpret_cast<const unsigned char *>(e), o, oe);
+}
+int from_ucs2_u8(ldap_cs_converter *cv, const uint16_t **i, const uint16_t *e, char **o, char *oe) {
+  return ldap_cs_step_from_ucs2(cv, i, e, reinterpret_cast<unsigned char **>(o), reinterpret_cast<unsigned char *>(oe));
+}
+int to_utf8_c(ldap_cs_converter *cv, const char **i, const char *e, char **o, char *oe) {
+  return ldap_cs_step_to_utf8(cv, reinterpret_cast<const unsigned char **>(i),
+                              reinterpret_cast<const unsigned char *>(e), reinterpret_cast<unsigned char **>(o),
+                              reinterpret_cast<unsigned char *>(oe));
+}
+int from_utf8_c(ldap_cs_converter *cv, const char **i, const char *e, char **o, char *oe) {
+  return ldap_cs_step_from_utf8(cv, reinterpret_cast<const unsigned char **>(i),
+                                reinterpret_cast<const unsigned char *>(e), reinterpret_cast<unsigned char **>(o),
+                                reinterpret_cast<unsigned char *>(oe));
+}
+}  // namespace
+
+extern "C" {
+
+long ldap_cs_to_utf8(ldap_cs_converter *cv, const char *in, long len, char *out, long size) {
+  return convert_string<char, char>(cv, in, len, out, size, to_utf8_c, false);
+}
+long ldap_cs_from_utf8(ldap_cs_converter *cv, const char *in, long len, char *out, long size) {
+  return convert_string<char, char>(cv, in, len, out, size, from_utf8_c, true);
+}
+long ldap_cs_to_ucs2(ldap_cs_converter *cv, const char *in, long len, uint16_t *out, long size) {
+  return convert_string<char, uint16_t>(cv, in, len, out, size, to_ucs2_u8, false);
+}
+long ldap_cs_from_ucs2(ldap_cs_converter *cv, const uint16_t *in, long len, char *out, long size) {
+  return convert_string<uint16_t, char>(cv, in, len, out, size, from_ucs2_u8, true);
+}
+
+char *ldap_cs_from_utf8_alloc(ldap_cs_converter *cv, const char *in, long len, long *count) {
+  if (in == nullptr) return nullptr;
+  if (len < 0) len = static_cast<long>(strlen(in));
+  long size = 2 * len + 1;
+  char *out = static_cast<char *>(olx_malloc(size));
+  if (out == nullptr) return nullptr;
+  long n = ldap_cs_from_utf8(cv, in, len, out, size - 1);
+  out[n] = '\0';
+  if (count != nullptr) *count = n;
+  return out;
+}
+
+char *ldap_cs_to_utf8_alloc(ldap_cs_converter *cv, const char *in, long len, long *count) {
+  if (in == nullptr) return nullptr;
+  if (len < 0) len = static_cast<long>(strlen(in));
+  long size = 3 * len + 1;
+  char *out = static_cast<char *>(olx_malloc(size));
+  if (out == nullptr) return nullptr;
+  long n = ldap_cs_to_utf8(cv, in, len, out, size - 1);
+  out[n] = '\0';
+  if (count != nullptr) *count = n;
+  return out;
+}
+
+int ldap_cs_set_nlspath(const char *value) {
+  if (value == nullptr) return -1;
+  return put_env(&g_nlspath_env, format("NLSPATH=", value, ""));
+}
+
+int ldap_cs_prepend_nlspath(const char *value) {
+  if (value == nullptr) return -1;
+  const char *old = getenv("NLSPATH");
+  char *head = format("NLSPATH=", value, ":");
+  if (head == nullptr) return -1;
+  char *text = format(head, old != nullptr ? old : "", "");
+  free(head);
+  return put_env(&g_nlspath_env, text);
+}
+
+int ldap_cs_set_tisdir(const char *value) {
+  if (value == nullptr) return -1;
+  return put_env(&g_tisdir_env, format("TISDIR=", value, ""));
+}
+
+// ---- UCS-2 strings --------------------------------------------------------
+
+size_t ldap_ucs2_len(const uint16_t *s) {
+  size_t n = 0;
+  while (s[n]) ++n;
+  return n;
+}
+size_t ldap_ucs2_nlen(const uint16_t *s, size_t n) {
+  size_t i = 0;
+  while (i < n && s[i]) ++i;
+  return i;
+}
+uint16_t *ldap_ucs2_cpy(uint16_t *dst, const uint16_t *src) {
+  size_t i = 0;
+  do dst[i] = src[i];
+  while (src[i++]);
+  return dst;
+}
+uint16_t *ldap_ucs2_ncpy(uint16_t *dst, const uint16_t *src, size_t n) {
+  size_t i = 0;
+  for (; i < n && src[i]; ++i) dst[i] = src[i];
+  for (; i < n; ++i) dst[i] = 0;
+  return dst;
+}
+uint16_t *ldap_ucs2_cat(uint16_t *dst, const uint16_t *src) {
+  ldap_ucs2_cpy(dst + ldap_ucs2_len(dst), src);
+  return dst;
+}
+uint16_t *ldap_ucs2_ncat(uint16_t *dst, const uint16_t *src, size_t n) {
+  uint16_t *d = dst + ldap_ucs2_len(dst);
+  size_t i = 0;
+  for (; i < n && src[i]; ++i) d[i] = src[i];
+  d[i] = 0;
+  return dst;
+}
+int ldap_ucs2_ncmp(const uint16_t *a, const uint16_t *b, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+    if (a[i] == 0) return 0;
+  }
+  return 0;
+}
+uint16_t *ldap_ucs2_chr(const uint16_t *s, uint16_t c) {
+  for (;; ++s) {
+    if (*s == c) return const_cast<uint16_t *>(s);
+    if (*s == 0) return nullptr;
+  }
+}
+uint16_t *ldap_ucs2_rchr(const uint16_t *s, uint16_t c) {
+  const uint16_t *found = nullptr;
+  for (;; ++s) {
+    if (*s == c) found = s;
+    if (*s == 0) return const_cast<uint16_t *>(found);
+  }
+}
+size_t ldap_ucs2_spn(const uint16_t *s, const uint16_t *set) {
+  size_t i = 0;
+  while (s[i] && ldap_ucs2_chr(set, s[i]) != nullptr) ++i;
+  return i;
+}
+size_t ldap_ucs2_cspn(const uint16_t *s, const uint16_t *set) {
+  size_t i = 0;
+  while (s[i] && ldap_ucs2_chr(set, s[i]) == nullptr) ++i;
+  return i;
+}
+uint16_t *ldap_ucs2_pbrk(const uint16_t *s, const uint16_t *set) {
+  s += ldap_ucs2_cspn(s, set);
+  return *s ? const_cast<uint16_t *>(s) : nullptr;
+}
+uint16_t *ldap_ucs2_str(const uint16_t *s, const uint16_t *sub) {
+  size_t n = ldap_ucs2_len(sub);
+  for (; *s; ++s)
+    if (ldap_ucs2_ncmp(s, sub, n) == 0) return const_cast<uint16_t *>(s);
+  return n == 0 ? const_cast<uint16_t *>(s) : nullptr;
+}
+uint16_t *ldap_ucs2_tok(uint16_t *s, const uint16_t *delim, uint16_t **pos) {
+  if (s == nullptr) s = *pos;
+  if (s == nullptr) return nullptr;
+  s += ldap_ucs2_spn(s, delim);
+  if (*s == 0) {
+    *pos = nullptr;
+    return nullptr;
+  }
+  uint16_t *end = s + ldap_ucs2_cspn(s, delim);
+  if (*end) {
+    *end = 0;
+    *pos = end + 1;
+  } else {
+    *pos = nullptr;
+  }
+  return s;
+}
+
+}  // extern "C"
