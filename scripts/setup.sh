@@ -10,6 +10,7 @@ packages=(
   libssl-dev openssl
   libsasl2-dev libsasl2-modules libsasl2-modules-gssapi-mit krb5-kdc krb5-admin-server
   dnsmasq-base iproute2 util-linux
+  python3
 )
 
 missing=()
