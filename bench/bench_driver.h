@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <string>
@@ -45,6 +46,17 @@ inline std::map<std::string, double> run_client(const std::vector<std::string> &
   std::map<std::string, double> figures = figures_of(r.out);
   figures["status"] = r.exit_code;
   return figures;
+}
+
+inline std::string read_text(const std::string &path) {
+  std::string text;
+  if (FILE *f = fopen(path.c_str(), "r")) {
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+    fclose(f);
+  }
+  return text;
 }
 
 inline double median(std::vector<double> v) {

@@ -87,55 +87,114 @@ int main(int argc, char **argv) {
   };
   const std::string people_dn = SlapdServer::kPeopleDn;
 
+  // Every figure is a median over runs that succeeded with the same entry
+  // count on both sides; a failed run is reported and discarded.
+  auto spread = [](std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    char buf[64];
+    snprintf(buf, sizeof buf, "%.2f-%.2f", v.empty() ? 0 : v.front(), v.empty() ? 0 : v.back());
+    return std::string(buf);
+  };
+  struct Row {
+    std::string what;
+    double ours, theirs;
+    std::string spread_ours, spread_theirs;
+  };
+  std::vector<Row> rows;
+  auto row = [&](const std::string &what, const std::vector<double> &o, const std::vector<double> &t) {
+    rows.push_back({what, median(o), median(t), spread(o), spread(t)});
+  };
+
   // (a) Alternate the clients so slapd's caches favour neither.
-  std::vector<double> cpu10k[2], eps[2];
-  int entries = 0;
+  std::vector<double> cpu_entry[2], eps[2];
+  int entries[2] = {0, 0};
   for (int r = 0; r < runs + 1; ++r)
     for (int c = 0; c < 2; ++c) {
-      ChildRun cr = run_child(clients[c], args({"walk", people_dn, "(uid=user1*)"}));
-      if (cr.status != 0) fprintf(stderr, "%s walk failed (status %d)\n", names[c], cr.status);
+      ChildRun cr = run_child(clients[c], args({"walk", people_dn, "(objectClass=inetOrgPerson)"}));
+      if (cr.status != 0 || cr.figures["rc"] != 0) {
+        fprintf(stderr, "%s walk failed (status %d); discarded\n", names[c], cr.status);
+        continue;
+      }
+      entries[c] = (int)cr.figures["entries"];
       if (r == 0) continue;  // warm-up
-      entries = (int)cr.figures["entries"];
-      cpu10k[c].push_back(cr.figures["cpu_s"] / entries * 10000 * 1e3);
-      eps[c].push_back(entries / cr.figures["wall_s"]);
+      cpu_entry[c].push_back(cr.figures["cpu_s"] / entries[c] * 1e6);
+      eps[c].push_back(entries[c] / cr.figures["wall_s"]);
     }
-  printf("(a) one search of %d entries walked to every value, median of %d runs\n", entries, runs);
-  printf("    %-8s %22s %14s\n", "client", "client CPU ms/10000", "entries/s");
-  for (int c = 0; c < 2; ++c) printf("    %-8s %22.1f %14.0f\n", names[c], median(cpu10k[c]), median(eps[c]));
-  printf("    ratio ours/libldap: CPU %.2f, entries/s %.2f\n", median(cpu10k[0]) / median(cpu10k[1]),
-         median(eps[0]) / median(eps[1]));
+  if (entries[0] != entries[1] || entries[0] == 0) {
+    fprintf(stderr, "search_bench: the clients saw %d and %d entries\n", entries[0], entries[1]);
+    return 1;
+  }
+  row("walk: client CPU us/entry", cpu_entry[0], cpu_entry[1]);
+  row("walk: entries/s", eps[0], eps[1]);
+
+  // System calls and instructions of one walk each, when strace and valgrind exist.
+  auto tool_run = [&](int c, const std::string &prefix, const std::string &out) {
+    std::string cmd = prefix + " '" + clients[c] + "'";
+    for (const auto &a : args({"walk", people_dn, "(objectClass=inetOrgPerson)"})) cmd += " '" + a + "'";
+    cmd += " > /dev/null 2>&1";
+    return system(cmd.c_str()) == 0 ? tavbench::read_text(out) : std::string();
+  };
+  if (system("command -v strace > /dev/null 2>&1") == 0) {
+    std::vector<double> calls[2];
+    for (int c = 0; c < 2; ++c) {
+      const std::string out = "/tmp/search_bench.strace." + std::to_string(getpid());
+      const std::string text = tool_run(c, "strace -f -c -o " + out, out);
+      unlink(out.c_str());
+      const size_t total = text.rfind(" total");
+      if (total == std::string::npos) continue;
+      const size_t line = text.rfind('\n', total) + 1;
+      double secs, usecs, count;
+      if (sscanf(text.c_str() + line, "%lf %lf %lf %lf", &secs, &secs, &usecs, &count) == 4 ||
+          sscanf(text.c_str() + line, "%lf %lf %lf", &secs, &secs, &count) == 3)
+        calls[c].push_back(count / entries[c]);
+    }
+    if (!calls[0].empty() && !calls[1].empty()) row("walk: system calls/entry", calls[0], calls[1]);
+  }
+  if (system("command -v valgrind > /dev/null 2>&1") == 0) {
+    std::vector<double> instr[2];
+    for (int c = 0; c < 2; ++c) {
+      const std::string out = "/tmp/search_bench.callgrind." + std::to_string(getpid());
+      const std::string text = tool_run(c, "valgrind --tool=callgrind --callgrind-out-file=" + out, out);
+      unlink(out.c_str());
+      const size_t at = text.find("\nsummary: ");
+      if (at != std::string::npos) instr[c].push_back(atof(text.c_str() + at + 10) / entries[c]);
+    }
+    if (!instr[0].empty() && !instr[1].empty()) row("walk: instructions/entry", instr[0], instr[1]);
+  }
 
   // (b)
   const std::string dn_format = "uid=user%d," + people_dn;
-  printf("(b) threads sharing one session, base searches of single entries, %s s per run, median of 3\n", seconds);
-  printf("    %-8s %14s %14s %8s %14s %14s\n", "threads", "ours ops/s", "libldap ops/s", "ratio", "ours us/op",
-         "libldap us/op");
   for (int threads : {1, 2, 8, 32}) {
     std::vector<double> ops[2], cpu[2];
     for (int r = 0; r < 3; ++r)
       for (int c = 0; c < 2; ++c) {
         ChildRun cr = run_child(clients[c], args({"threads", dn_format, std::to_string(threads), seconds}));
-        if (cr.status != 0 || cr.figures["failures"] != 0)
-          fprintf(stderr, "%s threads=%d: status %d, failures %.0f\n", names[c], threads, cr.status,
+        if (cr.status != 0 || cr.figures["failures"] != 0) {
+          fprintf(stderr, "%s threads=%d: status %d, failures %.0f; discarded\n", names[c], threads, cr.status,
                   cr.figures["failures"]);
+          continue;
+        }
         ops[c].push_back(cr.figures["ops_per_s"]);
         cpu[c].push_back(cr.figures["cpu_us_per_op"]);
       }
-    printf("    %-8d %14.0f %14.0f %8.2f %14.1f %14.1f\n", threads, median(ops[0]), median(ops[1]),
-           median(ops[0]) / median(ops[1]), median(cpu[0]), median(cpu[1]));
+    row(std::to_string(threads) + " threads: client CPU us/op", cpu[0], cpu[1]);
+    row(std::to_string(threads) + " threads: ops/s", ops[0], ops[1]);
   }
 
   // (c)
   std::vector<double> rss[2];
-  int big = 0;
   for (int r = 0; r < 3; ++r)
     for (int c = 0; c < 2; ++c) {
       ChildRun cr = run_child(clients[c], args({"walk", people_dn, "(objectClass=inetOrgPerson)"}));
-      big = (int)cr.figures["entries"];
-      rss[c].push_back((double)cr.max_rss_kb);
+      if (cr.status == 0 && (int)cr.figures["entries"] == entries[c]) rss[c].push_back(cr.max_rss_kb / 1024.0);
     }
-  printf("(c) peak resident memory of a walked %d-entry search, median of 3\n", big);
-  printf("    ours %.0f KiB, libldap %.0f KiB, ratio %.2f\n", median(rss[0]), median(rss[1]),
-         median(rss[0]) / median(rss[1]));
+  row("walk: peak memory MB", rss[0], rss[1]);
+
+  printf("ours (the shared object) against OpenLDAP's libldap, %d entries walked, medians of %d runs\n", entries[0],
+         runs);
+  printf("  %-34s %12s %12s %8s   %s\n", "measure", "ours", "libldap", "ratio", "spread ours / libldap");
+  for (const Row &r : rows)
+    printf("  %-34s %12.2f %12.2f %8.2f   %s / %s\n", r.what.c_str(), r.ours, r.theirs,
+           r.theirs != 0 ? r.ours / r.theirs : 0.0, r.spread_ours.c_str(), r.spread_theirs.c_str());
   return 0;
 }

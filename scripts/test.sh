@@ -116,5 +116,11 @@ if build "TSan (clang++)" build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAV_SAN
     "unit=$((UNIT_MIN - 1)) integration-concurrency=$CONCURRENCY_MIN" -L 'unit|concurrency'
 fi
 
+# The comparison script must not rot: a smoke run (it asserts nothing about speed).
+echo "== bench/compare.sh, QUICK=1"
+if [ -f build/bin/search_bench ] && ! QUICK=1 BUILD="$root/build" bash bench/compare.sh; then
+  fail "bench/compare.sh failed"
+fi
+
 echo "all runs: $passed passed, $failed failed, $skipped skipped"
 exit $status
