@@ -134,8 +134,8 @@ TEST_F(Concurrency, ThreadsUpdateDifferentEntriesAndReadTheirOwnOutcomes) {
 }
 
 TEST(ConcurrencyWire, WaitersGetTheirOwnResponsesAndLargeRequestsNeverInterleave) {
+  std::string first;  // written by the server thread: outlives its join
   FakeServer fake;
-  std::string first;
   fake.on_request([&](const std::string &r) { return first = r, std::string(); })
       .on_request([&](const std::string &r) {  // the second answered first
         int a = tavtest::request_msgid(first), b = tavtest::request_msgid(r);

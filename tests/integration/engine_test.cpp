@@ -77,8 +77,8 @@ TEST(Engine, AllModeHandsOutTheChainAndOneModeEachMessageAlone) {
 }
 
 TEST(Engine, ResponsesGoToTheirOwnRowsAndUnknownIdsAreDropped) {
+  std::string first;  // written by the server thread: outlives its join
   FakeServer fake;
-  std::string first;
   fake.on_request([&](const std::string &r) {
         first = r;
         return std::string();

@@ -44,10 +44,11 @@ struct Recorded {
     fake.start();
   }
   ~Recorded() { ldap_unbind(ld); }
-  FakeServer fake;
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  // Written by the server's thread: declared first so they outlive its join.
   std::string request;
   int msgid = -1;
+  FakeServer fake;
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
 };
 
 TEST(UpdateRequests, ShapesOnTheWire) {
