@@ -165,6 +165,7 @@ bool ranges_of(const unsigned char *t, uint32_t size, Ranges *r) {
     uint32_t end = i + 1 < r->count ? be16(e + 8) : 0xFFFF;
     if (end < start) return false;
     if (kind == 1 && b + (end - start) > r->nvalues) return false;
+    if (kind == 3 && b >= r->nvalues) return false;
   }
   return true;
 }
@@ -458,7 +459,11 @@ template <int K = -1>
         }
         const unsigned char *e = r.list + 8 * i;
         uint32_t start = be16(e), k = be16(e + 2), base = be16(e + 4);
-        if (static_cast<uint32_t>(index) >= start) {
+        // A range covers up to the next one's start; the loader checked the
+        // values against that end, so nothing past it is read (a block index
+        // that points at the wrong range finds no value).
+        const uint32_t end = i + 1 < r.count ? be16(e + 8) : 0xFFFF;
+        if (static_cast<uint32_t>(index) >= start && static_cast<uint32_t>(index) < end) {
           if (k == 1) *value = be16(r.values + 2 * (base + index - start));
           if (k == 2) *value = (index - start + base) & 0xFFFF;
           if (k == 3) *value = 0x20000 + be16(r.values + 2 * base);  // a two-byte code for a plane-2 character
