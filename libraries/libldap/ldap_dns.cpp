@@ -99,6 +99,19 @@ int read_name(const ldap_dns_state *st, size_t *pos, char **out) {
   return LDAP_DNS_INVALID_DATA;
 }
 
+// A name inside a record: read against the whole message (it may point back
+// into it), but it must end inside the record, which ends at `end`.
+int read_record_name(const ldap_dns_state *st, size_t at, size_t end, char **out) {
+  const int rc = read_name(st, &at, out);
+  if (rc != 0) return rc;
+  if (at > end) {
+    free(*out);
+    *out = nullptr;
+    return LDAP_DNS_INVALID_DATA;
+  }
+  return 0;
+}
+
 LDAPServerInfo *new_server(const ldap_dns_state *st, char *host) {
   LDAPServerInfo *s = static_cast<LDAPServerInfo *>(olx_calloc(1, sizeof(LDAPServerInfo)));
   if (s == nullptr) return nullptr;
@@ -737,14 +750,9 @@ int ldap_dns_parse_answers(ldap_dns_state *st, LDAPServerInfo *server, int type)
     // point back into it) but must start inside the record.
     if (type == LDAP_DNS_TYPE_SRV) {
       if (rdlen < 7) return LDAP_DNS_INVALID_DATA;
-      size_t at = rdata + 6;
       char *target = nullptr;
-      rc = read_name(st, &at, &target);
+      rc = read_record_name(st, rdata + 6, pos, &target);
       if (rc != 0) return rc;
-      if (at > pos) {
-        free(target);
-        return LDAP_DNS_INVALID_DATA;
-      }
       if (*target == '\0') {  // "." means no service at this name
         free(target);
         continue;
@@ -760,14 +768,9 @@ int ldap_dns_parse_answers(ldap_dns_state *st, LDAPServerInfo *server, int type)
       LDAP_LOG(LDAP_LOG_TRACE, "ldapdns: SRV record found: %d %d %d %s\n", s->priority, s->weight, s->port, s->host);
       ldap_dns_insert_by_priority(&st->found, s);
     } else if (type == LDAP_DNS_TYPE_CNAME) {
-      size_t at = rdata;
       char *target = nullptr;
-      rc = read_name(st, &at, &target);
+      rc = read_record_name(st, rdata, pos, &target);
       if (rc != 0) return rc;
-      if (at > pos) {
-        free(target);
-        return LDAP_DNS_INVALID_DATA;
-      }
       LDAPServerInfo *s = new_server(st, target);
       if (s == nullptr) {
         free(target);
