@@ -118,8 +118,8 @@ TAV_INTERNAL int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *t
                                  ldap_msg_table *table);
 
 // Referral chasing.
-TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout,
-                                    int *error, int hops);
+TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout, int *error,
+                                    int hops);
 TAV_INTERNAL LDAPMessage *chase_v2_referrals(LDAP *ld, LDAPMessage *msg, const char *text, struct timeval *timeout,
                                              int *error, int hops);
 TAV_INTERNAL LDAPMessage *chase_v3_referrals(LDAP *ld, char **urls, LDAPMessage *msg, struct timeval *timeout,
@@ -159,5 +159,26 @@ TAV_INTERNAL BerElement *ldap_alloc_ber_with_options(LDAP *ld, int for_reading);
 // A reading copy of the rest of an element (translation settings included).
 TAV_INTERNAL BerElement *ldap_ber_dup(const BerElement *ber);
 }
+
+// A call that takes a time-out bounds its writes by it as well: while one is
+// in scope on a thread, waitOnSocket waits no longer than what is left of it
+// (or the write time-out, whichever ends first).  Nested scopes keep the
+// earlier deadline.  A zero time-out (a poll) sets none.
+class CallDeadline {
+ public:
+  explicit CallDeadline(const struct timeval *timeout);
+  ~CallDeadline();
+  CallDeadline(const CallDeadline &) = delete;
+  CallDeadline &operator=(const CallDeadline &) = delete;
+  // What is left of `timeout` since this scope began (zero once it has passed);
+  // null stays null.
+  struct timeval *left(const struct timeval *timeout, struct timeval *out) const;
+
+ private:
+  struct timeval at_ = {0, 0};
+  const struct timeval *outer_ = nullptr;
+};
+// True while a call's deadline is in scope on this thread and has passed.
+TAV_INTERNAL bool call_deadline_passed(void);
 
 #endif

@@ -16,13 +16,45 @@ namespace {
 std::atomic<int> write_timeout{-1};
 std::atomic<int> write_timeout_unread{1};
 
-// A failed write leaves the connection unusable for good.
+// The deadline of the call running on this thread, if it took a time-out.
+thread_local const struct timeval *call_deadline = nullptr;
+
+// A failed write leaves the connection unusable for good (a request may be
+// half written).  When the caller's own time-out ran out, the call says so.
 int write_failed(LDAP *ld, LDAPConn *conn) {
   set_conn_closed(conn);
-  ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-  return LDAP_SERVER_DOWN;
+  const int code = call_deadline_passed() ? LDAP_TIMEOUT : LDAP_SERVER_DOWN;
+  ldap_set_errno_direct(ld, code, nullptr, nullptr);
+  return code;
 }
 }  // namespace
+
+CallDeadline::CallDeadline(const struct timeval *timeout) : outer_(call_deadline) {
+  // A zero time-out asks for a poll of the answers, not for a write that
+  // must not wait: it sets no deadline.
+  if (timeout == nullptr || (timeout->tv_sec == 0 && timeout->tv_usec == 0)) return;
+  gettimeofday(&at_, nullptr);
+  timeradd(&at_, timeout, &at_);
+  if (outer_ == nullptr || timercmp(&at_, outer_, <)) call_deadline = &at_;
+}
+
+CallDeadline::~CallDeadline() { call_deadline = outer_; }
+
+struct timeval *CallDeadline::left(const struct timeval *timeout, struct timeval *out) const {
+  if (timeout == nullptr) return nullptr;
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  *out = {0, 0};
+  if (timercmp(&now, &at_, <)) timersub(&at_, &now, out);
+  return out;
+}
+
+bool call_deadline_passed(void) {
+  if (call_deadline == nullptr) return false;
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  return !timercmp(&now, call_deadline, <);
+}
 
 extern "C" {
 
@@ -52,6 +84,15 @@ int waitOnSocket(int fd) {
   } else {
     int seconds = ldap_get_write_timeout();
     struct timeval tv = {seconds, 0};
+    if (call_deadline != nullptr) {
+      struct timeval now, left = {0, 0};
+      gettimeofday(&now, nullptr);
+      if (timercmp(&now, call_deadline, <)) timersub(call_deadline, &now, &left);
+      if (seconds == -1 || timercmp(&left, &tv, <)) {
+        tv = left;
+        seconds = static_cast<int>(left.tv_sec + (left.tv_usec > 0 ? 1 : 0));
+      }
+    }
     if (seconds == -1)
       LDAP_LOG(LDAP_LOG_TRACE, "waitOnSocket: using NULL timeout.\n");
     else

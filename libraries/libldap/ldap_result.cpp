@@ -27,8 +27,7 @@ int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessag
     trace_one(-1);
     return -1;
   }
-  ldap_referral_link *link =
-      msgid >= 0 && (uint32_t)msgid < table->size ? table->rows[msgid].child_link : nullptr;
+  ldap_referral_link *link = msgid >= 0 && (uint32_t)msgid < table->size ? table->rows[msgid].child_link : nullptr;
   ldap_msg_table *ctable = link != nullptr ? link->rl_table : nullptr;
   const int cid = link != nullptr ? link->rl_msgid : 0;
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
@@ -189,6 +188,8 @@ int ldap_result_int(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPM
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
 
   int error = 0;
+  // Requests sent while chasing referrals are written within the time-out too.
+  const CallDeadline deadline(timeout);
   if (all != 0) return ldap_return_all_msgs(ld, msgid, timeout, result, table, &error, chase, hops);
   int rc = ldap_return_one_msg(ld, msgid, timeout, result, table, &error, chase, hops);
   if (*result != nullptr) (*result)->lm_flags |= LDAP_MSG_HANDED_ALONE;

@@ -480,12 +480,12 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
   int rc = ldap_start_operation(ld);
   if (rc != 0) return rc;
   int msgid = -1;
+  struct timeval *wait = timeout;
+  if (wait != nullptr && wait->tv_sec == 0 && wait->tv_usec == 0) wait = nullptr;
+  const CallDeadline deadline(wait);
   rc = ldap_search_ext_int(ld, base, scope, filter, attrs, attrsonly, sctrls, cctrls, timeout, sizelimit, &msgid);
-  if (rc == 0) {
-    struct timeval *wait = timeout;
-    if (wait != nullptr && wait->tv_sec == 0 && wait->tv_usec == 0) wait = nullptr;
-    rc = wait_for_search(ld, msgid, wait, res);
-  }
+  struct timeval left;
+  if (rc == 0) rc = wait_for_search(ld, msgid, deadline.left(wait, &left), res);
   ldap_end_operation(ld);
   return rc;
 }
@@ -505,10 +505,12 @@ int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, ch
   *res = nullptr;
   int rc = ldap_start_operation(ld);
   if (rc != 0) return rc;
+  const CallDeadline deadline(timeout);
   const int msgid = ldap_search_int(ld, base, scope, filter, attrs, attrsonly);
   rc = ldap_get_errno_direct(ld);
   if (rc == 0 && msgid < 0) rc = LDAP_LOCAL_ERROR;
-  if (rc == 0) rc = wait_for_search(ld, msgid, timeout, res);
+  struct timeval left;
+  if (rc == 0) rc = wait_for_search(ld, msgid, deadline.left(timeout, &left), res);
   ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_search_st: returning rc=%d\n", rc);
   return rc;

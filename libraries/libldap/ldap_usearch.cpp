@@ -205,12 +205,14 @@ int ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval 
     rc = LDAP_PARAM_ERROR;
   } else {
     *res = nullptr;
+    const CallDeadline deadline(timeout);
     const int msgid = ldap_url_search_direct(ld, url, attrsonly);
     if (msgid == -1) {
       rc = ldap_get_errno_direct(ld);
     } else {
       // Inside this operation's bracket: the unbracketed wait.
-      const int got = ldap_result_int(ld, msgid, LDAP_MSG_ALL, timeout, res);
+      struct timeval left;
+      const int got = ldap_result_int(ld, msgid, LDAP_MSG_ALL, deadline.left(timeout, &left), res);
       if (got == 0) {
         ldap_set_errno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
         ldap_msg_table_mark_rows(ld, msgid, LDAP_ROW_RELEASE_WHEN_DONE);

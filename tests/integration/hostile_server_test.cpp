@@ -49,7 +49,7 @@ std::string reply(const std::string &op, const std::string &id = kId1, unsigned 
 }
 const std::string kEntry = reply(tlv(0x64, tlv(0x04, "cn=x") + hex("30 00")));
 
-enum class Op { kBind, kSaslBind, kSearch, kAdd, kDelete };
+enum class Op { kBind, kSaslBind, kSearch, kAdd, kDelete, kExtended };
 
 // Calls `op` on a session; the code it returns.
 int call(Op op, LDAP *ld) {
@@ -72,6 +72,12 @@ int call(Op op, LDAP *ld) {
       return ldap_add_s(ld, "cn=x", mods);
     case Op::kDelete:
       return ldap_delete_s(ld, "cn=x");
+    case Op::kExtended: {  // an extended request the library has no call for, sent raw
+      const int id = tavtest::send_raw_op(ld, 0x77, tlv(0x77, tlv(0x80, "1.3.6.1.4.1.4203.1.11.3")));
+      LDAPMessage *res = nullptr;
+      if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) == -1) return ldap_get_errno(ld);
+      return ldap_result2error(ld, res, 1);
+    }
   }
   return -1;
 }
@@ -246,6 +252,30 @@ TEST(HostileServer, ATimeOutBoundsTheWholeCallAgainstATrickle) {
   ldap_unbind(ld);
 }
 
+// A server that stops reading cannot hold a call past its time-out while the
+// request is being written either; the half-written connection is given up.
+TEST(HostileServer, ATimeOutBoundsTheWriteToAServerThatStopsReading) {
+  setenv("LDAP_LIB_WRITE_TIMEOUT", "20", 1);  // without the deadline the write waits this long
+  ldap_reset_write_timeout();
+  FakeServer fake;
+  fake.set_receive_buffer(4096);
+  fake.gate().hold_until_closed();
+  fake.start();
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  const std::string filter = "(cn=" + std::string(32 << 20, 'a') + ")";
+  struct timeval one = {1, 0};
+  LDAPMessage *res = nullptr;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(ldap_search_st(ld, "cn=x", 0, filter.c_str(), nullptr, 0, &one, &res), LDAP_TIMEOUT);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_LT(seconds, 5.0);
+  EXPECT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), LDAP_SERVER_DOWN);
+  fake.open_gate();
+  ldap_unbind(ld);
+  unsetenv("LDAP_LIB_WRITE_TIMEOUT");
+  ldap_reset_write_timeout();
+}
+
 // Threads waiting on a silent server sleep: one blocks in select, the other
 // on the table's condition variable (they polled every 100 us before).
 TEST(HostileServer, WaitingOnASilentServerCostsNoCpu) {
@@ -277,15 +307,19 @@ TEST(HostileServer, WaitingOnASilentServerCostsNoCpu) {
   ldap_unbind(ld);
 }
 
-// A server closing at any byte of any answer: every waiter gets 81, nothing
+// A server closing at any byte of any answer, the notice of disconnection
+// included: every waiter gets 81, nothing
 // leaks (LeakSanitizer), nothing hangs.
 TEST(HostileServer, AServerClosingAtAnyByteGives81) {
   const std::string reference = tavtest::search_reference(1, "ldap://127.0.0.1:1/o=x");
-  const std::pair<Op, std::string> answers[] = {{Op::kBind, reply(result(0x61))},
-                                                {Op::kSaslBind, reply(result(0x61))},
-                                                {Op::kSearch, kEntry + reference + reply(result(0x65))},
-                                                {Op::kAdd, reply(result(0x69))},
-                                                {Op::kDelete, reply(result(0x6b))}};
+  const std::pair<Op, std::string> answers[] = {
+      {Op::kBind, reply(result(0x61))},
+      {Op::kSaslBind, reply(result(0x61))},
+      {Op::kSearch, kEntry + reference + reply(result(0x65))},
+      {Op::kAdd, reply(result(0x69))},
+      {Op::kDelete, reply(result(0x6b))},
+      {Op::kExtended, reply(tlv(0x78, hex("0a 01 00") + kEmptyStrings + tlv(0x8b, "dn:cn=x")))},
+      {Op::kSearch, unsolicited("bye", "1.3.6.1.4.1.1466.20036")}};
   for (const auto &answer : answers)
     for (size_t cut = 0; cut < answer.second.size(); ++cut) {
       const Op op = answer.first;

@@ -1,13 +1,19 @@
 // Secure connections end to end: the toolkit loaded from the build, key
 // databases made with its tool, a private slapd with an ldaps listener, and a
 // scripted server that never answers the handshake.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include "fake_server.h"
 #include "ldap-debug.h"
@@ -106,6 +112,72 @@ std::string string_option(LDAP *ld, int option, int *rc) {
   free(v);
   return s;
 }
+
+// Passes one connection through to a real server but lets only the first
+// `budget` bytes of the server's side through, then closes both ends: the
+// server as seen by the client closes at that byte.
+class CuttingRelay {
+ public:
+  CuttingRelay(int upstream_port, size_t budget) : upstream_port_(upstream_port), budget_(budget) {
+    listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&a), len) != 0 || listen(listen_fd_, 1) != 0 ||
+        getsockname(listen_fd_, reinterpret_cast<sockaddr *>(&a), &len) != 0)
+      return;
+    port_ = ntohs(a.sin_port);
+    thread_ = std::thread([this] { run(); });
+  }
+  ~CuttingRelay() {
+    if (thread_.joinable()) thread_.join();
+    close(listen_fd_);
+  }
+  int port() const { return port_; }
+
+ private:
+  static int connect_to(int port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+      close(fd);
+      return -1;
+    }
+    return fd;
+  }
+  void run() {
+    pollfd wait_accept = {listen_fd_, POLLIN, 0};
+    if (poll(&wait_accept, 1, 20000) != 1) return;
+    const int client = accept(listen_fd_, nullptr, nullptr);
+    const int server = connect_to(upstream_port_);
+    size_t passed = 0;
+    char buf[16384];
+    while (client >= 0 && server >= 0 && passed < budget_) {
+      pollfd fds[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
+      if (poll(fds, 2, 20000) <= 0) break;
+      if (fds[0].revents != 0) {
+        const ssize_t n = read(client, buf, sizeof buf);
+        if (n <= 0 || write(server, buf, n) != n) break;
+      }
+      if (fds[1].revents != 0) {
+        const ssize_t n = read(server, buf, std::min(sizeof buf, budget_ - passed));
+        if (n <= 0 || write(client, buf, n) != n) break;
+        passed += n;
+      }
+    }
+    if (client >= 0) close(client);
+    if (server >= 0) close(server);
+  }
+  int upstream_port_;
+  size_t budget_;
+  int listen_fd_ = -1;
+  int port_ = 0;
+  std::thread thread_;
+};
 
 class SslSlapd : public tavtest::SlapdSuite<SslSlapd> {
  public:
@@ -319,6 +391,25 @@ TEST_F(SslSlapd, EachFailingAllocationEndsInADocumentedCode) {
       break;
     }
   }
+}
+
+// The server closing at every byte of the handshake and of the bind's answer
+// after it: the bind gets 81 each time, at once, and nothing leaks; the first
+// budget that holds the whole exchange binds.
+TEST_F(SslSlapd, AServerClosingAtAnyByteOfTheHandshakeGives81) {
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  size_t cut = 0;
+  for (;; ++cut) {
+    ASSERT_LT(cut, 20000u) << "the bind never succeeded";
+    CuttingRelay relay(slapd->tls_port(), cut);
+    ASSERT_NE(relay.port(), 0);
+    LDAP *ld = ldap_ssl_init("127.0.0.1", relay.port(), nullptr);
+    const int rc = ldap_simple_bind_s(ld, nullptr, nullptr);
+    ldap_unbind(ld);
+    if (rc == 0) break;
+    ASSERT_EQ(rc, LDAP_SERVER_DOWN) << "closed after " << cut << " bytes";
+  }
+  EXPECT_GT(cut, 500u) << "the server's certificate alone is longer";
 }
 
 class SslExpiredServer : public tavtest::SlapdSuite<SslExpiredServer> {
