@@ -259,7 +259,6 @@ int fber_select(Sockbuf *sb, struct timeval *timeout) {
     LDAP_LOG(LDAP_LOG_ERROR, "fber_select: Bad params sb(%p)\n", (void *)sb);
     return -1;
   }
-  FberFdSet readers;
   if (sb->sb_rpos < sb->sb_rlen) return 1;  // read ahead already
   if (sb->sb_ssl != nullptr && fber_ssl_read_hook != nullptr) {
     // The toolkit may hold decrypted data the socket no longer shows.
@@ -268,6 +267,7 @@ int fber_select(Sockbuf *sb, struct timeval *timeout) {
     LDAP_LOG(LDAP_LOG_TRACE, "fber_select: nLengthRead = %d, rc = %d, errno=%d\n", count, rc, errno);
     if (count > 0) return 1;
   }
+  FberFdSet readers;
   if (!readers.add(sb->sb_sd)) {
     errno = EBADF;
     LDAP_LOG(LDAP_LOG_ERROR, "fber_select: returning %d\n", -1);

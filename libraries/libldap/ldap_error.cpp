@@ -143,12 +143,24 @@ char *lookup(const code_message *table, int code) {
   return const_cast<char *>(kUnknownError);
 }
 
-// Caller holds ld_err_mutex.
+// The calling thread's record.  Records are only ever added at the head of
+// the list (published with a release store, under ld_err_mutex) and only their
+// own thread writes them, so a thread may look its record up without the lock.
 ldap_thread_error *find_record(LDAP *ld) {
   pthread_t self = pthread_self();
-  for (ldap_thread_error *e = ld->ld_errors; e != nullptr; e = e->lte_next)
+  for (ldap_thread_error *e = __atomic_load_n(&ld->ld_errors, __ATOMIC_ACQUIRE); e != nullptr; e = e->lte_next)
     if (pthread_equal(e->lte_thread, self)) return e;
   return nullptr;
+}
+
+// A new, cleared record for the calling thread.  Caller holds ld_err_mutex.
+ldap_thread_error *new_record(LDAP *ld) {
+  auto *e = static_cast<ldap_thread_error *>(olx_calloc(1, sizeof(ldap_thread_error)));
+  if (e == nullptr) return nullptr;
+  e->lte_thread = pthread_self();
+  e->lte_next = ld->ld_errors;
+  __atomic_store_n(&ld->ld_errors, e, __ATOMIC_RELEASE);
+  return e;
 }
 
 }  // namespace
@@ -176,6 +188,12 @@ char *ldap_pwdpolicy_err2string(int err) {
 }
 
 int ldap_set_errno_direct(LDAP *ld, int code, const char *matched, const char *msg) {
+  // Most calls clear a record that is already clear: no lock for those.
+  if (code == LDAP_SUCCESS && matched == nullptr && msg == nullptr) {
+    const ldap_thread_error *e = find_record(ld);
+    if (e != nullptr && e->lte_code == LDAP_SUCCESS && e->lte_matched == nullptr && e->lte_message == nullptr)
+      return LDAP_SUCCESS;
+  }
   if (LDAP_MUTEX_LOCK(&ld->ld_err_mutex) != 0) return LDAP_LOCK_ERROR;
   int rc = LDAP_SUCCESS;
   char *m = nullptr;
@@ -183,16 +201,7 @@ int ldap_set_errno_direct(LDAP *ld, int code, const char *matched, const char *m
   if (matched != nullptr && (m = olx_strdup(matched)) == nullptr) rc = LDAP_NO_MEMORY;
   if (rc == LDAP_SUCCESS && msg != nullptr && (s = olx_strdup(msg)) == nullptr) rc = LDAP_NO_MEMORY;
   ldap_thread_error *e = rc == LDAP_SUCCESS ? find_record(ld) : nullptr;
-  if (rc == LDAP_SUCCESS && e == nullptr) {
-    e = static_cast<ldap_thread_error *>(olx_calloc(1, sizeof *e));
-    if (e == nullptr) {
-      rc = LDAP_NO_MEMORY;
-    } else {
-      e->lte_thread = pthread_self();
-      e->lte_next = ld->ld_errors;
-      ld->ld_errors = e;
-    }
-  }
+  if (rc == LDAP_SUCCESS && e == nullptr && (e = new_record(ld)) == nullptr) rc = LDAP_NO_MEMORY;
   if (rc == LDAP_SUCCESS) {
     free(e->lte_matched);
     free(e->lte_message);
@@ -254,13 +263,7 @@ int ldap_set_ext_errno(LDAP *ld, int value) {
   LDAP_LOCK_GUARD(g, &ld->ld_err_mutex);
   if (!g.ok()) return LDAP_LOCK_ERROR;
   ldap_thread_error *e = find_record(ld);
-  if (e == nullptr) {
-    e = static_cast<ldap_thread_error *>(olx_calloc(1, sizeof *e));
-    if (e == nullptr) return LDAP_NO_MEMORY;
-    e->lte_thread = pthread_self();
-    e->lte_next = ld->ld_errors;
-    ld->ld_errors = e;
-  }
+  if (e == nullptr && (e = new_record(ld)) == nullptr) return LDAP_NO_MEMORY;
   e->lte_ext_code = value;
   return LDAP_SUCCESS;
 }

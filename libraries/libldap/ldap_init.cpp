@@ -106,6 +106,14 @@ bool copy_host(const char *begin, size_t len, char *host, size_t host_size) {
   return true;
 }
 
+// One operation fewer, never below zero.
+void count_down(LDAP *ld) {
+  unsigned n = __atomic_load_n(&ld->ld_active_ops, __ATOMIC_SEQ_CST);
+  while (n > 0 &&
+         !__atomic_compare_exchange_n(&ld->ld_active_ops, &n, n - 1, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -289,24 +297,30 @@ LDAP *ldap_open(const char *host, int port) {
   return ld;
 }
 
+// The bracket counts operations without taking ld_mutex: an operation
+// publishes itself in ld_active_ops and then looks at ld_unbind_started,
+// unbind sets ld_unbind_started and then looks at the count (both sequentially
+// consistent), so either the operation sees the unbind and backs out, or the
+// unbind sees the operation and waits for it.  Whoever touches the handle
+// while an unbind may be waiting does so under ld_mutex, so the unbind cannot
+// free it under them.
 int ldap_start_operation(LDAP *ld) {
   if (ld == nullptr || memcmp(ld->ld_eyecatcher, LDAP_EYECATCHER, LDAP_EYECATCHER_LEN) != 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "Invalid ld in ldap_start_operation\n");
     return LDAP_PARAM_ERROR;
   }
+  __atomic_add_fetch(&ld->ld_active_ops, 1, __ATOMIC_SEQ_CST);
+  if (__atomic_load_n(&ld->ld_unbind_started, __ATOMIC_SEQ_CST) != 1) return 0;
   if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
+    count_down(ld);
     ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
     return LDAP_LOCK_ERROR;
   }
-  int rc = 0;
-  if (ld->ld_unbind_started == 1) {
-    LDAP_LOG(LDAP_LOG_ERROR, "ldap_start_operation: unbind started\n");
-    rc = LDAP_PARAM_ERROR;
-  } else {
-    ++ld->ld_active_ops;
-  }
+  count_down(ld);
+  pthread_cond_broadcast(&ld->ld_op_cond);
   LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
-  return rc;
+  LDAP_LOG(LDAP_LOG_ERROR, "ldap_start_operation: unbind started\n");
+  return LDAP_PARAM_ERROR;
 }
 
 void ldap_end_operation(LDAP *ld) {
@@ -314,8 +328,15 @@ void ldap_end_operation(LDAP *ld) {
     LDAP_LOG(LDAP_LOG_ERROR, "Invalid ld in ldap_start_operation\n");
     return;
   }
+  if (__atomic_load_n(&ld->ld_unbind_started, __ATOMIC_SEQ_CST) != 1) {
+    // No unbind yet: count down (never below zero) and leave the handle alone.
+    // An unbind that begins meanwhile reads the count after this and, should
+    // it have gone to sleep just before, looks again after a short wait.
+    count_down(ld);
+    return;
+  }
   if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) return;
-  if (ld->ld_active_ops > 0) --ld->ld_active_ops;
+  count_down(ld);
   pthread_cond_broadcast(&ld->ld_op_cond);
   LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
 }

@@ -1,5 +1,7 @@
 // Ending a session: wait for the operations in progress, then release.
+#include <errno.h>
 #include <pthread.h>
+#include <time.h>
 
 #include <cstring>
 
@@ -18,12 +20,21 @@ int ldap_unbind(LDAP *ld) {
   }
   // New operations are refused from here on, not only after the wait: a
   // steady stream of new operations would otherwise keep unbind waiting.
-  ld->ld_unbind_started = 1;
-  while (ld->ld_active_ops != 0) {
-    int rc = pthread_cond_wait(&ld->ld_op_cond, &ld->ld_mutex);
-    if (rc != 0) {
+  // Operations count themselves without the lock; one that ended just as
+  // this began may not have woken it, so the wait looks again every 10 ms.
+  __atomic_store_n(&ld->ld_unbind_started, 1, __ATOMIC_SEQ_CST);
+  while (__atomic_load_n(&ld->ld_active_ops, __ATOMIC_SEQ_CST) != 0) {
+    struct timespec until;
+    clock_gettime(CLOCK_REALTIME, &until);
+    until.tv_nsec += 10 * 1000 * 1000;
+    if (until.tv_nsec >= 1000000000L) {
+      until.tv_nsec -= 1000000000L;
+      ++until.tv_sec;
+    }
+    int rc = pthread_cond_timedwait(&ld->ld_op_cond, &ld->ld_mutex, &until);
+    if (rc != 0 && rc != ETIMEDOUT) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_unbind: pthread_cond_wait failed. errno %d\n", rc);
-      ld->ld_unbind_started = 0;
+      __atomic_store_n(&ld->ld_unbind_started, 0, __ATOMIC_SEQ_CST);
       LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
       return LDAP_LOCK_ERROR;
     }

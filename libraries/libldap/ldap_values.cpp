@@ -2,6 +2,7 @@
 // the functions that count and free value lists.
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,10 +14,62 @@ namespace {
 inline bool translates(const BerElement *ber) { return ber->ber_noxlate == nullptr || *ber->ber_noxlate == 0; }
 
 // ASCII case folding of the first byte rejects most names without a call.
-inline bool same_name(const char *a, const char *b) {
-  const unsigned char x = static_cast<unsigned char>(*a), y = static_cast<unsigned char>(*b);
-  if (x < 0x80 && y < 0x80 && (x | 0x20) != (y | 0x20)) return false;
-  return strcasecmp(a, b) == 0;
+inline bool same_first(char a, char b) {
+  const unsigned char x = static_cast<unsigned char>(a), y = static_cast<unsigned char>(b);
+  return !(x < 0x80 && y < 0x80 && (x | 0x20) != (y | 0x20));
+}
+inline bool same_name(const char *a, const char *b) { return same_first(*a, *b) && strcasecmp(a, b) == 0; }
+
+// Tag and length of the item at `p` by the decoder's rules (one-byte tags,
+// up to eight length octets); false where the decoder would fail.
+inline bool header(const char *p, const char *end, unsigned *tag, size_t *len, const char **contents) {
+  if (end - p < 2) return false;
+  const auto *u = reinterpret_cast<const unsigned char *>(p);
+  if ((u[0] & 0x1F) == 0x1F) return false;
+  size_t l = u[1], used = 2;
+  if (l & 0x80) {
+    const size_t n = l & 0x7F;
+    if (n > 8 || n > static_cast<size_t>(end - p) - 2) return false;
+    l = 0;
+    for (size_t i = 0; i < n; ++i) l = (l << 8) | u[2 + i];
+    used += n;
+  }
+  *tag = u[0];
+  *len = l;
+  *contents = p + used;
+  return true;
+}
+
+// The untranslated form of the attribute loop below, on the bytes directly:
+// the same steps, the same outcome for every input, the names compared in
+// place.  A name holding a NUL (which the copying loop would cut short)
+// sends the lookup to that loop.  Returns 1 found, 0 not found, -1 undecided.
+int find_attribute_in_place(BerElement *copy, const char *attr) {
+  const size_t attr_len = strlen(attr);
+  const char *p = copy->ber_ptr, *const end = copy->ber_end;
+  unsigned tag;
+  size_t len;
+  const char *contents;
+  for (bool first = true;; first = false) {
+    if (!first) {  // past the rest of the attribute
+      if (!header(p, end, &tag, &len, &contents)) return 0;
+      p = contents + std::min(len, static_cast<size_t>(end - contents));
+    }
+    if (p >= end || !header(p, end, &tag, &len, &contents) || tag != 0x30) return 0;
+    p = contents;
+    if (!header(p, end, &tag, &len, &contents)) return 0;
+    if (len > LDAP_ATTR_NAME_MAX) {  // passed over, as below
+      p = contents + std::min(len, static_cast<size_t>(end - contents));
+      continue;
+    }
+    if (len > static_cast<size_t>(end - contents)) return 0;
+    if (memchr(contents, '\0', len) != nullptr) return -1;
+    p = contents + len;
+    if (len == attr_len && (len == 0 || same_first(*contents, *attr)) && strncasecmp(contents, attr, len) == 0) {
+      copy->ber_ptr = const_cast<char *>(p);
+      return 1;
+    }
+  }
 }
 
 // Positions `copy` at the value set of `attr` (compared without regard to
@@ -29,6 +82,12 @@ bool find_attribute(BerElement *copy, const char *attr) {
   if (fber_skip_tag(copy, nullptr) == LBER_DEFAULT || fber_skip_element(copy) != 0 ||
       fber_skip_tag(copy, nullptr) == LBER_DEFAULT)
     return false;
+  if (!translate) {
+    const BerElement start = *copy;
+    const int found = find_attribute_in_place(copy, attr);
+    if (found >= 0) return found == 1;
+    *copy = start;
+  }
   for (bool first = true;; first = false) {
     ber_len_t len;
     // Past the last attribute the next tag is not a SEQUENCE (the entry's
