@@ -17,14 +17,14 @@ constexpr size_t stack_offset(size_t inline_size) {
 
 inline char *inline_buffer(BerElement *ber) { return reinterpret_cast<char *>(ber + 1); }
 
+// Two slots after the stack hold the element's own copies of the translation
+// settings, so an element with settings is still one allocation.
+inline int32_t *settings_slots(const BerElement *ber) {
+  return reinterpret_cast<int32_t *>(ber->ber_sos + FBER_MAX_SEQ + 1);
+}
+
 // Encoded lengths are at most 4 octets, so no element may grow past this.
 constexpr uint64_t kMaxCapacity = 0xFFFFFFFFu;
-
-int32_t *new_int(int value) {
-  auto *p = static_cast<int32_t *>(olx_malloc(sizeof(int32_t)));
-  if (p != nullptr) *p = value;
-  return p;
-}
 
 bool ascii_alnum(unsigned char c) { return (c >= '0' && c <= '9') || ((c | 0x20) >= 'a' && (c | 0x20) <= 'z'); }
 
@@ -106,7 +106,7 @@ extern "C" {
 BerElement *fber_alloc_t(int size) {
   const size_t inline_size = size < 0 ? 0 : static_cast<size_t>(size);
   const size_t stack_at = stack_offset(inline_size);
-  auto *ber = static_cast<BerElement *>(olx_malloc(stack_at + kStackBytes));
+  auto *ber = static_cast<BerElement *>(olx_malloc(stack_at + kStackBytes + 2 * sizeof(int32_t)));
   if (ber == nullptr) return nullptr;
   memset(ber, 0, sizeof(*ber));
   ber->ber_buf = ber->ber_ptr = inline_buffer(ber);
@@ -123,21 +123,30 @@ BerElement *fber_alloc(void) { return fber_alloc_t(FBER_INLINE_SIZE); }
 BerElement *fber_alloc_with_options(int for_reading, int noxlate, int version) {
   BerElement *ber = for_reading ? fber_alloc_t(0) : fber_alloc();
   if (ber == nullptr) return nullptr;
-  ber->ber_noxlate = new_int(noxlate);
-  if (ber->ber_noxlate != nullptr) ber->ber_version = new_int(version);
-  if (ber->ber_version == nullptr) {
-    fber_free(ber);
-    return nullptr;
-  }
+  ber->ber_noxlate = settings_slots(ber);
+  ber->ber_version = settings_slots(ber) + 1;
+  *ber->ber_noxlate = noxlate;
+  *ber->ber_version = version;
   return ber;
+}
+
+void fber_copy_settings(BerElement *to, const BerElement *from) {
+  if (from->ber_noxlate != nullptr) {
+    to->ber_noxlate = settings_slots(to);
+    *to->ber_noxlate = *from->ber_noxlate;
+  }
+  if (from->ber_version != nullptr) {
+    to->ber_version = settings_slots(to) + 1;
+    *to->ber_version = *from->ber_version;
+  }
 }
 
 void fber_free(BerElement *ber) {
   if (ber == nullptr) return;
   if ((ber->ber_options & 0xFF) & FBER_MARK) {
     if (ber->ber_buf != inline_buffer(ber)) free(ber->ber_buf);
-    free(ber->ber_version);
-    free(ber->ber_noxlate);
+    if (ber->ber_version != settings_slots(ber) + 1) free(ber->ber_version);
+    if (ber->ber_noxlate != settings_slots(ber)) free(ber->ber_noxlate);
   } else {
     free(ber->ber_buf);
   }

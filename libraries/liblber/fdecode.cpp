@@ -86,6 +86,48 @@ T *grow_vector(T *vec, size_t *cap) {
 // Marker for "the vector letter found nothing and leaves the result as it was".
 constexpr ber_tag_t kUnchanged = 0x100;  // never a tag: tags are one byte
 
+// Binary values that need no conversion, read as one allocation: the
+// pointers, then the records, then each value's bytes and a NUL.
+// fber_bvecfree knows such a list by where its first record lies.  Null when
+// an item would not read (the general loop then reads it and fails the same
+// way) or there is no memory (*no_memory set).
+struct berval **read_values_block(BerElement *ber, const char *end, bool *no_memory, ber_tag_t *last_tag) {
+  size_t count = 0, bytes = 0;
+  const char *p = ber->ber_ptr;
+  while (p < end) {
+    BerElement item = *ber;
+    item.ber_ptr = const_cast<char *>(p);
+    ber_len_t len;
+    *last_tag = enter(&item, &len);
+    if (*last_tag == LBER_DEFAULT || len >= kMaxContents) return nullptr;
+    p = item.ber_ptr + len;
+    ++count;
+    bytes += len + 1;
+  }
+  const size_t head = (count + 1) * sizeof(struct berval *) + count * sizeof(struct berval);
+  char *block = static_cast<char *>(olx_malloc(head + bytes));
+  if (block == nullptr) {
+    *no_memory = true;
+    return nullptr;
+  }
+  auto **vec = reinterpret_cast<struct berval **>(block);
+  auto *records = reinterpret_cast<struct berval *>(block + (count + 1) * sizeof(struct berval *));
+  char *text = block + head;
+  for (size_t i = 0; i < count; ++i) {
+    ber_len_t len;
+    enter(ber, &len);
+    if (len != 0) memcpy(text, ber->ber_ptr, len);
+    text[len] = '\0';
+    records[i].bv_val = text;
+    records[i].bv_len = len;
+    vec[i] = &records[i];
+    text += len + 1;
+    ber->ber_ptr += len;
+  }
+  vec[count] = nullptr;
+  return vec;
+}
+
 // SET OF / SEQUENCE OF strings ('v') or bervals ('V').
 template <typename T>
 ber_tag_t read_vector(BerElement *ber, T ***out, bool translate) {
@@ -99,6 +141,15 @@ ber_tag_t read_vector(BerElement *ber, T ***out, bool translate) {
   // and then fails as truncated.
   const bool overrun = set_len > left(ber);
   const char *end = overrun ? ber->ber_end : ber->ber_ptr + set_len;
+  if constexpr (!std::is_same_v<T, char>) {
+    if (!overrun && !converts(ber, translate)) {
+      bool no_memory = false;
+      ber_tag_t last_tag = LBER_DEFAULT;
+      *out = read_values_block(ber, end, &no_memory, &last_tag);
+      if (*out != nullptr) return last_tag;
+      if (no_memory) return LBER_ERROR;
+    }
+  }
   T **vec = nullptr;
   size_t count = 0, cap = 0;
   ber_tag_t rc = LBER_DEFAULT;
@@ -321,6 +372,21 @@ ber_tag_t fber_get_bitstringa(BerElement *ber, char **out, ber_len_t *bits) {
   return tag;
 }
 
+// fber_scanf(ber, "[V]", out) and "[v]" without reading a format: a value
+// lookup runs once per attribute read.  With the BER trace on, fber_scanf
+// itself runs, so the trace shows the same lines.
+ber_tag_t fber_scan_values(BerElement *ber, struct berval ***out) {
+  if (ldap_trace_enabled(LDAP_LOG_BER)) return fber_scanf(ber, "[V]", out);
+  const ber_tag_t t = read_vector(ber, out, ber->ber_noxlate == nullptr || *ber->ber_noxlate == 0);
+  return t == kUnchanged ? 0 : t;
+}
+
+ber_tag_t fber_scan_strings(BerElement *ber, char ***out) {
+  if (ldap_trace_enabled(LDAP_LOG_BER)) return fber_scanf(ber, "[v]", out);
+  const ber_tag_t t = read_vector(ber, out, ber->ber_noxlate == nullptr || *ber->ber_noxlate == 0);
+  return t == kUnchanged ? 0 : t;
+}
+
 ber_tag_t fber_scanf(BerElement *ber, const char *format, ...) {
   const bool translate = ber->ber_noxlate == nullptr || *ber->ber_noxlate == 0;
   if (ldap_trace_enabled(LDAP_LOG_BER)) {
@@ -426,7 +492,12 @@ void fber_bvfree(struct berval *bv) {
 
 void fber_bvecfree(struct berval **bvec) {
   if (bvec == nullptr) return;
-  for (size_t i = 0; bvec[i] != nullptr; ++i) fber_bvfree(bvec[i]);
+  size_t n = 0;
+  while (bvec[n] != nullptr) ++n;
+  // A list read as one block has its first record right after the pointers
+  // (no separate allocation can start there: it is the list's own memory).
+  if (n == 0 || reinterpret_cast<char *>(bvec[0]) != reinterpret_cast<char *>(bvec + n + 1))
+    for (size_t i = 0; i < n; ++i) fber_bvfree(bvec[i]);
   free(bvec);
 }
 

@@ -45,6 +45,9 @@ struct berelement {
 extern "C" {
 // Elements and buffers.
 TAV_INTERNAL BerElement *fber_alloc_t(int size);
+// Gives `to` its own copies of the translation settings `from` has (kept
+// inside `to`'s allocation).
+TAV_INTERNAL void fber_copy_settings(BerElement *to, const BerElement *from);
 TAV_INTERNAL BerElement *fber_alloc(void);
 // The element constructor behind a session's ldap_alloc_ber_with_options:
 // copies of the session's translation settings are passed in rather than the
@@ -80,6 +83,9 @@ TAV_INTERNAL ber_tag_t fber_get_stringb(BerElement *ber, char *buf, ber_len_t *l
 TAV_INTERNAL ber_tag_t fber_get_stringal(BerElement *ber, struct berval **out, int translate);
 TAV_INTERNAL ber_tag_t fber_get_stringa_raw(BerElement *ber, char **out, ber_len_t *len);
 TAV_INTERNAL ber_tag_t fber_get_bitstringa(BerElement *ber, char **out, ber_len_t *bits);
+// The same as fber_scanf(ber, "[V]", out) and fber_scanf(ber, "[v]", out).
+TAV_INTERNAL ber_tag_t fber_scan_values(BerElement *ber, struct berval ***out);
+TAV_INTERNAL ber_tag_t fber_scan_strings(BerElement *ber, char ***out);
 TAV_INTERNAL ber_tag_t fber_scanf(BerElement *ber, const char *format, ...);
 
 // Releases what the 'V' and 'O' letters hand out.

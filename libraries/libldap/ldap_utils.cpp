@@ -62,16 +62,7 @@ extern "C" BerElement *ldap_ber_dup(const BerElement *ber) {
   if (ber == nullptr) return nullptr;
   struct berval rest = {(ber_len_t)(ber->ber_end - ber->ber_ptr), ber->ber_ptr};
   BerElement *copy = fber_init2(&rest);
-  if (copy == nullptr) return nullptr;
-  for (auto [from, to] : {std::pair{ber->ber_noxlate, &copy->ber_noxlate}, {ber->ber_version, &copy->ber_version}}) {
-    if (from == nullptr) continue;
-    *to = static_cast<int32_t *>(olx_malloc(sizeof(int32_t)));
-    if (*to == nullptr) {
-      fber_free(copy);
-      return nullptr;
-    }
-    **to = *from;
-  }
+  if (copy != nullptr) fber_copy_settings(copy, ber);
   return copy;
 }
 

@@ -41,10 +41,10 @@ inline bool header(const char *p, const char *end, unsigned *tag, size_t *len, c
 }
 
 // The untranslated form of the attribute loop below, on the bytes directly:
-// the same steps, the same outcome for every input, the names compared in
-// place.  A name holding a NUL (which the copying loop would cut short)
-// sends the lookup to that loop.  Returns 1 found, 0 not found, -1 undecided.
-int find_attribute_in_place(BerElement *copy, const char *attr) {
+// the same steps and the same outcome for every input, the names compared in
+// place.  The copying loop compares a name only up to its first NUL, so a
+// longer name whose NUL comes right after the looked-up name matches too.
+bool find_attribute_in_place(BerElement *copy, const char *attr) {
   const size_t attr_len = strlen(attr);
   const char *p = copy->ber_ptr, *const end = copy->ber_end;
   unsigned tag;
@@ -52,22 +52,22 @@ int find_attribute_in_place(BerElement *copy, const char *attr) {
   const char *contents;
   for (bool first = true;; first = false) {
     if (!first) {  // past the rest of the attribute
-      if (!header(p, end, &tag, &len, &contents)) return 0;
+      if (!header(p, end, &tag, &len, &contents)) return false;
       p = contents + std::min(len, static_cast<size_t>(end - contents));
     }
-    if (p >= end || !header(p, end, &tag, &len, &contents) || tag != 0x30) return 0;
+    if (p >= end || !header(p, end, &tag, &len, &contents) || tag != 0x30) return false;
     p = contents;
-    if (!header(p, end, &tag, &len, &contents)) return 0;
+    if (!header(p, end, &tag, &len, &contents)) return false;
     if (len > LDAP_ATTR_NAME_MAX) {  // passed over, as below
       p = contents + std::min(len, static_cast<size_t>(end - contents));
       continue;
     }
-    if (len > static_cast<size_t>(end - contents)) return 0;
-    if (memchr(contents, '\0', len) != nullptr) return -1;
+    if (len > static_cast<size_t>(end - contents)) return false;
     p = contents + len;
-    if (len == attr_len && (len == 0 || same_first(*contents, *attr)) && strncasecmp(contents, attr, len) == 0) {
+    if (len < attr_len || (len > attr_len && contents[attr_len] != '\0')) continue;
+    if (attr_len == 0 || (same_first(*contents, *attr) && strncasecmp(contents, attr, attr_len) == 0)) {
       copy->ber_ptr = const_cast<char *>(p);
-      return 1;
+      return true;
     }
   }
 }
@@ -82,12 +82,7 @@ bool find_attribute(BerElement *copy, const char *attr) {
   if (fber_skip_tag(copy, nullptr) == LBER_DEFAULT || fber_skip_element(copy) != 0 ||
       fber_skip_tag(copy, nullptr) == LBER_DEFAULT)
     return false;
-  if (!translate) {
-    const BerElement start = *copy;
-    const int found = find_attribute_in_place(copy, attr);
-    if (found >= 0) return found == 1;
-    *copy = start;
-  }
+  if (!translate) return find_attribute_in_place(copy, attr);
   for (bool first = true;; first = false) {
     ber_len_t len;
     // Past the last attribute the next tag is not a SEQUENCE (the entry's
@@ -107,8 +102,11 @@ bool find_attribute(BerElement *copy, const char *attr) {
   }
 }
 
+ber_tag_t scan(BerElement *ber, struct berval ***out) { return fber_scan_values(ber, out); }
+ber_tag_t scan(BerElement *ber, char ***out) { return fber_scan_strings(ber, out); }
+
 template <typename T>
-T **get_values(const char *name, LDAP *ld, LDAPMessage *entry, const char *attr, const char *format) {
+T **get_values(const char *name, LDAP *ld, LDAPMessage *entry, const char *attr) {
   LDAP_LOG(LDAP_LOG_TRACE, "%s: ld(%p) entry(%p) attr(%s)\n", name, (void *)ld, (void *)entry, attr ? attr : "NULL");
   if (ldap_start_operation(ld) != 0) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
@@ -117,7 +115,7 @@ T **get_values(const char *name, LDAP *ld, LDAPMessage *entry, const char *attr,
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
   } else {
     BerElement copy = *entry->lm_ber;
-    if (!find_attribute(&copy, attr) || fber_scanf(&copy, format, &vals) == LBER_ERROR)
+    if (!find_attribute(&copy, attr) || scan(&copy, &vals) == LBER_ERROR)
       ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
   }
   ldap_end_operation(ld);
@@ -129,11 +127,11 @@ T **get_values(const char *name, LDAP *ld, LDAPMessage *entry, const char *attr,
 extern "C" {
 
 char **ldap_get_values(LDAP *ld, LDAPMessage *entry, const char *attr) {
-  return get_values<char>("ldap_get_values", ld, entry, attr, "[v]");
+  return get_values<char>("ldap_get_values", ld, entry, attr);
 }
 
 struct berval **ldap_get_values_len(LDAP *ld, LDAPMessage *entry, const char *attr) {
-  return get_values<struct berval>("ldap_get_values_len", ld, entry, attr, "[V]");
+  return get_values<struct berval>("ldap_get_values_len", ld, entry, attr);
 }
 
 void ldap_value_free(char **vals) { fber_svecfree(vals); }
