@@ -19,7 +19,6 @@ typedef struct ldapconn LDAPConn;
 struct ldap_referral_link;
 struct ldap_server_request;
 
-
 // The platform's thread identity, compared only with pthread_equal.
 typedef pthread_t ldap_thread_id;
 
@@ -86,19 +85,28 @@ typedef struct ldap_msg_row {
 #define LDAP_MSG_TABLE_GROWTH 256
 #define LDAP_MSG_TABLE_MAX 65536
 
+// A thread asleep until the connection's reader has stored something for
+// its row (it lives on that thread's stack while it waits).
+struct ldap_table_waiter {
+  pthread_cond_t cond;
+  int id;
+  bool woken;
+  struct ldap_table_waiter *next;
+};
+
 typedef struct ldap_msg_table {
   ldap_msg_row *rows;
   LDAPConn *conn;
   pthread_mutex_t table_mutex;
   pthread_cond_t table_cond;
-  // Broadcast (under the table lock) whenever the connection's reader stored
-  // what it read or stopped reading: waiters that are not the reader sleep on
-  // it instead of polling.
-  pthread_cond_t read_cond;
-  int32_t free_count;       // table_mutex
-  uint32_t size;            // table_mutex
-  LDAPMessage *queue_head;  // queue_mutex
-  LDAPMessage *queue_tail;  // queue_mutex
+  // Threads waiting for a row while another reads the connection, each on
+  // its own condition variable: the reader wakes the owners of the rows it
+  // filled and, when it leaves, one more to take over reading.
+  struct ldap_table_waiter *waiters;  // table_mutex
+  int32_t free_count;                 // table_mutex
+  uint32_t size;                      // table_mutex
+  LDAPMessage *queue_head;            // queue_mutex
+  LDAPMessage *queue_tail;            // queue_mutex
   pthread_mutex_t queue_mutex;
   int32_t last_msgid;     // table_mutex
   uint32_t last_any_row;  // table_mutex
@@ -316,28 +324,27 @@ TAV_INTERNAL int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mech, cons
 TAV_INTERNAL int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
                                   LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp);
 TAV_INTERNAL int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
-                                    LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp,
-                                    int async, int *msgidp);
+                                    LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp, int async,
+                                    int *msgidp);
 TAV_INTERNAL int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
                                        LDAPControl **sctrls, int *msgidp, LDAPConn *conn);
-TAV_INTERNAL int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mech,
-                                                const struct berval *cred, LDAPControl **sctrls,
-                                                LDAPControl **cctrls, int *msgidp, LDAPConn *conn);
+TAV_INTERNAL int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                                                LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp,
+                                                LDAPConn *conn);
 TAV_INTERNAL int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
                                          LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp);
 TAV_INTERNAL int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
                                             LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp,
                                             int xlate, int async, int *msgidp);
-TAV_INTERNAL int ldap_save_bind_info(LDAP *ld, int method, const char *mech, LDAPControl **sctrls,
-                                     LDAPControl **cctrls, const struct berval *cred);
+TAV_INTERNAL int ldap_save_bind_info(LDAP *ld, int method, const char *mech, LDAPControl **sctrls, LDAPControl **cctrls,
+                                     const struct berval *cred);
 
 // Result parsing.
 // 0 parsed; LDAP_DECODING_ERROR; 1 when the chain holds no result; 89 bad handle.
 TAV_INTERNAL int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
                                    char ***referralsp, LDAPControl ***serverctrlsp, int freeit);
-TAV_INTERNAL int ldap_parse_result_direct(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp,
-                                          char **errmsgp, char ***referralsp, LDAPControl ***serverctrlsp,
-                                          int freeit);
+TAV_INTERNAL int ldap_parse_result_direct(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
+                                          char ***referralsp, LDAPControl ***serverctrlsp, int freeit);
 TAV_INTERNAL int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit);
 // The result code of the chain's last message, also stored (with matched DN
 // and message) as the thread's error; used by the synchronous operations.
@@ -348,13 +355,11 @@ TAV_INTERNAL int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, 
 TAV_INTERNAL int ldap_parse_extended_result(LDAP *ld, LDAPMessage *res, char **resultoidp, struct berval **resultdatap,
                                             int freeit);
 TAV_INTERNAL int ldap_parse_extended_result_ext(LDAP *ld, LDAPMessage *res, char **resultoidp,
-                                                struct berval **resultdatap, int freeit,
-                                                LDAPControl ***serverctrlsp);
+                                                struct berval **resultdatap, int freeit, LDAPControl ***serverctrlsp);
 TAV_INTERNAL int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resultoidp,
                                                    struct berval **resultdatap, int freeit,
                                                    LDAPControl ***serverctrlsp);
-TAV_INTERNAL int ldap_parse_pwdpolicy_response(LDAPControl **ctrls, int *controlerr, int *controlwarn,
-                                               int *controlres);
+TAV_INTERNAL int ldap_parse_pwdpolicy_response(LDAPControl **ctrls, int *controlerr, int *controlwarn, int *controlres);
 }
 
 #endif

@@ -42,7 +42,6 @@ ldap_msg_table *ldap_msg_table_init(int rows) {
     return nullptr;
   }
   rc = pthread_cond_init(&table->table_cond, nullptr);
-  if (rc == 0 && (rc = pthread_cond_init(&table->read_cond, nullptr)) != 0) pthread_cond_destroy(&table->table_cond);
   if (rc != 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_init: pthread_cond_init failed, errno %d\n", rc);
     pthread_mutex_destroy(&table->queue_mutex);
@@ -72,7 +71,6 @@ void ldap_msg_table_free(ldap_msg_table *table) {
   rc = pthread_mutex_destroy(&table->queue_mutex);
   if (rc != 0)
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_free: pthread_mutex_destroy failed for queue lock, errno %d\n", rc);
-  pthread_cond_destroy(&table->read_cond);
   rc = pthread_cond_destroy(&table->table_cond);
   if (rc != 0) LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_free: pthread_cond_destroy failed, errno %d\n", rc);
   free(table);
@@ -316,6 +314,62 @@ int verify_msgid_n_acquire_row(LDAP *ld, ldap_msg_table *table, int *msgid, int 
   return rc;
 }
 
+}  // extern "C"
+
+namespace {
+
+enum WakeWhom { kWakeFilled, kWakeOne, kWakeAll };
+
+// Table lock held.  kWakeFilled: the waiters whose rows have something to
+// deliver; kWakeOne: one waiter whose row has nothing (to take over reading);
+// kWakeAll: everyone.  A woken waiter leaves the list.
+void wake_waiters(ldap_msg_table *table, WakeWhom whom) {
+  for (ldap_table_waiter **at = &table->waiters; *at != nullptr;) {
+    ldap_table_waiter *w = *at;
+    const bool filled = table->rows[w->id].next_unread != nullptr;
+    if (whom == kWakeAll || (whom == kWakeFilled) == filled) {
+      *at = w->next;
+      w->woken = true;
+      pthread_cond_signal(&w->cond);
+      if (whom == kWakeOne) return;
+    } else {
+      at = &w->next;
+    }
+  }
+}
+
+// Sleeps (table lock held, released while asleep) until the reader wakes this
+// waiter or `left` has passed; leaves the list either way.
+void wait_for_reader(ldap_msg_table *table, ldap_table_waiter *self, const struct timeval *left) {
+  if (pthread_cond_init(&self->cond, nullptr) != 0) return;  // then the caller simply looks again
+  self->woken = false;
+  self->next = table->waiters;
+  table->waiters = self;
+  struct timespec until = {0, 0};
+  if (left != nullptr) {
+    struct timeval now, end;
+    gettimeofday(&now, nullptr);
+    timeradd(&now, left, &end);
+    until = {end.tv_sec, end.tv_usec * 1000};
+  }
+  while (!self->woken) {
+    const int rc = left != nullptr ? pthread_cond_timedwait(&self->cond, &table->table_mutex, &until)
+                                   : pthread_cond_wait(&self->cond, &table->table_mutex);
+    if (rc != 0) break;
+  }
+  if (!self->woken)
+    for (ldap_table_waiter **at = &table->waiters; *at != nullptr; at = &(*at)->next)
+      if (*at == self) {
+        *at = self->next;
+        break;
+      }
+  pthread_cond_destroy(&self->cond);
+}
+
+}  // namespace
+
+extern "C" {
+
 int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, struct timeval *timeout,
                                LDAPMessage **result) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_message entered: %p %lu %p\n", (void *)table,
@@ -394,7 +448,7 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
       if (timercmp(&spent, timeout, <)) timersub(timeout, &spent, &left);
     }
     // One thread reads the connection at a time; the others sleep until it
-    // has stored what it read (or stopped reading), then look at their rows.
+    // has stored something for them (or leaves), then look at their rows.
     LDAPConn *conn = table->conn;
     if (pthread_mutex_trylock(&conn->lc_read_mutex) == 0) {
       LDAP_MUTEX_UNLOCK(&table->table_mutex);
@@ -404,22 +458,20 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
         ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
         return -1;
       }
-      pthread_cond_broadcast(&table->read_cond);
       if (soc_err != 0) {
+        wake_waiters(table, kWakeAll);
         LDAP_MUTEX_UNLOCK(&table->table_mutex);
         LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_get_message: soc_err=%d\n", soc_err);
         record_conn_down(ld, conn);
         ldap_msg_table_detach_released(table);
         return -1;
       }
-    } else if (timeout == nullptr) {
-      pthread_cond_wait(&table->read_cond, &table->table_mutex);
+      flush_queue(table);
+      wake_waiters(table, kWakeFilled);
     } else {
-      struct timeval now, until;
-      gettimeofday(&now, nullptr);
-      timeradd(&now, &left, &until);
-      const struct timespec abs = {until.tv_sec, until.tv_usec * 1000};
-      pthread_cond_timedwait(&table->read_cond, &table->table_mutex, &abs);
+      ldap_table_waiter self;
+      self.id = id;
+      wait_for_reader(table, &self, timeout != nullptr ? &left : nullptr);
     }
     flush_queue(table);
     if (deliver()) break;
@@ -428,6 +480,9 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
       break;
     }
   }
+  // Whoever leaves may have been the reader: one waiter looks at the
+  // connection next (it goes back to sleep if another thread reads it).
+  wake_waiters(table, kWakeOne);
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
   ldap_msg_table_detach_released(table);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_message: returning rc=%d\n", rc);
