@@ -29,10 +29,6 @@ struct ldapmsg {
 // LDAP_DECODING_ERROR.  Its lm_ber is not to be read.
 #define LDAP_MSG_UNDECODABLE 0x4
 
-#define LDAP_RES_ANY (-1)
-#define LDAP_MSG_ONE 0
-#define LDAP_MSG_ALL 1
-
 // Bytes the readers report when a socket has nothing more for now.
 #define LDAP_WOULD_BLOCK 11
 
@@ -118,8 +114,8 @@ TAV_INTERNAL int ldap_get_result(LDAP *ld, int msgid, int all, struct timeval *t
                                  ldap_msg_table *table);
 
 // Referral chasing.
-TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout,
-                                    int *error, int hops);
+TAV_INTERNAL int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct timeval *timeout, int *error,
+                                    int hops);
 TAV_INTERNAL LDAPMessage *chase_v2_referrals(LDAP *ld, LDAPMessage *msg, const char *text, struct timeval *timeout,
                                              int *error, int hops);
 TAV_INTERNAL LDAPMessage *chase_v3_referrals(LDAP *ld, char **urls, LDAPMessage *msg, struct timeval *timeout,

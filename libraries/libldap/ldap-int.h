@@ -14,17 +14,14 @@
 #include "sockbuf.h"
 #include "tav-visibility.h"
 #include "tavldap.h"
+#include "tavldap_full.h"
 
 typedef struct ldapconn LDAPConn;
 struct ldap_referral_link;
 struct ldap_server_request;
 
-
 // The platform's thread identity, compared only with pthread_equal.
 typedef pthread_t ldap_thread_id;
-
-// Caller-supplied re-bind procedure used when referrals are chased.
-typedef int(LDAP_REBINDPROC_CALLBACK)(LDAP *ld, char **dnp, char **passwdp, int *authmethodp, int freeit);
 
 // Bits of ld_options.
 #define LDAP_BITOPT_REFERRALS 0x2
@@ -182,22 +179,6 @@ struct ldap {
   int ld_defport;
 };
 
-// What a server location asks for; every field may be zero.
-struct ldap_server_request {
-  int search_source;
-  char *conf_filename;
-  void *reserved;
-  char *service_key;
-  char *enetwork_domain;
-  char **name_servers;
-  char **dns_domains;
-  int connection_type;
-  int connection_timeout;
-  char *dn_filter;
-  char *protocol;
-  void *reserved2;
-};
-
 #define LDAP_EYECATCHER "LDAP HDL"
 #define LDAP_EYECATCHER_LEN 8
 
@@ -316,28 +297,27 @@ TAV_INTERNAL int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mech, cons
 TAV_INTERNAL int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
                                   LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp);
 TAV_INTERNAL int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
-                                    LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp,
-                                    int async, int *msgidp);
+                                    LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp, int async,
+                                    int *msgidp);
 TAV_INTERNAL int ldap_sasl_bind_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
                                        LDAPControl **sctrls, int *msgidp, LDAPConn *conn);
-TAV_INTERNAL int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mech,
-                                                const struct berval *cred, LDAPControl **sctrls,
-                                                LDAPControl **cctrls, int *msgidp, LDAPConn *conn);
+TAV_INTERNAL int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
+                                                LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp,
+                                                LDAPConn *conn);
 TAV_INTERNAL int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
                                          LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp);
 TAV_INTERNAL int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
                                             LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp,
                                             int xlate, int async, int *msgidp);
-TAV_INTERNAL int ldap_save_bind_info(LDAP *ld, int method, const char *mech, LDAPControl **sctrls,
-                                     LDAPControl **cctrls, const struct berval *cred);
+TAV_INTERNAL int ldap_save_bind_info(LDAP *ld, int method, const char *mech, LDAPControl **sctrls, LDAPControl **cctrls,
+                                     const struct berval *cred);
 
 // Result parsing.
 // 0 parsed; LDAP_DECODING_ERROR; 1 when the chain holds no result; 89 bad handle.
 TAV_INTERNAL int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
                                    char ***referralsp, LDAPControl ***serverctrlsp, int freeit);
-TAV_INTERNAL int ldap_parse_result_direct(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp,
-                                          char **errmsgp, char ***referralsp, LDAPControl ***serverctrlsp,
-                                          int freeit);
+TAV_INTERNAL int ldap_parse_result_direct(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
+                                          char ***referralsp, LDAPControl ***serverctrlsp, int freeit);
 TAV_INTERNAL int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit);
 // The result code of the chain's last message, also stored (with matched DN
 // and message) as the thread's error; used by the synchronous operations.
@@ -348,13 +328,11 @@ TAV_INTERNAL int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, 
 TAV_INTERNAL int ldap_parse_extended_result(LDAP *ld, LDAPMessage *res, char **resultoidp, struct berval **resultdatap,
                                             int freeit);
 TAV_INTERNAL int ldap_parse_extended_result_ext(LDAP *ld, LDAPMessage *res, char **resultoidp,
-                                                struct berval **resultdatap, int freeit,
-                                                LDAPControl ***serverctrlsp);
+                                                struct berval **resultdatap, int freeit, LDAPControl ***serverctrlsp);
 TAV_INTERNAL int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resultoidp,
                                                    struct berval **resultdatap, int freeit,
                                                    LDAPControl ***serverctrlsp);
-TAV_INTERNAL int ldap_parse_pwdpolicy_response(LDAPControl **ctrls, int *controlerr, int *controlwarn,
-                                               int *controlres);
+TAV_INTERNAL int ldap_parse_pwdpolicy_response(LDAPControl **ctrls, int *controlerr, int *controlwarn, int *controlres);
 }
 
 #endif
