@@ -76,5 +76,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 # Run-time dependencies from the binaries (dpkg-shlibdeps): OpenSSL, Cyrus SASL.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libsasl2-modules")
+# krvldap.conf is the administrator's to edit: an upgrade keeps the changes.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_SOURCE_DIR}/cmake/debian/conffiles)
 set(CPACK_STRIP_FILES OFF)
 include(CPack)

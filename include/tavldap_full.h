@@ -187,9 +187,9 @@ LDAP *ldap_init(const char *host, int port);
 /* As ldap_init, but connected at once, and protocol version 2 unless
  * LDAP_VERSION is "3".  Null when the connection cannot be made. */
 LDAP *ldap_open(const char *host, int port);
-/* Waits for the session's running operations, sends an unbind, closes its
- * connections and releases it with every chain still tied to it: 0, 89, or
- * LDAP_LOCK_ERROR (129).  The _s and _ext forms are the same call. */
+/* Waits for the session's running operations, closes its connections and
+ * releases it with every chain still tied to it: 0, 89, or LDAP_LOCK_ERROR
+ * (129).  The _s and _ext forms are the same call. */
 int ldap_unbind(LDAP *ld);
 int ldap_unbind_s(LDAP *ld);
 int ldap_unbind_ext(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls);
@@ -211,7 +211,7 @@ int ldap_get_option(LDAP *ld, int option, void *out);
 char *ldap_err2string(int err);
 /* The calling thread's last result code on ld; -1 for a refused handle. */
 int ldap_get_errno(LDAP *ld);
-/* The calling thread's extended code (the SSL toolkit's, a plug-in's); 0 without. */
+/* The extended code some failures carry (SSL, plug-ins); 0 without. */
 int ldap_get_ext_errno(LDAP *ld);
 /* The thread's last code, with copies of the server's matched DN and message
  * (ldap_memfree; null when there were none). */
@@ -264,7 +264,8 @@ int ldap_free_plugin_list(ldap_plugin_info ***list);
 /* ========================================================================
  * Search.  scope is LDAP_SCOPE_BASE, _ONELEVEL or _SUBTREE; attrs a
  * null-terminated list (null: all user attributes); filter an RFC 4515
- * string in the local code page (null: "(objectClass=*)"). */
+ * string (required; a null filter is 89, a malformed one 87
+ * LDAP_FILTER_ERROR). */
 
 /* Asynchronous: the message ID, or -1. */
 int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly);
@@ -275,8 +276,9 @@ int ldap_search_s(LDAP *ld, const char *base, int scope, const char *filter, cha
 /* As ldap_search_s, waiting at most *timeout (85 LDAP_TIMEOUT, *res null). */
 int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
                    struct timeval *timeout, LDAPMessage **res);
-/* With controls, a time limit sent to the server (*timeout, null: the
- * session's) and a size limit (0: the session's).  0 and *msgidp, or a code. */
+/* With controls, a time limit for the server (*timeout, null: the session's
+ * LDAP_OPT_TIMELIMIT) and a size limit (0: none).  0 and *msgidp, or a code;
+ * the _s form waits for the whole answer and returns its result code. */
 int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
                     LDAPControl **sctrls, LDAPControl **cctrls, struct timeval *timeout, int sizelimit, int *msgidp);
 int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
@@ -467,7 +469,7 @@ void ldap_free_effective_pwdpolicy(LDAPPolicyItem **items, char **trailing);
  * ldap_dn_free, which also clears *dnp. */
 LDAPDN *ldap_dn_parse(const char *dn, int mode, int *rc);
 void ldap_dn_free(LDAPDN **dnp);
-/* The values of a DN as a user-friendly name ("Babs Jensen, Example, com"). */
+/* A DN as a user-friendly name: its values without the attribute types. */
 char *ldap_dn2ufn(const char *dn);
 /* The RDNs of a DN, or the AVAs of an RDN, as a null-terminated list
  * (ldap_value_free); notypes drops the "type=" parts.  Null on error. */

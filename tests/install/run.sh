@@ -106,6 +106,7 @@ for f in ./usr/bin/tavldap ./usr/bin/tavkeydb ./usr/lib/libtav8ldap_64.so ./usr/
   ./opt/KRV/ldap/V6.2/codeset/ISO88591 ./opt/KRV/ldap/V6.2/etc/krvldap.conf ./usr/share/man/man1/tavldap.1; do
   grep -qx -- "$f" <<<"$contents" || fail "not in the package: $f"
 done
+dpkg-deb -I "$deb" conffiles | grep -qx /opt/KRV/ldap/V6.2/etc/krvldap.conf || fail "krvldap.conf is not a conffile"
 unshare --mount --net --propagation private -- bash "$here/package.sh" "$deb" "$work" "$with_slapd" ||
   fail "the installed package"
 
