@@ -13,7 +13,7 @@
 #ifndef TAVLDAP_PLUGIN_H
 #define TAVLDAP_PLUGIN_H
 
-#include "tavldap.h"
+#include "tavldap_types.h"
 
 #ifdef __cplusplus
 extern "C" {

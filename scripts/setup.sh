@@ -11,6 +11,7 @@ packages=(
   libsasl2-dev libsasl2-modules libsasl2-modules-gssapi-mit krb5-kdc krb5-admin-server
   dnsmasq-base iproute2 util-linux
   python3
+  pkgconf dpkg-dev man-db
 )
 
 missing=()

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds and runs every test:
-#   build/       g++, all tests (unit, integration, fuzz corpus replay)
+#   build/       g++, all tests (unit, integration, fuzz corpus replay, install)
 #   build-asan/  clang++ with AddressSanitizer+UndefinedBehaviorSanitizer:
 #                all tests, plus each libFuzzer target fuzzing for a few seconds
 #   build-tsan/  clang++ with ThreadSanitizer: the unit tests and the concurrency tests
@@ -31,6 +31,8 @@ fuzz_targets=$(find tests/fuzz -maxdepth 1 -name '*_fuzz.cpp' | wc -l)
 UNIT_MIN=160
 INTEGRATION_MIN=79
 CONCURRENCY_MIN=9
+# The install test (tests/install/run.sh): plain build only.
+INSTALL_MIN=1
 
 passed=0
 failed=0
@@ -100,7 +102,7 @@ build() {  # build NAME DIR [cmake args...]
 
 if build "plain (g++)" build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc; then
   run_ctest "plain: all tests" build \
-    "unit=$UNIT_MIN integration=$INTEGRATION_MIN integration-concurrency=$CONCURRENCY_MIN"
+    "unit=$UNIT_MIN integration=$INTEGRATION_MIN integration-concurrency=$CONCURRENCY_MIN install=$INSTALL_MIN"
 fi
 if build "ASan+UBSan (clang++)" build-asan -DCMAKE_BUILD_TYPE=Debug -DTAV_SANITIZE=address -DTAV_FUZZ=ON \
   -DTAV_BENCH=OFF -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang; then

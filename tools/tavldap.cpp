@@ -497,8 +497,9 @@ int cmd_update(Library &lib, Options &o, tavldif::Change default_change) {
   return status;
 }
 
-void usage() {
-  fprintf(stderr,
+// Usage goes to standard error after a mistake, to standard output when asked for.
+void usage(FILE *to = stderr) {
+  fprintf(to,
           "usage: tavldap [-d LEVEL] COMMAND [OPTIONS] [ARGS]\n"
           "commands:\n"
           "  info     print where the library was loaded from and its identification\n"
@@ -613,15 +614,22 @@ int parse_options(int argc, char **argv, Options &o) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  if (argc == 2 && strcmp(argv[1], "--help") == 0) {
+    usage(stdout);
+    return 0;
+  }
   int opt;
   while ((opt = getopt(argc, argv, "+d:h")) != -1) {
     switch (opt) {
       case 'd':
         setenv("LDAP_DEBUG", optarg, 1);
         break;
+      case 'h':
+        usage(stdout);
+        return 0;
       default:
         usage();
-        return opt == 'h' ? 0 : kUsage;
+        return kUsage;
     }
   }
   if (optind >= argc) {

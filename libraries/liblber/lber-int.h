@@ -8,6 +8,7 @@
 
 #include "tav-visibility.h"
 #include "tavldap.h"
+#include "tavldap_full.h"
 
 typedef uint64_t ber_tag_t;
 typedef uint64_t ber_len_t;

@@ -5,38 +5,6 @@
 
 #include "ldap-int.h"
 
-#define LDAP_CONTROL_PROXYAUTH "2.16.840.1.113730.3.4.18"
-#define LDAP_CONTROL_PAGEDRESULTS "1.2.840.113556.1.4.319"
-#define LDAP_CONTROL_SORTREQUEST "1.2.840.113556.1.4.473"
-#define LDAP_CONTROL_SORTRESPONSE "1.2.840.113556.1.4.474"
-#define LDAP_CONTROL_ENTRYCHANGE "2.16.840.1.113730.3.4.7"
-#define LDAP_CONTROL_PERSISTENTSEARCH "2.16.840.1.113730.3.4.3"
-#define LDAP_CONTROL_CHAINING_AUDIT "1.3.18.0.2.10.22"
-#define LDAP_CONTROL_GROUP "1.3.18.0.2.10.21"
-#define LDAP_CONTROL_OID25 "1.3.18.0.2.10.25"
-#define LDAP_CONTROL_OID26 "1.3.18.0.2.10.26"
-#define LDAP_CONTROL_OID33 "1.3.18.0.2.10.33"
-#define LDAP_CONTROL_TRANSACTION "1.3.18.0.2.10.5"
-#define LDAP_CONTROL_LIMIT_NUM_VALUES "1.3.18.0.2.10.30"
-#define LDAP_CONTROL_ASSERTION "1.3.6.1.1.12"
-#define LDAP_CONTROL_VLVREQUEST "2.16.840.1.113730.3.4.9"
-#define LDAP_CONTROL_VLVRESPONSE "2.16.840.1.113730.3.4.10"
-#define LDAP_CONTROL_PWDPOLICY "1.3.6.1.4.1.42.2.27.8.5.1"
-#define LDAP_EXOP_EFFECTIVE_PWDPOLICY_RESPONSE "1.3.18.0.2.12.77"
-
-// One attribute of a limit-number-of-values response: name and two counts.
-typedef struct ldap_limit_num_values {
-  char *lnv_attribute;
-  int lnv_returned;
-  int lnv_total;
-} LDAPLimitNumValues;
-
-// One named item of an effective-password-policy response with its values.
-typedef struct ldap_policy_item {
-  char *lpi_name;
-  char **lpi_values;
-} LDAPPolicyItem;
-
 extern "C" {
 TAV_INTERNAL int ldap_create_proxyauth_control(LDAP *ld, const char *dn, int critical, LDAPControl **out);
 TAV_INTERNAL int ldap_proxy_dn_prefix(char **out, const char *dn);
@@ -48,8 +16,8 @@ TAV_INTERNAL int ldap_create_sort_control(LDAP *ld, LDAPsortkey **keys, char cri
 TAV_INTERNAL int ldap_parse_sort_control(LDAP *ld, LDAPControl **ctrls, unsigned long *result, char **attribute);
 TAV_INTERNAL int ldap_parse_entrychange_control(LDAP *ld, LDAPControl **ctrls, int *changetype, char **prevdn,
                                                 int *chgnumpresent, long *chgnum);
-TAV_INTERNAL int ldap_create_persistentsearch_control(LDAP *ld, int changetypes, int changesonly,
-                                                      int return_echg_ctls, char critical, LDAPControl **out);
+TAV_INTERNAL int ldap_create_persistentsearch_control(LDAP *ld, int changetypes, int changesonly, int return_echg_ctls,
+                                                      char critical, LDAPControl **out);
 TAV_INTERNAL int ldap_create_account_status_request(const char *dn, struct berval **out);
 TAV_INTERNAL int ldap_create_chaining_audit_control(char **list, const char *value, int critical, LDAPControl **out);
 TAV_INTERNAL int ldap_create_group_control_from_list(char **groups, int normalized, LDAPControl **out);

@@ -1,39 +1,10 @@
-// Distinguished names: the parsed record (RDNs made of AVAs), the parser and
-// the string forms made from it.
+// Distinguished names: the parser of the DN record (tavldap_full.h) and the
+// string forms made from it.
 #ifndef TAV_LDAP_DN_H
 #define TAV_LDAP_DN_H
 
 #include "tav-visibility.h"
-
-// Parse modes: AVAs of an RDN sorted by type, then value (both without regard
-// to case), or kept in string order (what the public functions ask for).
-#define LDAP_DN_MODE_SORTED 99
-#define LDAP_DN_MODE_ORDERED 98
-
-typedef struct ldap_ava {
-  char *ava_type;   // owned
-  char *ava_value;  // owned, decoded
-} LDAPAVA;
-
-typedef struct ldap_ava_list {
-  LDAPAVA al_ava;
-  struct ldap_ava_list *al_next;
-} LDAPAVAList;
-
-typedef struct ldap_rdn {
-  LDAPAVAList *rdn_avas;
-  long rdn_ava_count;
-  struct ldap_rdn *rdn_next;
-} LDAPRDN;
-
-typedef struct ldap_dn {
-  LDAPRDN *dn_rdns;  // leftmost first
-  long dn_rdn_count;
-  void *dn_spare;         // reserved; nothing fills it
-  char *dn_spare_string;  // reserved; freed with the record when set
-  char *dn_string;        // owned: the normalised form
-  char *dn_string_upper;  // owned: the same, upper-cased
-} LDAPDN;
+#include "tavldap_full.h"
 
 extern "C" {
 // The record, also on a parse error (then with empty string forms and the

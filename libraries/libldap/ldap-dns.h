@@ -10,23 +10,6 @@
 
 #include "ldap-int.h"
 
-// One located server; a doubly linked list owned by the caller.
-typedef struct ldap_server_info {
-  char *host;
-  unsigned short port;
-  char *suffix;
-  char *service;
-  char *domain;
-  int replica;
-  int sec_flag;
-  unsigned short priority;
-  unsigned short weight;
-  char *vendor;
-  char *info;
-  struct ldap_server_info *prev;
-  struct ldap_server_info *next;
-} LDAPServerInfo;
-
 #define LDAP_DNS_TRANSPORT_UDP 1
 #define LDAP_DNS_TRANSPORT_TCP 2
 #define LDAP_DNS_TYPE_CNAME 5

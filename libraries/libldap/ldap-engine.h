@@ -29,10 +29,6 @@ struct ldapmsg {
 // LDAP_DECODING_ERROR.  Its lm_ber is not to be read.
 #define LDAP_MSG_UNDECODABLE 0x4
 
-#define LDAP_RES_ANY (-1)
-#define LDAP_MSG_ONE 0
-#define LDAP_MSG_ALL 1
-
 // Bytes the readers report when a socket has nothing more for now.
 #define LDAP_WOULD_BLOCK 11
 

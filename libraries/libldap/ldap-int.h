@@ -14,6 +14,7 @@
 #include "sockbuf.h"
 #include "tav-visibility.h"
 #include "tavldap.h"
+#include "tavldap_full.h"
 
 typedef struct ldapconn LDAPConn;
 struct ldap_referral_link;
@@ -21,9 +22,6 @@ struct ldap_server_request;
 
 // The platform's thread identity, compared only with pthread_equal.
 typedef pthread_t ldap_thread_id;
-
-// Caller-supplied re-bind procedure used when referrals are chased.
-typedef int(LDAP_REBINDPROC_CALLBACK)(LDAP *ld, char **dnp, char **passwdp, int *authmethodp, int freeit);
 
 // Bits of ld_options.
 #define LDAP_BITOPT_REFERRALS 0x2
@@ -188,22 +186,6 @@ struct ldap {
   int ld_plugin_status;
   char *ld_defhost;
   int ld_defport;
-};
-
-// What a server location asks for; every field may be zero.
-struct ldap_server_request {
-  int search_source;
-  char *conf_filename;
-  void *reserved;
-  char *service_key;
-  char *enetwork_domain;
-  char **name_servers;
-  char **dns_domains;
-  int connection_type;
-  int connection_timeout;
-  char *dn_filter;
-  char *protocol;
-  void *reserved2;
 };
 
 #define LDAP_EYECATCHER "LDAP HDL"

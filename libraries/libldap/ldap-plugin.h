@@ -39,16 +39,6 @@ typedef struct ldap_conf_list {
   ldap_conf_entry *head;
 } ldap_conf_list;
 
-// A plug-in as ldap_register_plugin takes it, and as words 2 to 6 of a
-// configuration line give it.
-typedef struct ldap_plugin_info {
-  char *type;
-  char *name;
-  char *path;
-  char *init_function;  // null: "ldap_plugin_init"
-  char *args;
-} ldap_plugin_info;
-
 typedef struct ldap_plugin_entry {
   struct ldap_plugin_entry *next;
   struct ldap_plugin_entry *prev;

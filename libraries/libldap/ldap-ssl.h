@@ -23,14 +23,6 @@ typedef struct TavEnvRef {
   tav_handle env;
 } TavEnvRef;
 
-typedef struct LDAP_PKCS11_PARMS {
-  char *pkcs11_lib_path;
-  char *pkcs11_token_label;
-  char *pkcs11_token_pwd;
-  int pkcs11_keystorage;  // 1: keys are kept on the device
-  int pkcs11_accel_mode;  // 0..7
-} LDAP_PKCS11_PARMS;
-
 // The toolkit's functions, in the order they are resolved.
 struct tav_function_table {
   int (*environment_open)(tav_handle *);

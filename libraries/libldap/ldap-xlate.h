@@ -6,6 +6,7 @@
 
 #include "ldap-iconv.h"
 #include "tav-visibility.h"
+#include "tavldap_full.h"
 
 // Directions of the dispatcher.
 enum { XLATE_LOCAL_TO_UTF8 = 0, XLATE_UTF8_TO_LOCAL = 1, XLATE_LOCAL_TO_UCS2 = 2, XLATE_UCS2_TO_LOCAL = 3 };

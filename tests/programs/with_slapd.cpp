@@ -1,8 +1,10 @@
-// with_slapd [--tls] -- COMMAND [ARGS...]
+// with_slapd [--tls] [--sasl] -- COMMAND [ARGS...]
 // Starts a private slapd with the sample data, runs the command with the
 // server's address in the environment, then stops the server and removes its
 // files.  Exits with the command's status.  With --tls the server also listens
 // for ldaps, with certificates it makes (TAVLDAP_TEST_LDAPS_PORT, TAVLDAP_TEST_TLS_DIR).
+// With --sasl it checks Cyrus SASL mechanisms against the entries' passwords
+// (uid=userN answers to the SASL user name userN, password passN).
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,15 +13,18 @@
 #include <cstring>
 #include <string>
 
+#include "sasl_plugins.h"
 #include "slapd_server.h"
 
 int main(int argc, char **argv) {
   tavtest::SlapdOptions opts;
   int i = 1;
-  for (; i < argc && strcmp(argv[i], "--") != 0; ++i)
+  for (; i < argc && strcmp(argv[i], "--") != 0; ++i) {
     if (strcmp(argv[i], "--tls") == 0) opts.tls = true;
+    if (strcmp(argv[i], "--sasl") == 0) opts.global_config = tavtest::sasl_slapd_options().global_config;
+  }
   if (i + 1 >= argc) {
-    fprintf(stderr, "usage: with_slapd [--tls] -- COMMAND [ARGS...]\n");
+    fprintf(stderr, "usage: with_slapd [--tls] [--sasl] -- COMMAND [ARGS...]\n");
     return 2;
   }
   tavtest::SlapdServer slapd(opts);
