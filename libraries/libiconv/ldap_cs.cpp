@@ -177,6 +177,21 @@ bool ranges_of(const unsigned char *t, uint32_t size, Ranges *r) {
   return {base + 2 * be32(p + 16), base + 2 * be32(p + 20), base + 2 * be32(p + 24), be32(p + 28), 0};
 }
 
+// The value of a GB18030 linear index in range i of a checked table.
+[[gnu::always_inline]] inline uint32_t range_at_value(const Ranges &r, uint32_t i, uint32_t index) {
+  const unsigned char *e = r.list + 8 * i;
+  uint32_t start = be16(e), k = be16(e + 2), base = be16(e + 4);
+  // A range covers up to the next one's start; the loader checked the
+  // values against that end, so nothing past it is read (a block index
+  // that points at the wrong range finds no value).
+  const uint32_t end = i + 1 < r.count ? be16(e + 8) : 0xFFFF;
+  if (index < start || index >= end) return kNoValue;
+  if (k == 1) return be16(r.values + 2 * (base + index - start));
+  if (k == 2) return (index - start + base) & 0xFFFF;
+  if (k == 3) return 0x20000 + be16(r.values + 2 * base);  // a two-byte code for a plane-2 character
+  return kNoValue;
+}
+
 // The value of a GB18030 linear index (1 to 0xFFFE) in a checked table:
 // kNoValue when no range has it, above 0xFFFF for a plane-2 character.
 [[gnu::always_inline]] inline uint32_t range_value(const Ranges &r, uint32_t index) {
@@ -192,17 +207,7 @@ bool ranges_of(const unsigned char *t, uint32_t size, Ranges *r) {
     else
       hi = mid - 1;
   }
-  const unsigned char *e = r.list + 8 * i;
-  uint32_t start = be16(e), k = be16(e + 2), base = be16(e + 4);
-  // A range covers up to the next one's start; the loader checked the
-  // values against that end, so nothing past it is read (a block index
-  // that points at the wrong range finds no value).
-  const uint32_t end = i + 1 < r.count ? be16(e + 8) : 0xFFFF;
-  if (index < start || index >= end) return kNoValue;
-  if (k == 1) return be16(r.values + 2 * (base + index - start));
-  if (k == 2) return (index - start + base) & 0xFFFF;
-  if (k == 3) return 0x20000 + be16(r.values + 2 * base);  // a two-byte code for a plane-2 character
-  return kNoValue;
+  return range_at_value(r, i, index);
 }
 
 uint16_t *two_byte_values(ldap_cs_converter *cv);
@@ -518,24 +523,41 @@ constexpr uint32_t kGbTwoByteCodes = 126 * 191 + 1;
 // Kinds 3 and 10: the BMP value of every two-byte code, so that reading the
 // common codes is one look-up instead of a walk through rows or a range
 // search.  kNoValue marks what the general path decides: no value, one
-// beyond the BMP (plane 2), a lead byte of another length.
+// beyond the BMP (plane 2), a lead byte of another length.  Filled row by
+// row and range by range (a table loaded in every conversion fuzzing run
+// must stay cheap to open), finding what decode_cs finds for each code.
 uint16_t *two_byte_values(ldap_cs_converter *cv) {
+  const unsigned char *t = cv->table;
   const uint32_t n = cv->kind == 3 ? kEucTwoByteCodes : kGbTwoByteCodes;
   auto *values = static_cast<uint16_t *>(olx_malloc(n * sizeof(uint16_t)));
   if (values == nullptr) return nullptr;
+  for (uint32_t i = 0; i < n; ++i) values[i] = kNoValue;
   const auto bmp = [](uint32_t v) { return static_cast<uint16_t>(v >= kNoValue ? kNoValue : v); };
   if (cv->kind == 3) {
-    for (uint32_t i = 0; i < n; ++i) {
-      const unsigned char code[2] = {static_cast<unsigned char>(0x80 + (i >> 8)), static_cast<unsigned char>(i)};
-      uint32_t v = kNoValue;
-      unsigned used = 0;
-      if (cv->table[LDAP_CS_OFF_CLASS + code[0]] == 2) decode_cs<3>(cv, code, code + 2, &v, &used);
-      values[i] = bmp(v);
+    for (uint32_t lead = 0x80; lead < 0x100; ++lead) {
+      if (t[LDAP_CS_OFF_CLASS + lead] != 2) continue;
+      // A second byte's entry is the value itself, or a further row, which
+      // a two-byte code does not reach (no value).
+      const unsigned char *r = row_at(cv, be16(t + LDAP_CS_OFF_TO_UCS2 + 2 * lead));
+      const uint32_t count = be16(r), first = be16(r + 2);
+      for (uint32_t c = 0; c < count && first + c < 0x100; ++c) {
+        const uint32_t e = be32(r + 4 + 4 * c);
+        if (!(e & 0x80000000u)) values[(lead - 0x80) << 8 | (first + c)] = bmp(e);
+      }
     }
   } else {
-    const Ranges r = ranges_at(cv->table);
-    values[0] = kNoValue;
-    for (uint32_t i = 1; i < n; ++i) values[i] = bmp(range_value(r, i));
+    // The ranges are sorted (the loader refuses a range starting before its
+    // predecessor), so the range search's answer for consecutive indexes of
+    // one block only moves forward.
+    const Ranges r = ranges_at(t);
+    for (uint32_t block = 0; block * 512 < n; ++block) {
+      uint32_t i = be16(r.index + 2 * block);
+      const uint32_t hi = block + 1 < 128 ? be16(r.index + 2 * (block + 1)) : r.count - 1;
+      for (uint32_t index = std::max(1u, block * 512); index < std::min(n, block * 512 + 512); ++index) {
+        while (i < hi && index >= be16(r.list + 8 * (i + 1))) ++i;
+        values[index] = bmp(range_at_value(r, i, index));
+      }
+    }
   }
   return values;
 }
