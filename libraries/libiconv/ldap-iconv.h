@@ -21,6 +21,7 @@ struct ldap_cs_converter {
   unsigned char from_state;
   unsigned char to_state;
   uint32_t table_size;
+  uint16_t *two_byte;  // kinds 3 and 10: values of the two-byte codes, built at load time
 };
 
 // Table file layout: fixed offsets of the header and the arrays after it.

@@ -16,6 +16,12 @@
 #include "ldap-iconv.h"
 #include "ldap-utils.h"
 
+#if defined(__has_attribute) && __has_attribute(no_sanitize_coverage)
+#define TAV_NO_COVERAGE __attribute__((no_sanitize_coverage))
+#else
+#define TAV_NO_COVERAGE
+#endif
+
 namespace {
 
 constexpr uint16_t kNoValue = 0xFFFF;
@@ -29,8 +35,8 @@ inline uint32_t be32(const unsigned char *p) {
          p[3];
 }
 
-ldap_cs_converter g_utf8 = {nullptr, 6, "UTF8", 0, 0, {0, 0, 0}, {0}, 0, 0, 0};
-ldap_cs_converter g_os = {nullptr, 9, "OS", 0, 0, {0, 0, 0}, {0}, 0, 0, 0};
+ldap_cs_converter g_utf8 = {nullptr, 6, "UTF8", 0, 0, {0, 0, 0}, {0}, 0, 0, 0, nullptr};
+ldap_cs_converter g_os = {nullptr, 9, "OS", 0, 0, {0, 0, 0}, {0}, 0, 0, 0, nullptr};
 bool is_builtin(const ldap_cs_converter *cv) { return cv == &g_utf8 || cv == &g_os; }
 
 // Recursive: opening the default converter may read a redirection, which
@@ -177,6 +183,41 @@ bool ranges_of(const unsigned char *t, uint32_t size, Ranges *r) {
   return {base + 2 * be32(p + 16), base + 2 * be32(p + 20), base + 2 * be32(p + 24), be32(p + 28), 0};
 }
 
+// The value of a GB18030 linear index in range i of a checked table.
+[[gnu::always_inline]] inline uint32_t range_at_value(const Ranges &r, uint32_t i, uint32_t index) {
+  const unsigned char *e = r.list + 8 * i;
+  uint32_t start = be16(e), k = be16(e + 2), base = be16(e + 4);
+  // A range covers up to the next one's start; the loader checked the
+  // values against that end, so nothing past it is read (a block index
+  // that points at the wrong range finds no value).
+  const uint32_t end = i + 1 < r.count ? be16(e + 8) : 0xFFFF;
+  if (index < start || index >= end) return kNoValue;
+  if (k == 1) return be16(r.values + 2 * (base + index - start));
+  if (k == 2) return (index - start + base) & 0xFFFF;
+  if (k == 3) return 0x20000 + be16(r.values + 2 * base);  // a two-byte code for a plane-2 character
+  return kNoValue;
+}
+
+// The value of a GB18030 linear index (1 to 0xFFFE) in a checked table:
+// kNoValue when no range has it, above 0xFFFF for a plane-2 character.
+[[gnu::always_inline]] inline uint32_t range_value(const Ranges &r, uint32_t index) {
+  // The last range starting at or before the index lies between this
+  // block's first range and the next block's: a binary search there
+  // finds what walking the ranges would.
+  uint32_t i = be16(r.index + 2 * (index >> 9));
+  uint32_t hi = (index >> 9) + 1 < 128 ? be16(r.index + 2 * ((index >> 9) + 1)) : r.count - 1;
+  while (i < hi) {
+    const uint32_t mid = (i + hi + 1) / 2;
+    if (index >= be16(r.list + 8 * mid))
+      i = mid;
+    else
+      hi = mid - 1;
+  }
+  return range_at_value(r, i, index);
+}
+
+uint16_t *two_byte_values(ldap_cs_converter *cv);
+
 bool table_ok(const unsigned char *t, uint32_t size) {
   if (size < LDAP_CS_HDR_MIN_SIZE || memcmp(t + LDAP_CS_OFF_MAGIC, "ucv", 3) != 0) return false;
   uint16_t kind = table_kind(t);
@@ -217,6 +258,10 @@ ldap_cs_converter *make_converter(unsigned char *image, uint32_t size) {
   cv->header_words[0] = be16(image + 56);
   cv->header_words[1] = be16(image + 62);
   memcpy(cv->header_bytes, image + 64, 16);
+  if ((cv->kind == 3 || cv->kind == 10) && (cv->two_byte = two_byte_values(cv)) == nullptr) {
+    free(cv);
+    return nullptr;
+  }
   return cv;
 }
 
@@ -444,30 +489,7 @@ template <int K = -1>
       }
       *value = kNoValue;
       if (index > 0 && index < 0xFFFF) {
-        const Ranges r = ranges != nullptr ? *ranges : ranges_at(t);
-        // The last range starting at or before the index lies between this
-        // block's first range and the next block's: a binary search there
-        // finds what walking the ranges would.
-        uint32_t i = be16(r.index + 2 * (index >> 9));
-        uint32_t hi = (index >> 9) + 1 < 128 ? be16(r.index + 2 * ((index >> 9) + 1)) : r.count - 1;
-        while (i < hi) {
-          const uint32_t mid = (i + hi + 1) / 2;
-          if (static_cast<uint32_t>(index) >= be16(r.list + 8 * mid))
-            i = mid;
-          else
-            hi = mid - 1;
-        }
-        const unsigned char *e = r.list + 8 * i;
-        uint32_t start = be16(e), k = be16(e + 2), base = be16(e + 4);
-        // A range covers up to the next one's start; the loader checked the
-        // values against that end, so nothing past it is read (a block index
-        // that points at the wrong range finds no value).
-        const uint32_t end = i + 1 < r.count ? be16(e + 8) : 0xFFFF;
-        if (static_cast<uint32_t>(index) >= start && static_cast<uint32_t>(index) < end) {
-          if (k == 1) *value = be16(r.values + 2 * (base + index - start));
-          if (k == 2) *value = (index - start + base) & 0xFFFF;
-          if (k == 3) *value = 0x20000 + be16(r.values + 2 * base);  // a two-byte code for a plane-2 character
-        }
+        *value = range_value(ranges != nullptr ? *ranges : ranges_at(t), static_cast<uint32_t>(index));
       } else if (index >= 213067 && index <= 1261642) {
         *value = static_cast<uint32_t>(index - 147531);
       }
@@ -496,6 +518,57 @@ template <int K = -1>
       *value = b;
       return kOk;
   }
+}
+
+// Two-byte codes of kind 3 by (lead - 0x80) * 256 + trail; of kind 10
+// (lead 81-FE, trail 40-FE but 7F) by their linear index
+// (lead - 0x81) * 191 + trail - 0x3F, 1 to 126 * 191.
+constexpr uint32_t kEucTwoByteCodes = 128 * 256;
+constexpr uint32_t kGbTwoByteCodes = 126 * 191 + 1;
+
+// Kinds 3 and 10: the BMP value of every two-byte code, so that reading the
+// common codes is one look-up instead of a walk through rows or a range
+// search.  kNoValue marks what the general path decides: no value, one
+// beyond the BMP (plane 2), a lead byte of another length.  Filled row by
+// row and range by range (a table loaded in every conversion fuzzing run
+// must stay cheap to open), finding what decode_cs finds for each code.
+// Left out of fuzzing coverage: its tens of thousands of comparisons per
+// table are a fixed transformation, and tracing them made the table
+// fuzzer four times slower.
+TAV_NO_COVERAGE uint16_t *two_byte_values(ldap_cs_converter *cv) {
+  const unsigned char *t = cv->table;
+  const uint32_t n = cv->kind == 3 ? kEucTwoByteCodes : kGbTwoByteCodes;
+  auto *values = static_cast<uint16_t *>(olx_malloc(n * sizeof(uint16_t)));
+  if (values == nullptr) return nullptr;
+  memset(values, 0xFF, n * sizeof(uint16_t));  // kNoValue
+  const auto bmp = [](uint32_t v) { return static_cast<uint16_t>(v >= kNoValue ? kNoValue : v); };
+  if (cv->kind == 3) {
+    for (uint32_t lead = 0x80; lead < 0x100; ++lead) {
+      if (t[LDAP_CS_OFF_CLASS + lead] != 2) continue;
+      // A second byte's entry is the value itself, or a further row, which
+      // a two-byte code does not reach (no value).
+      const unsigned char *r = row_at(cv, be16(t + LDAP_CS_OFF_TO_UCS2 + 2 * lead));
+      const uint32_t count = be16(r), first = be16(r + 2);
+      for (uint32_t c = 0; c < count && first + c < 0x100; ++c) {
+        const uint32_t e = be32(r + 4 + 4 * c);
+        if (!(e & 0x80000000u)) values[(lead - 0x80) << 8 | (first + c)] = bmp(e);
+      }
+    }
+  } else {
+    // The ranges are sorted (the loader refuses a range starting before its
+    // predecessor), so the range search's answer for consecutive indexes of
+    // one block only moves forward.
+    const Ranges r = ranges_at(t);
+    for (uint32_t block = 0; block * 512 < n; ++block) {
+      uint32_t i = be16(r.index + 2 * block);
+      const uint32_t hi = block + 1 < 128 ? be16(r.index + 2 * (block + 1)) : r.count - 1;
+      for (uint32_t index = std::max(1u, block * 512); index < std::min(n, block * 512 + 512); ++index) {
+        while (i < hi && index >= be16(r.list + 8 * (i + 1))) ++i;
+        values[index] = bmp(range_at_value(r, i, index));
+      }
+    }
+  }
+  return values;
 }
 
 // One UTF-8 character read without checking continuation bytes, as the table
@@ -638,6 +711,143 @@ template <int K = -1>
   return true;
 }
 
+// The table pointers the fast runs use, read once per call.
+struct FastTables {
+  const unsigned char *cls, *to_ucs, *rows, *from_index;
+  uint32_t subst;
+  const uint16_t *two_byte;
+};
+
+inline FastTables fast_tables(const ldap_cs_converter *cv) {
+  const unsigned char *t = cv->table;
+  return {t + LDAP_CS_OFF_CLASS,      t + LDAP_CS_OFF_TO_UCS2,     t + be32(t + LDAP_CS_OFF_ROWS),
+          t + LDAP_CS_OFF_FROM_INDEX, be16(t + LDAP_CS_OFF_SUBST), cv->two_byte};
+}
+
+// UTF-8 of a value below 0xFFFF (the caller checked that 3 bytes fit).
+[[gnu::always_inline]] inline unsigned char *put_utf8_bmp(uint32_t v, unsigned char *__restrict op) {
+  if (v < 0x80) {
+    *op = static_cast<unsigned char>(v);
+    return op + 1;
+  }
+  if (v < 0x800) {
+    op[0] = static_cast<unsigned char>(0xC0 | v >> 6);
+    op[1] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+    return op + 2;
+  }
+  op[0] = static_cast<unsigned char>(0xE0 | v >> 12);
+  op[1] = static_cast<unsigned char>(0x80 | (v >> 6 & 0x3F));
+  op[2] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+  return op + 3;
+}
+
+// Writing kinds 2, 3 and 10: converts while at least 4 input bytes and 4
+// bytes of room are left and every character is an ordinary mapped BMP
+// character, so no check inside needs to undo anything.  Anything else (a
+// lone or four-byte sequence, an overlong ASCII, an unmappable character,
+// the last bytes) stops the run and goes through the general path, which
+// gives the same result.
+template <int K>
+[[gnu::always_inline]] inline void fast_from_utf8(const FastTables &f, const unsigned char *&ip,
+                                                  const unsigned char *in_end, unsigned char *&op,
+                                                  unsigned char *out_end) {
+  const unsigned char *p = ip;
+  unsigned char *__restrict o = op;
+  while (in_end - p >= 4 && out_end - o >= 4) {
+    uint32_t b = p[0], v;
+    unsigned used;
+    if (b < 0x80) {
+      *o++ = static_cast<unsigned char>(b);
+      ++p;
+      continue;
+    }
+    if (b < 0xC0 || b >= 0xF0) break;
+    if (b < 0xE0) {
+      v = (b & 0x1F) << 6 | (p[1] & 0x3F);
+      used = 2;
+    } else {
+      v = (b & 0x0F) << 12 | (p[1] & 0x3F) << 6 | (p[2] & 0x3F);
+      used = 3;
+    }
+    if (v < 0x80) break;
+    const unsigned char *row = f.rows + 4 * static_cast<uint32_t>(be16(f.from_index + 2 * (v >> 8)));
+    uint32_t code = K == 2 ? be16(row + 2 * (v & 0xFF)) : be32(row + 4 * (v & 0xFF));
+    if (code == f.subst) break;
+    if (code > 0xFF && code <= 0xFFFF) {
+      o[0] = static_cast<unsigned char>(code >> 8);
+      o[1] = static_cast<unsigned char>(code);
+      o += 2;
+    } else {
+      const unsigned n = code > 0xFFFFFF ? 4 : code > 0xFFFF ? 3 : code > 0xFF ? 2 : 1;
+      for (unsigned i = 0; i < n; ++i) o[i] = static_cast<unsigned char>(code >> (8 * (n - 1 - i)));
+      o += n;
+    }
+    p += used;
+  }
+  ip = p;
+  op = o;
+}
+
+// Reading kinds 2, 3 and 10: converts while at least 2 input bytes and 3
+// bytes of room are left and every character is one byte or a two-byte code
+// with a BMP value; anything else (a truncated, invalid, three- or four-byte
+// or unmapped code) stops the run and goes through the general path.
+template <int K>
+[[gnu::always_inline]] inline void fast_to_utf8(const FastTables &f, const unsigned char *&ip,
+                                                const unsigned char *in_end, unsigned char *&op,
+                                                unsigned char *out_end) {
+  const unsigned char *p = ip;
+  unsigned char *__restrict o = op;
+  const unsigned char *row0 = f.rows + 4 * static_cast<uint32_t>(be16(f.to_ucs));
+  // Each kind of character advances the input by a constant in its own
+  // branch: an advance loaded from the class array would chain every
+  // character's loads to the previous one's.
+  while (in_end - p >= 2 && out_end - o >= 3) {
+    const uint32_t b = p[0];
+    uint32_t v;
+    if (K == 10) {
+      if (b < 0x80) {
+        *o++ = static_cast<unsigned char>(b);
+        p += 1;
+        continue;
+      }
+      const uint32_t trail = p[1];
+      if (b == 0x80 || b == 0xFF || trail < 0x40 || trail == 0x7F || trail == 0xFF) break;
+      v = f.two_byte[(b - 0x81) * 191 + trail - 0x3F];
+      if (v == kNoValue) break;
+      o = put_utf8_bmp(v, o);
+      p += 2;
+      continue;
+    }
+    if (K == 3) {
+      if (b < 0x80) {  // copied whatever the class array says, as the general path does
+        *o++ = static_cast<unsigned char>(b);
+        p += 1;
+        continue;
+      }
+      v = f.two_byte[(b - 0x80) << 8 | p[1]];
+      if (v == kNoValue) break;
+      o = put_utf8_bmp(v, o);
+      p += 2;
+      continue;
+    }
+    if (f.cls[b] == 1) {
+      v = be16(row0 + 2 * b);
+      if (v >= 0xFFFF) break;
+      o = put_utf8_bmp(v, o);
+      p += 1;
+      continue;
+    }
+    if (f.cls[b] != 2) break;
+    v = be16(f.rows + 4 * static_cast<uint32_t>(be16(f.to_ucs + 2 * b)) + 2 * p[1]);
+    if (v >= 0xFFFF) break;
+    o = put_utf8_bmp(v, o);
+    p += 2;
+  }
+  ip = p;
+  op = o;
+}
+
 template <int K>
 int to_utf8_loop(ldap_cs_converter *shared_cv, const unsigned char **in, const unsigned char *in_end,
                  unsigned char **out, unsigned char *out_end) {
@@ -651,8 +861,15 @@ int to_utf8_loop(ldap_cs_converter *shared_cv, const unsigned char **in, const u
   const bool ascii = kind == 1 || kind == 3 || kind == 10;
   Ranges ranges{};
   if (kind == 10) ranges = ranges_at(cv->table);  // read once, not per character
+  constexpr bool fast = K == 2 || K == 3 || K == 10;
+  FastTables f{};
+  if (fast) f = fast_tables(cv);
   int rc = 0;
   while (ip < in_end) {
+    if (fast) {
+      fast_to_utf8<K>(f, ip, in_end, op, out_end);
+      if (ip == in_end) break;
+    }
     if (ascii && *ip < 0x80) {  // ASCII runs are copied
       if (op == out_end) {
         rc = 1;
@@ -698,8 +915,15 @@ int from_utf8_loop(ldap_cs_converter *shared_cv, const unsigned char **in, const
   const bool ascii = ascii_based(K >= 0 ? K : cv->kind);
   const unsigned char *ip = *in;
   unsigned char *op = *out;
+  constexpr bool fast = K == 2 || K == 3 || K == 10;
+  FastTables f{};
+  if (fast) f = fast_tables(cv);
   int rc = 0;
   while (ip < in_end) {
+    if (fast) {
+      fast_from_utf8<K>(f, ip, in_end, op, out_end);
+      if (ip == in_end) break;
+    }
     if (ascii && *ip < 0x80) {  // ASCII runs are copied
       if (op == out_end) {
         rc = 1;
@@ -917,7 +1141,10 @@ int ldap_cs_close(ldap_cs_converter *cv) {
   if (cv == nullptr || is_builtin(cv)) return 0;
   if (cv == g_default) g_default = &g_os;
   if (cv == g_os_cv) g_os_cv = &g_os;
-  if (!cv->shared) free(cv->table);
+  if (!cv->shared) {
+    free(cv->table);
+    free(cv->two_byte);
+  }
   free(cv);
   return 0;
 }

@@ -105,6 +105,7 @@ TEST_P(Conformance, EveryCodeGlibcDefinesReadsAsGlibcReadsIt) {
   iconv_t cd = iconv_open("UTF-32BE", t.glibc);
   ASSERT_NE(cd, reinterpret_cast<iconv_t>(-1));
   long checked = 0;
+  std::string text, text_utf8;  // every code in one text: the per-character loops read it in runs
   for (const std::string &in : candidates(t)) {
     std::string ref;
     if (!glibc(cd, in, &ref) || ref.size() != 4 || ref == std::string("\0\0\xff\xff", 4)) continue;
@@ -119,8 +120,14 @@ TEST_P(Conformance, EveryCodeGlibcDefinesReadsAsGlibcReadsIt) {
     n = ldap_cs_to_utf8(cv_, in.data(), static_cast<long>(in.size()), utf8, sizeof utf8);
     ASSERT_EQ(std::string(utf8, n), utf8_of(v)) << t.name << " code " << testing::PrintToString(in);
     ++checked;
+    text += in;
+    text_utf8 += utf8_of(v);
   }
   iconv_close(cd);
+  std::string whole(text_utf8.size() + 16, '\0');
+  whole.resize(
+      ldap_cs_to_utf8(cv_, text.data(), static_cast<long>(text.size()), whole.data(), static_cast<long>(whole.size())));
+  EXPECT_TRUE(whole == text_utf8) << t.name;
   EXPECT_EQ(cv_->subst_count, 0);
   EXPECT_GT(checked, t.kind == 1 || t.kind == 8 ? 200 : 7000);
 }
@@ -130,6 +137,7 @@ TEST_P(Conformance, EveryCharacterWritesAsGlibcWritesItOrAsTheCountedSubstitute)
   iconv_t cd = iconv_open(t.glibc, "UTF-32BE");
   ASSERT_NE(cd, reinterpret_cast<iconv_t>(-1));
   long defined = 0, substituted = 0;
+  std::string text, text_ref;  // every character in one text, as above
   for (uint32_t v = 1; v < 0x110000; v += v < 0x10000 ? 1 : 4099) {
     if ((v >= 0xD800 && v <= 0xDFFF) || v == 0xFFFF) continue;  // U+FFFF is read as "no character"
     if (v >= 0x10000 && t.kind != 10) break;
@@ -152,8 +160,19 @@ TEST_P(Conformance, EveryCharacterWritesAsGlibcWritesItOrAsTheCountedSubstitute)
     ASSERT_EQ(std::string(out, n), ref) << t.name << " U+" << std::hex << v;
     ASSERT_EQ(static_cast<uint16_t>(cv_->subst_count - before), known ? 0 : 2) << t.name << " U+" << std::hex << v;
     (known ? defined : substituted)++;
+    text += s;
+    text_ref += ref;
   }
   iconv_close(cd);
+  // Kind 4 shifts once per run of double-byte characters, not per character.
+  if (t.kind != 4) {
+    const uint16_t before = cv_->subst_count;
+    std::string whole(text_ref.size() + 16, '\0');
+    whole.resize(ldap_cs_from_utf8(cv_, text.data(), static_cast<long>(text.size()), whole.data(),
+                                   static_cast<long>(whole.size())));
+    EXPECT_TRUE(whole == text_ref) << t.name;
+    EXPECT_EQ(static_cast<uint16_t>(cv_->subst_count - before), static_cast<uint16_t>(substituted));
+  }
   EXPECT_GT(defined, 0);
   EXPECT_GT(substituted + defined, 60000);
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ldap-iconv.h"
+#include "ldap-utils.h"
 
 namespace fs = std::filesystem;
 
@@ -236,6 +237,24 @@ TEST_F(Engine, MalformedTablesAreRefused) {
   };
   for (const std::string &b : bad)
     EXPECT_EQ(ldap_cs_open_image(reinterpret_cast<const unsigned char *>(b.data()), b.size()), nullptr);
+}
+
+// EUC-JP and GB18030 allocate a second array when loaded.
+TEST_F(Engine, EveryAllocationFailureWhileOpeningRefusesTheTable) {
+  for (const char *name : {"EUCJP", "GB18030"}) {
+    for (long n = 1;; ++n) {
+      olx_fail_alloc_at(n);
+      ldap_cs_converter *cv = ldap_cs_open(name);
+      const long counted = olx_fail_alloc_at(0);
+      if (counted < n) {  // the nth allocation never came: all swept
+        EXPECT_NE(cv, nullptr) << name;
+        ldap_cs_close(cv);
+        break;
+      }
+      EXPECT_EQ(cv, nullptr) << name << " failing allocation " << n;
+      ldap_cs_close(cv);
+    }
+  }
 }
 
 TEST(Ucs2Strings, BehaveAsTheirCharCounterparts) {
