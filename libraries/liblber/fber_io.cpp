@@ -10,17 +10,37 @@
 namespace {
 constexpr size_t kStackBytes = sizeof(uint32_t) * (FBER_MAX_SEQ + 1);
 
-// The stack follows the inline buffer, aligned for its 32-bit slots.
+// One allocation: the record, two slots for the element's own copies of the
+// translation settings, the inline buffer, and (for elements that may be
+// written) the sequence stack after it, aligned for its 32-bit slots.
+// Reading elements carry no stack: a received message holds its bytes and
+// little else.
+constexpr size_t kSettingsBytes = 2 * sizeof(int32_t);
+
 constexpr size_t stack_offset(size_t inline_size) {
-  return (sizeof(berelement) + inline_size + alignof(uint32_t) - 1) & ~(alignof(uint32_t) - 1);
+  return (sizeof(berelement) + kSettingsBytes + inline_size + alignof(uint32_t) - 1) & ~(alignof(uint32_t) - 1);
 }
 
-inline char *inline_buffer(BerElement *ber) { return reinterpret_cast<char *>(ber + 1); }
-
-// Two slots after the stack hold the element's own copies of the translation
-// settings, so an element with settings is still one allocation.
 inline int32_t *settings_slots(const BerElement *ber) {
-  return reinterpret_cast<int32_t *>(ber->ber_sos + FBER_MAX_SEQ + 1);
+  return reinterpret_cast<int32_t *>(const_cast<BerElement *>(ber) + 1);
+}
+
+inline char *inline_buffer(BerElement *ber) { return reinterpret_cast<char *>(ber + 1) + kSettingsBytes; }
+
+BerElement *allocate(size_t inline_size, bool with_stack) {
+  const size_t stack_at = stack_offset(inline_size);
+  auto *ber = static_cast<BerElement *>(olx_malloc(with_stack ? stack_at + kStackBytes : stack_at));
+  if (ber == nullptr) return nullptr;
+  memset(ber, 0, sizeof(*ber));
+  ber->ber_buf = ber->ber_ptr = inline_buffer(ber);
+  ber->ber_end = ber->ber_buf + inline_size;
+  if (with_stack) {
+    ber->ber_sos = reinterpret_cast<uint32_t *>(reinterpret_cast<char *>(ber) + stack_at);
+    ber->ber_sos[0] = 0;
+  }
+  ber->ber_tag = LBER_DEFAULT;
+  ber->ber_options = FBER_MARK;
+  return ber;
 }
 
 // Encoded lengths are at most 4 octets, so no element may grow past this.
@@ -103,25 +123,12 @@ void mask_bind(unsigned char *b, size_t n) {
 
 extern "C" {
 
-BerElement *fber_alloc_t(int size) {
-  const size_t inline_size = size < 0 ? 0 : static_cast<size_t>(size);
-  const size_t stack_at = stack_offset(inline_size);
-  auto *ber = static_cast<BerElement *>(olx_malloc(stack_at + kStackBytes + 2 * sizeof(int32_t)));
-  if (ber == nullptr) return nullptr;
-  memset(ber, 0, sizeof(*ber));
-  ber->ber_buf = ber->ber_ptr = inline_buffer(ber);
-  ber->ber_end = ber->ber_buf + inline_size;
-  ber->ber_sos = reinterpret_cast<uint32_t *>(reinterpret_cast<char *>(ber) + stack_at);
-  ber->ber_sos[0] = 0;
-  ber->ber_tag = LBER_DEFAULT;
-  ber->ber_options = FBER_MARK;
-  return ber;
-}
+BerElement *fber_alloc_t(int size) { return allocate(size < 0 ? 0 : static_cast<size_t>(size), true); }
 
 BerElement *fber_alloc(void) { return fber_alloc_t(FBER_INLINE_SIZE); }
 
 BerElement *fber_alloc_with_options(int for_reading, int noxlate, int version) {
-  BerElement *ber = for_reading ? fber_alloc_t(0) : fber_alloc();
+  BerElement *ber = for_reading ? allocate(0, false) : fber_alloc();
   if (ber == nullptr) return nullptr;
   ber->ber_noxlate = settings_slots(ber);
   ber->ber_version = settings_slots(ber) + 1;
@@ -189,7 +196,7 @@ BerElement *fber_init2(const struct berval *bv) {
   if (bv == nullptr || bv->bv_len >= 0x7FFFFFFFu || (bv->bv_val == nullptr && bv->bv_len != 0)) return nullptr;
   // Sized to the data (plus the spare byte writers keep), so a reading element
   // is one allocation of the right size rather than 6 KiB grown by copying.
-  BerElement *ber = fber_alloc_t(static_cast<int>(bv->bv_len) + 1);
+  BerElement *ber = allocate(bv->bv_len + 1, false);
   if (ber == nullptr) return nullptr;
   if (fber_write(ber, bv->bv_val, bv->bv_len) != static_cast<int>(bv->bv_len)) {
     fber_free(ber);

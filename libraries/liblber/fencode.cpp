@@ -98,6 +98,7 @@ int put_bits(BerElement *ber, unsigned char tag, const char *bits, int nbits) {
 }
 
 int open_seq(BerElement *ber, unsigned char tag) {
+  if (ber->ber_sos == nullptr) return -1;  // a reading element has no sequence stack
   uint32_t &open = ber->ber_sos[0];
   if (open >= FBER_MAX_SEQ) return -1;
   if (!room(ber, 6)) return -1;
@@ -113,6 +114,7 @@ int open_seq(BerElement *ber, unsigned char tag) {
 }
 
 int close_seq(BerElement *ber) {
+  if (ber->ber_sos == nullptr) return -1;
   uint32_t &open = ber->ber_sos[0];
   if (open == 0) return -1;
   char *len_at = ber->ber_buf + ber->ber_sos[open--];

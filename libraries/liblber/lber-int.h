@@ -26,8 +26,10 @@ typedef uint64_t ber_len_t;
 
 // struct berval (tavldap.h): every bv_val this codec makes has a NUL after bv_len bytes.
 
-// One allocation: this record, then the inline buffer, then the sequence
-// stack (count, then FBER_MAX_SEQ offsets of reserved length octets).
+// One allocation: this record, two slots for its copies of the translation
+// settings, the inline buffer, then (elements made for writing only) the
+// sequence stack (count, then FBER_MAX_SEQ offsets of reserved length octets;
+// ber_sos is null without one).
 struct berelement {
   char *ber_buf;
   char *ber_ptr;
