@@ -22,22 +22,10 @@ inline size_t left(const BerElement *ber) { return static_cast<size_t>(ber->ber_
 // Tag and length at the cursor, without moving it; *contents gets the start of
 // the contents.
 ber_tag_t parse_header(const BerElement *ber, ber_len_t *len, char **contents) {
-  const size_t avail = left(ber);
-  if (avail < 2) return LBER_DEFAULT;
-  const auto *p = reinterpret_cast<const unsigned char *>(ber->ber_ptr);
-  const unsigned tag = p[0];
-  if ((tag & 0x1F) == 0x1F) return LBER_DEFAULT;
-  ber_len_t l = p[1];
-  size_t used = 2;
-  if (l & 0x80) {
-    const size_t n = l & 0x7F;
-    if (n > 8 || n > avail - 2) return LBER_DEFAULT;
-    l = 0;
-    for (size_t i = 0; i < n; ++i) l = (l << 8) | p[2 + i];
-    used += n;
-  }
-  *len = l;
-  *contents = ber->ber_ptr + used;
+  unsigned tag;
+  const char *at;
+  if (!fber_header_at(ber->ber_ptr, ber->ber_end, &tag, len, &at)) return LBER_DEFAULT;
+  *contents = const_cast<char *>(at);
   return tag;
 }
 

@@ -45,6 +45,29 @@ struct berelement {
   int32_t ber_lenread;
 };
 
+// Tag and length of the item at `p` (one-byte tags, up to eight length
+// octets), without reading past `end`; false where the decoder fails.  The one
+// header parser of the decoder, and of readers that walk received bytes in
+// place.
+inline bool fber_header_at(const char *p, const char *end, unsigned *tag, ber_len_t *len, const char **contents) {
+  if (end - p < 2) return false;
+  const auto *u = reinterpret_cast<const unsigned char *>(p);
+  if ((u[0] & 0x1F) == 0x1F) return false;
+  ber_len_t l = u[1];
+  size_t used = 2;
+  if (l & 0x80) {
+    const size_t n = l & 0x7F;
+    if (n > 8 || n > static_cast<size_t>(end - p) - 2) return false;
+    l = 0;
+    for (size_t i = 0; i < n; ++i) l = (l << 8) | u[2 + i];
+    used += n;
+  }
+  *tag = u[0];
+  *len = l;
+  *contents = p + used;
+  return true;
+}
+
 extern "C" {
 // Elements and buffers.
 TAV_INTERNAL BerElement *fber_alloc_t(int size);

@@ -1,4 +1,5 @@
 // The attribute cursor over an entry and attribute counting.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -9,39 +10,59 @@
 namespace {
 
 // The next attribute name at the cursor, or none at the end of the list
-// (error record 0) or on failure (error record set).
+// (error record 0) or on failure (error record set).  The headers are read in
+// place ("{sx}" without the format interpreter: this runs once per
+// attribute); on failure the cursor stays where the element readers would
+// have left it.
 char *next_name(LDAP *ld, BerElement *cursor) {
-  ber_len_t len = 0;
+  const char *const end = cursor->ber_end;
+  unsigned tag;
+  ber_len_t len, name_len;
+  const char *seq, *name_at, *contents;
   for (;;) {
-    if (cursor->ber_ptr >= cursor->ber_end || fber_peek_tag(cursor, &len) == 0xA0) {
+    const char *p = cursor->ber_ptr;
+    if (p >= end || (fber_header_at(p, end, &tag, &len, &contents) && tag == 0xA0)) {
       ldap_set_errno_direct(ld, 0, nullptr, nullptr);
+      return nullptr;
+    }
+    if (!fber_header_at(p, end, &tag, &len, &seq)) {
+      ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
+      return nullptr;
+    }
+    if (!fber_header_at(seq, end, &tag, &name_len, &name_at)) {
+      cursor->ber_ptr = const_cast<char *>(seq);
+      ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
       return nullptr;
     }
     // An attribute whose description is longer than a name may be is passed
     // over; the attributes after it stay reachable.
-    char *start = cursor->ber_ptr;
-    if (fber_skip_tag(cursor, nullptr) == LBER_DEFAULT || fber_peek_tag(cursor, &len) == LBER_DEFAULT) {
-      ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
-      return nullptr;
-    }
-    cursor->ber_ptr = start;
-    if (len <= LDAP_ATTR_NAME_MAX) break;
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_attribute: skipping a description of %lu bytes\n", (unsigned long)len);
-    if (fber_skip_element(cursor) != 0) {
-      ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
-      return nullptr;
-    }
+    if (name_len <= LDAP_ATTR_NAME_MAX) break;
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_attribute: skipping a description of %lu bytes\n", (unsigned long)name_len);
+    cursor->ber_ptr = const_cast<char *>(seq) + std::min(len, static_cast<ber_len_t>(end - seq));
   }
   auto *name = static_cast<char *>(olx_malloc(LDAP_ATTR_NAME_MAX + 1));
   if (name == nullptr) {
     ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
     return nullptr;
   }
-  ber_len_t size = LDAP_ATTR_NAME_MAX + 1;
+  cursor->ber_ptr = const_cast<char *>(seq);
   const int translate = cursor->ber_noxlate == nullptr || *cursor->ber_noxlate == 0;
-  // "{sx}" without the format interpreter: this runs once per attribute.
-  if (fber_skip_tag(cursor, nullptr) == LBER_DEFAULT ||
-      fber_get_stringb(cursor, name, &size, translate) == LBER_DEFAULT || fber_skip_element(cursor) != 0) {
+  bool ok;
+  if (translate) {
+    ber_len_t size = LDAP_ATTR_NAME_MAX + 1;
+    ok = fber_get_stringb(cursor, name, &size, translate) != LBER_DEFAULT;
+  } else {
+    ok = name_len <= static_cast<ber_len_t>(end - name_at);
+    if (ok) {
+      memcpy(name, name_at, name_len);
+      name[name_len] = '\0';
+      cursor->ber_ptr = const_cast<char *>(name_at) + name_len;
+    }
+  }
+  // Past the value set.
+  if (ok && (ok = fber_header_at(cursor->ber_ptr, end, &tag, &len, &contents)))
+    cursor->ber_ptr = const_cast<char *>(contents) + std::min(len, static_cast<ber_len_t>(end - contents));
+  if (!ok) {
     ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
     free(name);
     return nullptr;

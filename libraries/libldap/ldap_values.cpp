@@ -20,27 +20,7 @@ inline bool same_first(char a, char b) {
 }
 inline bool same_name(const char *a, const char *b) { return same_first(*a, *b) && strcasecmp(a, b) == 0; }
 
-// Tag and length of the item at `p` by the decoder's rules (one-byte tags,
-// up to eight length octets); false where the decoder would fail.
-inline bool header(const char *p, const char *end, unsigned *tag, size_t *len, const char **contents) {
-  if (end - p < 2) return false;
-  const auto *u = reinterpret_cast<const unsigned char *>(p);
-  if ((u[0] & 0x1F) == 0x1F) return false;
-  size_t l = u[1], used = 2;
-  if (l & 0x80) {
-    const size_t n = l & 0x7F;
-    if (n > 8 || n > static_cast<size_t>(end - p) - 2) return false;
-    l = 0;
-    for (size_t i = 0; i < n; ++i) l = (l << 8) | u[2 + i];
-    used += n;
-  }
-  *tag = u[0];
-  *len = l;
-  *contents = p + used;
-  return true;
-}
-
-// The untranslated form of the attribute loop below, on the bytes directly:
+// The untranslated form of the lookup below, on the bytes directly:
 // the same steps and the same outcome for every input, the names compared in
 // place.  The copying loop compares a name only up to its first NUL, so a
 // longer name whose NUL comes right after the looked-up name matches too.
@@ -48,16 +28,23 @@ bool find_attribute_in_place(BerElement *copy, const char *attr) {
   const size_t attr_len = strlen(attr);
   const char *p = copy->ber_ptr, *const end = copy->ber_end;
   unsigned tag;
-  size_t len;
+  ber_len_t len;
   const char *contents;
+  // Into the operation, past the DN, into the attribute list.
+  if (!fber_header_at(p, end, &tag, &len, &contents)) return false;
+  p = contents;
+  if (!fber_header_at(p, end, &tag, &len, &contents)) return false;
+  p = contents + std::min(len, static_cast<size_t>(end - contents));
+  if (!fber_header_at(p, end, &tag, &len, &contents)) return false;
+  p = contents;
   for (bool first = true;; first = false) {
     if (!first) {  // past the rest of the attribute
-      if (!header(p, end, &tag, &len, &contents)) return false;
+      if (!fber_header_at(p, end, &tag, &len, &contents)) return false;
       p = contents + std::min(len, static_cast<size_t>(end - contents));
     }
-    if (p >= end || !header(p, end, &tag, &len, &contents) || tag != 0x30) return false;
+    if (p >= end || !fber_header_at(p, end, &tag, &len, &contents) || tag != 0x30) return false;
     p = contents;
-    if (!header(p, end, &tag, &len, &contents)) return false;
+    if (!fber_header_at(p, end, &tag, &len, &contents)) return false;
     if (len > LDAP_ATTR_NAME_MAX) {  // passed over, as below
       p = contents + std::min(len, static_cast<size_t>(end - contents));
       continue;
@@ -79,10 +66,10 @@ bool find_attribute_in_place(BerElement *copy, const char *attr) {
 bool find_attribute(BerElement *copy, const char *attr) {
   char type[LDAP_ATTR_NAME_MAX + 1];
   const int translate = translates(copy);
+  if (!translate) return find_attribute_in_place(copy, attr);
   if (fber_skip_tag(copy, nullptr) == LBER_DEFAULT || fber_skip_element(copy) != 0 ||
       fber_skip_tag(copy, nullptr) == LBER_DEFAULT)
     return false;
-  if (!translate) return find_attribute_in_place(copy, attr);
   for (bool first = true;; first = false) {
     ber_len_t len;
     // Past the last attribute the next tag is not a SEQUENCE (the entry's

@@ -1,6 +1,6 @@
 // Fuzzes the readers of a received entry (DN, attribute walk, value lookup)
-// and checks that the lookup that compares names in place (sessions that do
-// not translate) finds exactly what the copying lookup finds.
+// and checks that the readers that work on the bytes in place (sessions that
+// do not translate) give exactly what the copying readers give.
 // Input: one byte n, n bytes of an attribute name, then the entry's bytes
 // from its protocol operation on.
 #include <cstdint>
@@ -58,12 +58,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(values(ld, copying, name.c_str()) == values(ld, in_place, name.c_str()));
     char *dn = ldap_get_dn(ld, in_place);
     ldap_memfree(dn);
-    BerElement *cursor = nullptr;
-    for (char *a = ldap_first_attribute(ld, in_place, &cursor); a; a = ldap_next_attribute(ld, in_place, cursor)) {
-      check(values(ld, copying, a) == values(ld, in_place, a));
+    // Both walks give the same names, the same way of ending and the same values.
+    BerElement *c1 = nullptr, *c2 = nullptr;
+    char *a = ldap_first_attribute(ld, copying, &c1);
+    const int e1 = ldap_get_errno(ld);
+    char *b = ldap_first_attribute(ld, in_place, &c2);
+    check(e1 == ldap_get_errno(ld));
+    while (a != nullptr || b != nullptr) {
+      check(a != nullptr && b != nullptr && strcmp(a, b) == 0);
+      check(values(ld, copying, a) == values(ld, in_place, b));
       ldap_memfree(a);
+      ldap_memfree(b);
+      a = ldap_next_attribute(ld, copying, c1);
+      const int n1 = ldap_get_errno(ld);
+      b = ldap_next_attribute(ld, in_place, c2);
+      check(n1 == ldap_get_errno(ld));
     }
-    ldap_ber_free(cursor);
+    ldap_ber_free(c1);
+    ldap_ber_free(c2);
   }
   if (copying != nullptr) free_msg(copying, 0);
   if (in_place != nullptr) free_msg(in_place, 0);
