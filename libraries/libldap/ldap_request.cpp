@@ -148,7 +148,15 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *request) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_write_msg: connected to host\n");
   int rc = 0;
   if (waitOnSocket(conn->lc_sb.sb_sd) <= 0) {
-    rc = write_failed(ld, conn);
+    if (call_deadline_passed()) {
+      // The caller's time ran out before a byte of this request was written
+      // (a connection still being made, say): the call fails, the connection
+      // stays as it is.
+      ldap_set_errno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
+      rc = LDAP_TIMEOUT;
+    } else {
+      rc = write_failed(ld, conn);
+    }
   } else {
     for (;;) {
       int flushed = fber_flush_nb(&conn->lc_sb, request->lm_ber);
