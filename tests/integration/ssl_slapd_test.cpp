@@ -30,7 +30,6 @@ using tavtest::SlapdServer;
 namespace {
 
 constexpr const char *kKdbPassword = "kdb-pass";
-constexpr const char *kWhoAmI = "1.3.6.1.4.1.4203.1.11.3";
 
 std::string keydb_tool(const std::vector<std::string> &args) {
   std::vector<std::string> argv = {TAV_KEYDB_TOOL};
@@ -90,19 +89,6 @@ int count_entries(LDAP *ld, int scope) {
   int n = rc == 0 ? ldap_count_entries(ld, res) : -1;
   ldap_msgfree(res);
   return n;
-}
-
-std::string who_am_i(LDAP *ld) {
-  std::string op = std::string("\x77") + static_cast<char>(2 + strlen(kWhoAmI)) + '\x80' +
-                   static_cast<char>(strlen(kWhoAmI)) + kWhoAmI;
-  int id = tavtest::send_raw_op(ld, 0x77, op);
-  LDAPMessage *res = nullptr;
-  if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x78) return "?";
-  struct berval *authzid = nullptr;
-  if (ldap_parse_extended_result(ld, res, nullptr, &authzid, 1) != 0 || authzid == nullptr) return "?";
-  std::string who(authzid->bv_val, authzid->bv_len);
-  fber_bvfree(authzid);
-  return who;
 }
 
 std::string string_option(LDAP *ld, int option, int *rc) {
@@ -235,7 +221,8 @@ TEST_F(SslSlapd, ClientCertificateChosenByLabelIsTheSaslExternalIdentity) {
   ASSERT_EQ(ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", &empty, nullptr, nullptr, nullptr), 0);
   int rc = -1;
   EXPECT_EQ(string_option(ld, LDAP_OPT_SSL_CLIENT_LABEL, &rc), "tls-client");
-  EXPECT_EQ(strcasecmp(who_am_i(ld).c_str(), "dn:uid=user1,ou=People,dc=example,dc=com"), 0) << who_am_i(ld);
+  const std::string who = tavtest::whoami(ld);
+  EXPECT_EQ(strcasecmp(who.c_str(), "dn:uid=user1,ou=People,dc=example,dc=com"), 0) << who;
   EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
