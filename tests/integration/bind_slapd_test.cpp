@@ -16,6 +16,7 @@
 #include "ldap-utils.h"
 #include "ldap_requests.h"
 #include "slapd_suite.h"
+#include "trace_watch.h"
 
 using tavtest::SlapdServer;
 
@@ -80,9 +81,7 @@ TEST_F(Bind, SimpleBindsOfEveryKind) {
   EXPECT_EQ(ldap_bind_s(ld, SlapdServer::kRootDn, SlapdServer::kRootPw, LDAP_AUTH_SIMPLE), 0);
   EXPECT_EQ(ldap_simple_bind_s(ld, SlapdServer::user_dn(2).c_str(), "wrong"), LDAP_INVALID_CREDENTIALS);
   EXPECT_EQ(ldap_get_errno(ld), LDAP_INVALID_CREDENTIALS);
-  testing::internal::CaptureStderr();
-  ldap_perror(ld, "bind");
-  EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("bind: Invalid credentials\n", 0), 0u);
+  EXPECT_EQ(tavtest::traced(0, [&] { ldap_perror(ld, "bind"); }).rfind("bind: Invalid credentials\n", 0), 0u);
   int id = ldap_simple_bind(ld, SlapdServer::kRootDn, SlapdServer::kRootPw);  // the message ID, then the result
   LDAPMessage *res = nullptr;
   ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), 0x61);
@@ -184,11 +183,7 @@ TEST(BindRequests, AnonymousAndMethodChecksAndMechanismCase) {
   EXPECT_EQ(get_default_connection(ld)->lc_connected, 0) << "a refused method must send nothing";
   EXPECT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), 0);
   EXPECT_EQ(ldap_sasl_bind_s(ld, nullptr, "external", nullptr, nullptr, nullptr, nullptr), 0);
-  ldap_set_debug_level(1);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ldap_simple_bind_s(ld, "cn=x", "Zq7-Kv3"), 0);
-  const std::string trace = testing::internal::GetCapturedStderr();
-  ldap_set_debug_level(0);
+  const std::string trace = tavtest::traced(1, [&] { EXPECT_EQ(ldap_simple_bind_s(ld, "cn=x", "Zq7-Kv3"), 0); });
   EXPECT_NE(trace.find("pw(***)"), std::string::npos) << trace;
   EXPECT_EQ(trace.find("Zq7-Kv3"), std::string::npos);
   ldap_unbind(ld);
