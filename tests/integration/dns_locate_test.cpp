@@ -18,6 +18,7 @@
 #include "process.h"
 #include "shared_object.h"
 #include "slapd_server.h"
+#include "trace_watch.h"
 
 using namespace tavtest;
 using namespace tavtest::dns;
@@ -254,11 +255,8 @@ TEST_F(DnsLocate, ScriptedFaultsGiveTheirCodes) {
     Request q{.domains = {"s.test"}, .servers = {"127.0.0.2"}, .ctype = c.ctype, .timeout = 1};
     q.key = "_ldap";
     q.proto = "_tcp";
-    ldap_set_debug_level(0xffff);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(locate(q), std::make_pair(c.rc, std::string(c.servers)));
-    const std::string trace = testing::internal::GetCapturedStderr();
-    ldap_set_debug_level(0);
+    const std::string trace =
+        traced(0xffff, [&] { EXPECT_EQ(locate(q), std::make_pair(c.rc, std::string(c.servers))); });
     EXPECT_NE(trace.find(c.trace), std::string::npos) << trace;
     std::string seen;
     for (const Q &x : peer.queries())

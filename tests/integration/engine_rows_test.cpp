@@ -14,6 +14,7 @@
 #include "ldap-update.h"
 #include "ldap_requests.h"
 #include "slapd_suite.h"
+#include "trace_watch.h"
 
 using tavtest::SlapdServer;
 
@@ -200,16 +201,14 @@ TEST(EngineConnect, AConnectionThatFailedIsNotTriedAgainByAWriterThatWasWaiting)
   ASSERT_NE(ld, nullptr);
   pthread_mutex_t *write_lock = &ld->ld_defconn->lc_write_mutex;
   pthread_mutex_lock(write_lock);
-  ldap_set_debug_level(0xffffffffu);
-  testing::internal::CaptureStderr();
   int codes[2] = {0, 0};
-  std::vector<std::thread> writers;
-  for (int &code : codes) writers.emplace_back([&] { code = ldap_simple_bind_s(ld, nullptr, nullptr); });
-  while (active_ops(ld) < 2) std::this_thread::yield();
-  pthread_mutex_unlock(write_lock);
-  for (auto &w : writers) w.join();
-  const std::string trace = testing::internal::GetCapturedStderr();
-  ldap_set_debug_level(0);
+  const std::string trace = tavtest::traced(0xffffffffu, [&] {
+    std::vector<std::thread> writers;
+    for (int &code : codes) writers.emplace_back([&] { code = ldap_simple_bind_s(ld, nullptr, nullptr); });
+    while (active_ops(ld) < 2) std::this_thread::yield();
+    pthread_mutex_unlock(write_lock);
+    for (auto &w : writers) w.join();
+  });
   EXPECT_EQ(codes[0], LDAP_SERVER_DOWN);
   EXPECT_EQ(codes[1], LDAP_SERVER_DOWN);
   size_t connects = 0;

@@ -117,33 +117,26 @@ TEST_F(Referrals, SearchesFollowReferencesAndReferralsOrHandThemBack) {
   }
 }
 
-TEST_F(Referrals, HopLimitBoundsTheChase) {
-  // With no hops left the first referral is not followed.
-  servers->reset_rebinds();
-  LDAP *ld = servers->session(true);
-  int none = 0;
-  ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REFHOPLIMIT, &none), 0);
-  LDAPMessage *res = nullptr;
+// With no hops left the first referral is not followed and the rebind
+// procedure is never asked; with hops it is asked once and told to free once.
+TEST_F(Referrals, HopLimitBoundsTheChaseAndTheRebindProcedureIsAskedAndToldToFree) {
   const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
-  ASSERT_EQ(ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res), 0);
-  EXPECT_EQ(dns_of(ld, res).size(), 3u);  // A's own entries only
-  EXPECT_EQ(final_of(ld, res).second,
-            "Referral:\n" + ReferralServers::url(servers->port_b(), ReferralServers::branch()) + "??sub\n");
-  ldap_msgfree(res);
-  EXPECT_EQ(servers->rebinds(), 0);
-  ldap_unbind(ld);
-}
-
-TEST_F(Referrals, RebindProcedureIsAskedAndToldToFree) {
-  servers->reset_rebinds();
-  LDAP *ld = servers->session(true);
-  LDAPMessage *res = nullptr;
-  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
-  ASSERT_EQ(ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res), 0);
-  ldap_msgfree(res);
-  EXPECT_EQ(servers->rebinds(), 1);
-  EXPECT_EQ(servers->rebind_frees(), 1);
-  ldap_unbind(ld);
+  for (int hops : {0, 10}) {
+    SCOPED_TRACE(hops);
+    servers->reset_rebinds();
+    LDAP *ld = servers->session(true);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REFHOPLIMIT, &hops), 0);
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res), 0);
+    EXPECT_EQ(dns_of(ld, res).size(), hops ? 6u : 3u);  // A's own entries only without hops
+    EXPECT_EQ(
+        final_of(ld, res).second,
+        hops ? "" : "Referral:\n" + ReferralServers::url(servers->port_b(), ReferralServers::branch()) + "??sub\n");
+    ldap_msgfree(res);
+    EXPECT_EQ(std::make_pair(servers->rebinds(), servers->rebind_frees()),
+              hops ? std::make_pair(1, 1) : std::make_pair(0, 0));
+    ldap_unbind(ld);
+  }
 }
 
 TEST_F(Referrals, UpdatesAreRedoneWhereTheReferralPoints) {
@@ -213,9 +206,6 @@ TEST_F(Referrals, UrlSearchRunsOnTheServerItNames) {
   }
 }
 
-}  // namespace
-
-namespace {
 TEST_F(Referrals, VersionTwoFollowsTheReferralText) {
   // slapd answers a version-2 search with partial results whose text lists
   // the referrals ("Referral:\n" and one URL a line).
@@ -237,6 +227,7 @@ TEST_F(Referrals, VersionTwoFollowsTheReferralText) {
     ldap_unbind(ld);
   }
 }
+
 TEST_F(Referrals, EveryFailingAllocationOfAChasedSearchEndsInADesignedCode) {
   const std::set<int> documented = {0,
                                     LDAP_SERVER_DOWN,

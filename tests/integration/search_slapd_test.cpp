@@ -84,13 +84,9 @@ TEST_F(Search, EveryFilterFormSelectsExactlyItsEntries) {
                                                          {"(description=a\\2ab)", "0: f1"},
                                                          {"(description=\\00)", "0: f2"},
                                                          {"(cn=\\41nn Lee)", "0: f1"},
-                                                         // Refused before anything is sent.
-                                                         {"(uid=f1", "87:"},
-                                                         {"(uid=f1))", "87:"},
-                                                         {"uid", "87:"},
-                                                         {"(description=\\zz)", "87:"},
-                                                         {"(cn:=x)", "87:"},
-                                                         {"(&(uid=f1)x)", "87:"}};
+                                                         // Refused before anything is sent (the
+                                                         // malformed forms: filter_encoder_test).
+                                                         {"(uid=f1", "87:"}};
   for (const auto &[filter, want] : cases) EXPECT_EQ(uids(filter), want) << filter;
   EXPECT_EQ(ldap_search(ld, kFilters, 1, "(uid=f1", nullptr, 0), -1);
   EXPECT_EQ(ldap_get_errno(ld), LDAP_FILTER_ERROR);

@@ -24,13 +24,13 @@
 #include "ldap_requests.h"
 #include "process.h"
 #include "slapd_suite.h"
+#include "trace_watch.h"
 
 using tavtest::SlapdServer;
 
 namespace {
 
 constexpr const char *kKdbPassword = "kdb-pass";
-constexpr const char *kWhoAmI = "1.3.6.1.4.1.4203.1.11.3";
 
 std::string keydb_tool(const std::vector<std::string> &args) {
   std::vector<std::string> argv = {TAV_KEYDB_TOOL};
@@ -72,37 +72,12 @@ void load_from_build() {
   unsetenv("TAVLIB_SHIPPED_KCL");
 }
 
-struct Trace {
-  Trace() {
-    ldap_set_debug_level(0xffff);
-    testing::internal::CaptureStderr();
-  }
-  std::string stop() {
-    std::string t = testing::internal::GetCapturedStderr();
-    ldap_set_debug_level(0);
-    return t;
-  }
-};
-
 int count_entries(LDAP *ld, int scope) {
   LDAPMessage *res = nullptr;
   int rc = ldap_search_s(ld, SlapdServer::kSuffix, scope, "(objectClass=*)", nullptr, 0, &res);
   int n = rc == 0 ? ldap_count_entries(ld, res) : -1;
   ldap_msgfree(res);
   return n;
-}
-
-std::string who_am_i(LDAP *ld) {
-  std::string op = std::string("\x77") + static_cast<char>(2 + strlen(kWhoAmI)) + '\x80' +
-                   static_cast<char>(strlen(kWhoAmI)) + kWhoAmI;
-  int id = tavtest::send_raw_op(ld, 0x77, op);
-  LDAPMessage *res = nullptr;
-  if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x78) return "?";
-  struct berval *authzid = nullptr;
-  if (ldap_parse_extended_result(ld, res, nullptr, &authzid, 1) != 0 || authzid == nullptr) return "?";
-  std::string who(authzid->bv_val, authzid->bv_len);
-  fber_bvfree(authzid);
-  return who;
 }
 
 std::string string_option(LDAP *ld, int option, int *rc) {
@@ -235,7 +210,8 @@ TEST_F(SslSlapd, ClientCertificateChosenByLabelIsTheSaslExternalIdentity) {
   ASSERT_EQ(ldap_sasl_bind_s(ld, nullptr, "EXTERNAL", &empty, nullptr, nullptr, nullptr), 0);
   int rc = -1;
   EXPECT_EQ(string_option(ld, LDAP_OPT_SSL_CLIENT_LABEL, &rc), "tls-client");
-  EXPECT_EQ(strcasecmp(who_am_i(ld).c_str(), "dn:uid=user1,ou=People,dc=example,dc=com"), 0) << who_am_i(ld);
+  const std::string who = tavtest::whoami(ld);
+  EXPECT_EQ(strcasecmp(who.c_str(), "dn:uid=user1,ou=People,dc=example,dc=com"), 0) << who;
   EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
@@ -275,10 +251,10 @@ TEST_F(SslSlapd, EnvironmentFailuresGiveTheirCodes) {
     EXPECT_EQ(ldap_ssl_current_env(), nullptr) << c.what << ": a failed environment is not kept";
     EXPECT_EQ(ldap_ssl_init_count(), 0) << c.what;
   }
-  Trace trace;
   int code = -1;
-  ldap_ssl_environment_init(keys->nostash().c_str(), nullptr, 0, &code);
-  EXPECT_NE(trace.stop().find("set stash file name=[" + keys->dir.file("nostash.sth") + "]"), std::string::npos);
+  const std::string t =
+      tavtest::traced(0xffff, [&] { ldap_ssl_environment_init(keys->nostash().c_str(), nullptr, 0, &code); });
+  EXPECT_NE(t.find("set stash file name=[" + keys->dir.file("nostash.sth") + "]"), std::string::npos);
 }
 
 // Connection failures: the handshake or the toolkit refuses; the session
@@ -311,9 +287,7 @@ TEST_F(SslSlapd, ConnectionFailuresGiveTheirCodes) {
     if (c.cipher) {
       ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SSL_CIPHER, c.cipher), 0);
     }
-    Trace trace;
-    EXPECT_EQ(open_default_connection(ld), c.rc) << c.what;
-    std::string t = trace.stop();
+    const std::string t = tavtest::traced(0xffff, [&] { EXPECT_EQ(open_default_connection(ld), c.rc) << c.what; });
     EXPECT_NE(t.find(c.trace), std::string::npos) << c.what << "\n" << t;
     EXPECT_EQ(ld->ld_defconn->lc_sb.sb_ssl, nullptr) << c.what;
     if (c.rc == LDAP_SSL_HANDSHAKE_FAILED) {
@@ -343,9 +317,7 @@ TEST_F(SslSlapd, EnvironmentReplacedWhileSessionsUseTheOldOne) {
 
   char first_text[32];
   snprintf(first_text, sizeof first_text, "%p", (void *)first);
-  Trace trace;
-  EXPECT_EQ(ldap_unbind(old_session), 0);
-  std::string t = trace.stop();
+  std::string t = tavtest::traced(0xffff, [&] { EXPECT_EQ(ldap_unbind(old_session), 0); });
   EXPECT_NE(
       t.find(std::string("deleteTavEnvRef: Reset Tavlib environment reference count for ") + first_text + " to 0."),
       std::string::npos)
@@ -353,12 +325,12 @@ TEST_F(SslSlapd, EnvironmentReplacedWhileSessionsUseTheOldOne) {
   EXPECT_NE(t.find(std::string(" and free ") + first_text), std::string::npos) << "the old environment is closed\n"
                                                                                << t;
 
-  Trace trace2;
-  EXPECT_EQ(ldap_unbind(new_session), 0);
-  EXPECT_EQ(ldap_ssl_current_env(), second) << "the current environment stays";
-  // A third environment replaces the unused second one at once.
-  EXPECT_EQ(ldap_ssl_environment_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
-  t = trace2.stop();
+  t = tavtest::traced(0xffff, [&] {
+    EXPECT_EQ(ldap_unbind(new_session), 0);
+    EXPECT_EQ(ldap_ssl_current_env(), second) << "the current environment stays";
+    // A third environment replaces the unused second one at once.
+    EXPECT_EQ(ldap_ssl_environment_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  });
   EXPECT_EQ(t.find("freeTavEnvRef"), t.rfind("freeTavEnvRef")) << "only the second environment is closed\n" << t;
   EXPECT_NE(t.find("createTavEnvRef: Delete unused Tavlib environment reference."), std::string::npos) << t;
 }
@@ -429,9 +401,8 @@ TEST_F(SslExpiredServer, ExpiredServerCertificateFailsTheHandshake) {
   ASSERT_EQ(keys.error, "");
   ASSERT_EQ(ldap_ssl_client_init(keys.good().c_str(), kKdbPassword, 0, nullptr), 0);
   LDAP *ld = ldap_ssl_init("127.0.0.1", slapd->tls_port(), nullptr);
-  Trace trace;
-  EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED);
-  std::string t = trace.stop();
+  const std::string t =
+      tavtest::traced(0xffff, [&] { EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED); });
   EXPECT_NE(t.find("tav_secure_soc_init() rc=401 Bad date"), std::string::npos) << t;
   EXPECT_EQ(ldap_unbind(ld), 0);
 }
@@ -455,11 +426,10 @@ TEST_F(SslPeer, ServerThatNeverAnswersTheHandshakeFailsAfterTheBudget) {
   server.start();
   ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
   LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
-  Trace trace;
   auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED);
+  const std::string t =
+      tavtest::traced(0xffff, [&] { EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED); });
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  std::string t = trace.stop();
   EXPECT_GE(seconds, 4.5);
   EXPECT_LT(seconds, 20.0);
   // The budget is 5 s; the trace says how long the wait took (4.9... or 5.0... on a loaded machine).
@@ -477,9 +447,8 @@ TEST_F(SslPeer, AbortInTheToolkitDuringTheHandshakeBecomes116) {
   server.start();
   ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
   LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
-  Trace trace;
-  EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED);
-  std::string t = trace.stop();
+  const std::string t =
+      tavtest::traced(0xffff, [&] { EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED); });
   EXPECT_NE(t.find("Solaris caught the Tavlib SIGIOT, returning TAV_ERROR_BAD_CERT"), std::string::npos) << t;
   EXPECT_NE(t.find("tav_secure_soc_init() rc=414 Bad certificate"), std::string::npos) << t;
   EXPECT_EQ(ldap_unbind(ld), 0);
@@ -514,10 +483,10 @@ TEST_F(SslPeer, ToolkitLoadingFailuresGive118) {
     c.version ? setenv("TAVLIB_CLIENT_VERSION", c.version, 1) : unsetenv("TAVLIB_CLIENT_VERSION");
     c.local ? setenv("TAVLIB_LOCAL_INSTALL_MODE", "1", 1) : unsetenv("TAVLIB_LOCAL_INSTALL_MODE");
     c.kcl ? setenv("TAVLIB_SHIPPED_KCL", c.kcl, 1) : unsetenv("TAVLIB_SHIPPED_KCL");
-    Trace trace;
     int code = -1;
-    EXPECT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, &code), LDAP_SSL_NOT_AVAILABLE) << c.trace;
-    std::string t = trace.stop();
+    const std::string t = tavtest::traced(0xffff, [&] {
+      EXPECT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, &code), LDAP_SSL_NOT_AVAILABLE) << c.trace;
+    });
     EXPECT_EQ(code, LDAP_SSL_NOT_AVAILABLE);
     EXPECT_NE(t.find(c.trace), std::string::npos) << t;
     EXPECT_EQ(tav_library.load(), nullptr) << c.trace;
@@ -530,10 +499,10 @@ TEST_F(SslPeer, ToolkitLoadingFailuresGive118) {
 
 TEST_F(SslPeer, FipsModeUnavailableIsRetriedWithoutIt) {
   ldap_ssl_set_fips_mode_np(1);
-  int code = -1;
-  Trace trace;
-  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, &code), 0);
-  std::string t = trace.stop();
+  int code = -1, rc = -1;
+  const std::string t =
+      tavtest::traced(0xffff, [&] { rc = ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, &code); });
+  ASSERT_EQ(rc, 0);
   ldap_ssl_set_fips_mode_np(0);
   EXPECT_NE(t.find("prepare_tav_init_data: setting TAV_FIPS_MODE_PROCESSING_ON"), std::string::npos);
   int fips = 0, ssl_fips = 0;
@@ -565,9 +534,10 @@ TEST_F(SslPeer, Pkcs11RecordsAreCheckedBeforeAnyLoading) {
   // A record that passes: the toolkit cannot load the device's driver.
   LDAP_PKCS11_PARMS ok = {lib, label, pw, 1, 5};
   int code = -1;
-  Trace trace;
-  EXPECT_EQ(ldap_ssl_pkcs11_client_init(keys->good().c_str(), kKdbPassword, 0, &code, &ok), LDAP_SSL_INITIALIZE_FAILED);
-  std::string t = trace.stop();
+  const std::string t = tavtest::traced(0xffff, [&] {
+    EXPECT_EQ(ldap_ssl_pkcs11_client_init(keys->good().c_str(), kKdbPassword, 0, &code, &ok),
+              LDAP_SSL_INITIALIZE_FAILED);
+  });
   EXPECT_EQ(code, 429);
   size_t rsa = t.find("Setting ENUM ID [417] to [553]"), ncipher = t.find("Setting ENUM ID [417] to [549]");
   EXPECT_NE(rsa, std::string::npos);

@@ -45,24 +45,17 @@ int main(int argc, char **argv) {
   printf("SASL EXTERNAL bind with the certificate labelled \"%s\": rc=%d\n", argv[4], rc);
   if (rc != 0) return failed("bind", rc);
 
-  const char *whoami = "1.3.6.1.4.1.4203.1.11.3";
-  std::string op =
-      std::string("\x77") + static_cast<char>(2 + strlen(whoami)) + '\x80' + static_cast<char>(strlen(whoami)) + whoami;
-  int id = tavtest::send_raw_op(ld, 0x77, op);
-  LDAPMessage *res = nullptr;
-  struct berval *authzid = nullptr;
-  if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x78 ||
-      ldap_parse_extended_result(ld, res, nullptr, &authzid, 1) != 0 || authzid == nullptr)
-    return failed("Who am I?", ldap_get_errno(ld));
-  printf("Who am I?  %.*s\n", (int)authzid->bv_len, authzid->bv_val);
-  fber_bvfree(authzid);
+  const std::string who = tavtest::whoami(ld);
+  if (who.empty()) return failed("Who am I?", ldap_get_errno(ld));
+  printf("Who am I?  %s\n", who.c_str());
 
   printf("cipher in use: %s\nkey database: %s\nclient label: %s\nserver names: %s (common name %s)\n",
          option(ld, LDAP_OPT_SSL_CURRENT_CIPHER).c_str(), option(ld, LDAP_OPT_SSL_KEYDB).c_str(),
          option(ld, LDAP_OPT_SSL_CLIENT_LABEL).c_str(), option(ld, LDAP_OPT_SSL_CERT_ALTNAME).c_str(),
          option(ld, LDAP_OPT_SSL_CERT_ALTNAME2).c_str());
 
-  id = tavtest::send_search(ld, argv[5], LDAP_SCOPE_ONELEVEL);
+  LDAPMessage *res = nullptr;
+  const int id = tavtest::send_search(ld, argv[5], LDAP_SCOPE_ONELEVEL);
   if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x65) return failed("search", ldap_get_errno(ld));
   printf("one-level search under %s over ldaps:\n", argv[5]);
   for (LDAPMessage *e = ldap_first_entry(ld, res); e != nullptr; e = ldap_next_entry(ld, e))

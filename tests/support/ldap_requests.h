@@ -29,6 +29,9 @@ inline std::string search_reference(int msgid, const std::string &url) { return 
 std::string entry_dn(LDAPMessage *entry);
 // The message ID of a request as the fake server received it.
 int request_msgid(const std::string &pdu);
+// The session's identity as the server's Who am I? operation answers it, or
+// "" when it does not.
+std::string whoami(LDAP *ld);
 
 }  // namespace tavtest
 

@@ -31,20 +31,6 @@ inline void use_config(const std::string &dir, const std::string &text) {
   ldap_conf_forget();
 }
 
-// The session's identity as the server's Who am I? operation answers it, or
-// "" when it does not.
-inline std::string whoami(LDAP *ld) {
-  int id = send_raw_op(ld, 0x77, tlv(0x77, tlv(0x80, "1.3.6.1.4.1.4203.1.11.3")));
-  LDAPMessage *res = nullptr;
-  struct berval *authzid = nullptr;
-  if (ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x78 ||
-      ldap_parse_extended_result(ld, res, nullptr, &authzid, 1) != 0 || authzid == nullptr)
-    return "";
-  std::string who(authzid->bv_val, authzid->bv_len);
-  fber_bvfree(authzid);
-  return who;
-}
-
 }  // namespace tavtest
 
 #endif

@@ -1,5 +1,6 @@
 #include "trace_watch.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -9,6 +10,15 @@
 #include "ldap-debug.h"
 
 namespace tavtest {
+
+std::string traced(uint32_t mask, const std::function<void()> &run) {
+  ldap_set_debug_level(mask);
+  testing::internal::CaptureStderr();
+  run();
+  std::string text = testing::internal::GetCapturedStderr();
+  ldap_set_debug_level(0);
+  return text;
+}
 
 TraceWatch::TraceWatch(uint32_t mask) {
   int fds[2];

@@ -6,11 +6,16 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
 
 namespace tavtest {
+
+// What the library traces under `mask` while `run` runs: standard error is
+// captured for the call and the trace turned off after it.
+std::string traced(uint32_t mask, const std::function<void()> &run);
 
 class TraceWatch {
  public:

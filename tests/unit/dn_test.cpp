@@ -14,6 +14,7 @@
 #include "ldap-dn.h"
 #include "ldap-utils.h"
 #include "process.h"
+#include "trace_watch.h"
 
 namespace {
 
@@ -145,18 +146,15 @@ TEST(DnExplode, ListsUserFriendlyFormAndDottedNames) {
 }
 
 TEST(DnTrace, TransitionsUnderTheDnCategoryAndBadInputAlways) {
-  ldap_set_debug_level(0x0800);
-  testing::internal::CaptureStderr();
-  form(0, "cn =a,oid.1=b");
-  form(2, "");
-  std::string dn_trace = testing::internal::GetCapturedStderr();
-  ldap_set_debug_level(0x0001);
-  testing::internal::CaptureStderr();
-  form(4, "cn=a,oid.1.x=b");
-  form(0, "cn;x=a");
-  form(0, "cn=a=b");
-  std::string any_trace = testing::internal::GetCapturedStderr();
-  ldap_set_debug_level(0);
+  const std::string dn_trace = tavtest::traced(0x0800, [] {
+    form(0, "cn =a,oid.1=b");
+    form(2, "");
+  });
+  const std::string any_trace = tavtest::traced(0x0001, [] {
+    form(4, "cn=a,oid.1.x=b");
+    form(0, "cn;x=a");
+    form(0, "cn=a=b");
+  });
 
   for (const char *line :
        {"Start in state B4TYPE.\n", "\nState tx B4TYPE -> INIDENT.\n", "\nState tx INIDENT -> AFTERTYPE.\n",

@@ -6,13 +6,12 @@
 
 #include "ldap-int.h"
 #include "ldap-utils.h"
+#include "trace_watch.h"
 
 namespace {
 
 std::string perror_text(LDAP *ld, const char *prefix) {
-  testing::internal::CaptureStderr();
-  ldap_perror(ld, prefix);
-  return testing::internal::GetCapturedStderr();
+  return tavtest::traced(0, [&] { ldap_perror(ld, prefix); });
 }
 
 TEST(ErrorCodes, EveryCodeHasItsMessageAndGapsAreUnknown) {

@@ -7,6 +7,7 @@
 
 #include "ldap-debug.h"
 #include "ldap-lock.h"
+#include "trace_watch.h"
 
 namespace {
 
@@ -16,21 +17,19 @@ void (*const unlock[])(void) = {ldap_unlock_config, ldap_unlock_defaults, ldap_u
 TEST(ProcessLocks, FirstUseCreatesAllFourOnceAndEachExcludesOtherThreads) {
   // Runs first in its own process (each test is its own ctest invocation).
   ASSERT_EQ(ldap_process_mutexes_created(), 0);
-  ldap_set_debug_level(0x0200);  // mutex creation lines
-  testing::internal::CaptureStderr();
-  std::vector<std::thread> threads;
-  long counters[4] = {};  // each guarded only by the lock under test; TSan checks it
-  for (int t = 0; t < 8; ++t)
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 2000; ++i) {
-        lock[t % 4]();
-        ++counters[t % 4];
-        unlock[t % 4]();
-      }
-    });
-  for (auto &t : threads) t.join();
-  std::string trace = testing::internal::GetCapturedStderr();
-  ldap_set_debug_level(0);
+  long counters[4] = {};                                   // each guarded only by the lock under test; TSan checks it
+  const std::string trace = tavtest::traced(0x0200, [&] {  // mutex creation lines
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+      threads.emplace_back([&, t] {
+        for (int i = 0; i < 2000; ++i) {
+          lock[t % 4]();
+          ++counters[t % 4];
+          unlock[t % 4]();
+        }
+      });
+    for (auto &t : threads) t.join();
+  });
   EXPECT_EQ(ldap_process_mutexes_created(), 4);
   std::regex line(R"(T\d+ MUTEX 0x[0-9a-f]+ libraries/libldap/ldap_lock\.cpp \d+\n)");
   EXPECT_EQ(std::distance(std::sregex_iterator(trace.begin(), trace.end(), line), std::sregex_iterator()), 4) << trace;
@@ -51,16 +50,12 @@ TEST(CheckedMutex, FailuresAreTracedAndBecomeLockError) {
   pthread_mutexattr_init(&attr);
   pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
   pthread_mutex_init(&m, &attr);
-  ldap_set_debug_level(0x8000);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(LDAP_MUTEX_UNLOCK(&m), LDAP_LOCK_ERROR);  // not owned
-  {
+  const std::string trace = tavtest::traced(0x8000, [&] {
+    EXPECT_EQ(LDAP_MUTEX_UNLOCK(&m), LDAP_LOCK_ERROR);  // not owned
     LDAP_LOCK_GUARD(g, &m);
     EXPECT_TRUE(g.ok());
     EXPECT_EQ(LDAP_MUTEX_LOCK(&m), LDAP_LOCK_ERROR);  // already owned: EDEADLK
-  }
-  std::string trace = testing::internal::GetCapturedStderr();
-  ldap_set_debug_level(0);
+  });
   for (const char *what : {"unlock", "lock"})
     EXPECT_NE(trace.find(std::string("Error in pthread_mutex_") + what + " at File tests/unit/lock_test.cpp, Line"),
               std::string::npos)

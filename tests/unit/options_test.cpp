@@ -10,6 +10,7 @@
 #include "ldap-debug.h"
 #include "ldap-int.h"
 #include "ldap-utils.h"
+#include "trace_watch.h"
 
 namespace {
 
@@ -183,23 +184,21 @@ TEST_F(Options, ApiAndFeatureInformation) {
 
 TEST(DefaultHandle, NullSessionAddressesOneDefaultHandleMadeOnce) {
   // Each test runs in its own process, so this is the first use.
-  ldap_set_debug_level(0x0200);  // mutex creation lines
-  testing::internal::CaptureStderr();
-  std::vector<std::thread> threads;
-  std::atomic<int> go{0};
   std::vector<LDAP *> seen(16);
-  for (int i = 0; i < 16; ++i)
-    threads.emplace_back([&, i] {
-      while (!go) std::this_thread::yield();
-      int v = 0;
-      EXPECT_EQ(ldap_get_option(nullptr, LDAP_OPT_PROTOCOL_VERSION, &v), 0);
-      EXPECT_EQ(v, 3);
-      seen[i] = ld_set_global_default();
-    });
-  go = 1;
-  for (auto &t : threads) t.join();
-  std::string trace = testing::internal::GetCapturedStderr();
-  ldap_set_debug_level(0);
+  const std::string trace = tavtest::traced(0x0200, [&] {  // mutex creation lines
+    std::vector<std::thread> threads;
+    std::atomic<int> go{0};
+    for (int i = 0; i < 16; ++i)
+      threads.emplace_back([&, i] {
+        while (!go) std::this_thread::yield();
+        int v = 0;
+        EXPECT_EQ(ldap_get_option(nullptr, LDAP_OPT_PROTOCOL_VERSION, &v), 0);
+        EXPECT_EQ(v, 3);
+        seen[i] = ld_set_global_default();
+      });
+    go = 1;
+    for (auto &t : threads) t.join();
+  });
   for (LDAP *p : seen) EXPECT_EQ(p, seen[0]);
   std::regex options_mutex(R"(MUTEX 0x[0-9a-f]+ libraries/libldap/ldap_options\.cpp \d+\n)");
   EXPECT_EQ(std::distance(std::sregex_iterator(trace.begin(), trace.end(), options_mutex), std::sregex_iterator()), 2)

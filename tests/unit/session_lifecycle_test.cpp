@@ -11,6 +11,7 @@
 #include "ldap-debug.h"
 #include "ldap-int.h"
 #include "ldap-utils.h"
+#include "trace_watch.h"
 
 namespace {
 
@@ -147,11 +148,8 @@ TEST(OperationBracket, UnbindWaitsForRunningOperationsAndRefusesNewOnes) {
   while (!unbind_started(ld)) std::this_thread::yield();
   EXPECT_EQ(unbind_rc, -1) << "unbind returned while operations were running";
   std::thread([&] {
-    ldap_set_debug_level(0x8000);  // failures only
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(ldap_start_operation(ld), LDAP_PARAM_ERROR);
-    std::string trace = testing::internal::GetCapturedStderr();
-    ldap_set_debug_level(0);
+    // Failures only.
+    const std::string trace = tavtest::traced(0x8000, [&] { EXPECT_EQ(ldap_start_operation(ld), LDAP_PARAM_ERROR); });
     EXPECT_NE(trace.find("ldap_start_operation: unbind started\n"), std::string::npos) << trace;
     EXPECT_EQ(ldap_get_errno(ld), -1);
   }).join();
@@ -180,11 +178,7 @@ TEST(SessionTrace, DecisionsAreTracedWithTheirTexts) {
        {"olx_getaddrinfo: host(no-such-host..invalid), port(389), res(0x", "getaddrinfo failed. \n",
         "open_connection: entered sb(0x"}}};
   for (const auto &[scenario, lines] : cases) {
-    ldap_set_debug_level(0xffff);
-    testing::internal::CaptureStderr();
-    scenario();
-    std::string trace = testing::internal::GetCapturedStderr();
-    ldap_set_debug_level(0);
+    const std::string trace = tavtest::traced(0xffff, scenario);
     for (const auto &line : lines) EXPECT_NE(trace.find(line), std::string::npos) << line << "\nin:\n" << trace;
   }
 }

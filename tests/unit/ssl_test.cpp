@@ -14,6 +14,7 @@
 #include "ldap-debug.h"
 #include "ldap-ssl.h"
 #include "ldap-utils.h"
+#include "trace_watch.h"
 
 namespace {
 
@@ -134,11 +135,8 @@ TEST(SslToolkitName, AllocationFailuresGiveNull) {
 TEST(SslLoader, EdgesAndUnloadedToolkit) {
   EXPECT_EQ(ldap_dlsym(nullptr, "x"), nullptr);
   EXPECT_EQ(ldap_dlclose(nullptr), 80);
-  ldap_set_debug_level(0xffffffffu);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(ldap_dlopen("/nonexistent/lib.so", 0), nullptr);
-  const std::string trace = testing::internal::GetCapturedStderr();
-  ldap_set_debug_level(0);
+  const std::string trace =
+      tavtest::traced(0xffffffffu, [] { EXPECT_EQ(ldap_dlopen("/nonexistent/lib.so", 0), nullptr); });
   EXPECT_NE(trace.find("dlopen(/nonexistent/lib.so," + std::to_string(RTLD_NOW | RTLD_GLOBAL) + ") failed at 190 in "),
             std::string::npos)
       << trace;

@@ -14,6 +14,7 @@
 #include "fber-stream.h"
 #include "ldap-debug.h"
 #include "ldap-utils.h"
+#include "trace_watch.h"
 
 using namespace tavtest;
 
@@ -138,16 +139,14 @@ TEST(StreamWrite, LargeElementGoesOutInPiecesAndResumesAfterWouldBlock) {
   for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>('a' + i % 26);
   Ber ber(fber_alloc_t(0));
   ASSERT_EQ(fber_write(ber.get(), payload.data(), payload.size()), 100000);
-  ldap_set_debug_level(0x10);
-  testing::internal::CaptureStderr();
   int rc, would_block = 0;
   std::string got;
-  while ((rc = fber_flush_nb(&p.sb, ber.get())) == -11) {
-    ++would_block;
-    got += p.peer_reads();  // the peer takes what is there; the next flush goes on
-  }
-  std::string trace = testing::internal::GetCapturedStderr();
-  ldap_set_debug_level(0);
+  const std::string trace = tavtest::traced(0x10, [&] {
+    while ((rc = fber_flush_nb(&p.sb, ber.get())) == -11) {
+      ++would_block;
+      got += p.peer_reads();  // the peer takes what is there; the next flush goes on
+    }
+  });
   EXPECT_EQ(rc, 0);
   EXPECT_GT(would_block, 0);
   EXPECT_TRUE(std::regex_search(trace, std::regex("fber_flush_nb: 100000 bytes to sd=\\d+\n")));
@@ -170,20 +169,18 @@ TEST(StreamTrace, DumpsNeverShowPasswords) {
       {seq4(0x30, integer(2) + seq4(0x60, integer(3) + str("") + seq4(0xA3, str("PLAIN") + str(pw)))), false},
       {tlv(0x30, integer(3) + tlv(0x64, str("cn=u") + tlv(0x30, tlv(0x30, str("userPassword") + tlv(0x31, str(pw)))))),
        true}};
-  ldap_set_debug_level(0xFFFF);
-  testing::internal::CaptureStderr();
-  for (const auto &[pdu, read_back] : pdus) {
-    Pair p;
-    Ber out(fber_alloc_t(0));
-    fber_write(out.get(), pdu.data(), pdu.size());
-    ASSERT_EQ(fber_flush_nb(&p.sb, out.get()), 0);
-    if (read_back) {
-      p.peer_writes(p.peer_reads());  // back to the library's end
-      ASSERT_EQ(p.next(), 0x30u);
+  const std::string trace = tavtest::traced(0xFFFF, [&] {
+    for (const auto &[pdu, read_back] : pdus) {
+      Pair p;
+      Ber out(fber_alloc_t(0));
+      fber_write(out.get(), pdu.data(), pdu.size());
+      EXPECT_EQ(fber_flush_nb(&p.sb, out.get()), 0);
+      if (read_back) {
+        p.peer_writes(p.peer_reads());  // back to the library's end
+        EXPECT_EQ(p.next(), 0x30u);
+      }
     }
-  }
-  const std::string trace = testing::internal::GetCapturedStderr();
-  ldap_set_debug_level(0);
+  });
   auto all = dumps(trace);
   ASSERT_EQ(all.size(), 4u) << trace;
   for (const auto &d : all) {
