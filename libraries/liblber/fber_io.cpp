@@ -27,20 +27,31 @@ inline int32_t *settings_slots(const BerElement *ber) {
 
 inline char *inline_buffer(BerElement *ber) { return reinterpret_cast<char *>(ber + 1) + kSettingsBytes; }
 
+void init_record(BerElement *ber, size_t inline_size) {
+  memset(ber, 0, sizeof(*ber));
+  ber->ber_buf = ber->ber_ptr = inline_buffer(ber);
+  ber->ber_end = ber->ber_buf + inline_size;
+  ber->ber_tag = LBER_DEFAULT;
+  ber->ber_options = FBER_MARK;
+}
+
 BerElement *allocate(size_t inline_size, bool with_stack) {
   const size_t stack_at = stack_offset(inline_size);
   auto *ber = static_cast<BerElement *>(olx_malloc(with_stack ? stack_at + kStackBytes : stack_at));
   if (ber == nullptr) return nullptr;
-  memset(ber, 0, sizeof(*ber));
-  ber->ber_buf = ber->ber_ptr = inline_buffer(ber);
-  ber->ber_end = ber->ber_buf + inline_size;
+  init_record(ber, inline_size);
   if (with_stack) {
     ber->ber_sos = reinterpret_cast<uint32_t *>(reinterpret_cast<char *>(ber) + stack_at);
     ber->ber_sos[0] = 0;
   }
-  ber->ber_tag = LBER_DEFAULT;
-  ber->ber_options = FBER_MARK;
   return ber;
+}
+
+void set_settings(BerElement *ber, int noxlate, int version) {
+  ber->ber_noxlate = settings_slots(ber);
+  ber->ber_version = settings_slots(ber) + 1;
+  *ber->ber_noxlate = noxlate;
+  *ber->ber_version = version;
 }
 
 // Encoded lengths are at most 4 octets, so no element may grow past this.
@@ -130,10 +141,16 @@ BerElement *fber_alloc(void) { return fber_alloc_t(FBER_INLINE_SIZE); }
 BerElement *fber_alloc_with_options(int for_reading, int noxlate, int version) {
   BerElement *ber = for_reading ? allocate(0, false) : fber_alloc();
   if (ber == nullptr) return nullptr;
-  ber->ber_noxlate = settings_slots(ber);
-  ber->ber_version = settings_slots(ber) + 1;
-  *ber->ber_noxlate = noxlate;
-  *ber->ber_version = version;
+  set_settings(ber, noxlate, version);
+  return ber;
+}
+
+size_t fber_reading_size(void) { return stack_offset(0); }
+
+BerElement *fber_init_reading_at(void *memory, int noxlate, int version) {
+  auto *ber = static_cast<BerElement *>(memory);
+  init_record(ber, 0);
+  set_settings(ber, noxlate, version);
   return ber;
 }
 
@@ -148,7 +165,7 @@ void fber_copy_settings(BerElement *to, const BerElement *from) {
   }
 }
 
-void fber_free(BerElement *ber) {
+void fber_release(BerElement *ber) {
   if (ber == nullptr) return;
   if ((ber->ber_options & 0xFF) & FBER_MARK) {
     if (ber->ber_buf != inline_buffer(ber)) free(ber->ber_buf);
@@ -157,6 +174,10 @@ void fber_free(BerElement *ber) {
   } else {
     free(ber->ber_buf);
   }
+}
+
+void fber_free(BerElement *ber) {
+  fber_release(ber);
   free(ber);
 }
 

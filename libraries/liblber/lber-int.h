@@ -71,6 +71,13 @@ inline bool fber_header_at(const char *p, const char *end, unsigned *tag, ber_le
 extern "C" {
 // Elements and buffers.
 TAV_INTERNAL BerElement *fber_alloc_t(int size);
+// A reading element built in memory its caller owns (fber_reading_size()
+// bytes, aligned for a BerElement), so a received message and its element
+// can be one allocation; fber_release frees what such an element holds but
+// not the element itself (fber_free frees both).
+TAV_INTERNAL size_t fber_reading_size(void);
+TAV_INTERNAL BerElement *fber_init_reading_at(void *memory, int noxlate, int version);
+TAV_INTERNAL void fber_release(BerElement *ber);
 // Gives `to` its own copies of the translation settings `from` has (kept
 // inside `to`'s allocation).
 TAV_INTERNAL void fber_copy_settings(BerElement *to, const BerElement *from);

@@ -28,6 +28,9 @@ struct ldapmsg {
 // stands as the request's final response, and every result parser reads it as
 // LDAP_DECODING_ERROR.  Its lm_ber is not to be read.
 #define LDAP_MSG_UNDECODABLE 0x4
+// lm_flags: the message and its reading element are one allocation (a
+// received message); free_msg releases the element's contents only.
+#define LDAP_MSG_ONE_BLOCK 0x8
 
 // Bytes the readers report when a socket has nothing more for now.
 #define LDAP_WOULD_BLOCK 11
@@ -49,6 +52,9 @@ inline void record_conn_down(LDAP *ld, const LDAPConn *c) {
 extern "C" {
 // Messages and chains.
 TAV_INTERNAL LDAPMessage *ldap_msg_new(LDAPConn *conn);
+// A message to receive into: the message and a reading element with the
+// session's translation settings in one allocation; null without memory.
+TAV_INTERNAL LDAPMessage *ldap_msg_new_reading(LDAP *ld, LDAPConn *conn);
 TAV_INTERNAL void free_msg(LDAPMessage *msg, int all);
 TAV_INTERNAL int ldap_msgfree(LDAPMessage *msg);
 TAV_INTERNAL int ldap_msgfree_direct(LDAPMessage *msg);

@@ -28,11 +28,25 @@ LDAPMessage *ldap_msg_new(LDAPConn *conn) {
   return msg;
 }
 
+LDAPMessage *ldap_msg_new_reading(LDAP *ld, LDAPConn *conn) {
+  constexpr size_t at = (sizeof(LDAPMessage) + alignof(BerElement) - 1) & ~(alignof(BerElement) - 1);
+  auto *msg = static_cast<LDAPMessage *>(olx_calloc(1, at + fber_reading_size()));
+  if (msg == nullptr) return nullptr;
+  msg->lm_msgtype = 0x30;
+  msg->lm_conn = conn;
+  msg->lm_flags = LDAP_MSG_ONE_BLOCK;
+  msg->lm_ber = fber_init_reading_at(reinterpret_cast<char *>(msg) + at, ld->ld_xlate, ld->ld_version);
+  return msg;
+}
+
 void free_msg(LDAPMessage *msg, int all) {
   LDAP_LOG(LDAP_LOG_TRACE, "free_msg: msg(%p), all(%d)\n", (void *)msg, all);
   while (msg != nullptr) {
     LDAPMessage *next = msg->lm_chain;
-    fber_free(msg->lm_ber);
+    if (msg->lm_flags & LDAP_MSG_ONE_BLOCK)
+      fber_release(msg->lm_ber);
+    else
+      fber_free(msg->lm_ber);
     free(msg);
     if (!all) break;
     msg = next;
@@ -43,7 +57,8 @@ int is_last_msg(LDAPMessage *msg) {
   if (msg == nullptr) return 0;
   unsigned int k = (unsigned int)(msg->lm_msgtype - 0x61);
   int last = k < 24 && ((kFinalTypesFrom0x61 >> k) & 1);
-  LDAP_LOG(LDAP_LOG_TRACE, last ? "is_last_msg: returning TRUE, msgid=%d\n" : "is_last_msg: returning FALSE, msgid=%d\n",
+  LDAP_LOG(LDAP_LOG_TRACE,
+           last ? "is_last_msg: returning TRUE, msgid=%d\n" : "is_last_msg: returning FALSE, msgid=%d\n",
            msg->lm_msgid);
   return last;
 }

@@ -221,7 +221,7 @@ void put_msg_in_queue(ldap_msg_table *table, LDAPMessage *msg) {
   if (table->queue_tail != nullptr)
     table->queue_tail->lm_chain = msg;
   else
-    table->queue_head = msg;
+    __atomic_store_n(&table->queue_head, msg, __ATOMIC_RELEASE);
   table->queue_tail = msg;
   LDAP_MUTEX_UNLOCK(&table->queue_mutex);
 }
@@ -274,12 +274,17 @@ int put_msg_in_table(ldap_msg_table *table, LDAPMessage *msg) {
 }
 
 void flush_queue(ldap_msg_table *table) {
+  // Most calls find nothing queued, which needs no lock to see: the head is
+  // stored atomically, and a message queued after this look is sorted by the
+  // next flush (the reader's own, before it wakes anyone).
+  if (__atomic_load_n(&table->queue_head, __ATOMIC_ACQUIRE) == nullptr) return;
   if (LDAP_MUTEX_LOCK(&table->queue_mutex) != 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "flush_queue: failed to lock queue!\n");
     return;
   }
   LDAPMessage *msg = table->queue_head;
-  table->queue_head = table->queue_tail = nullptr;
+  __atomic_store_n(&table->queue_head, nullptr, __ATOMIC_RELAXED);
+  table->queue_tail = nullptr;
   while (msg != nullptr) {
     LDAPMessage *next = msg->lm_chain;
     msg->lm_chain = nullptr;
@@ -303,15 +308,9 @@ int ldap_get_msg_locked(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   LDAPMessage *msg = nullptr;
   ldap_msg_table_pending(table, &msg, 0);
   if (msg == nullptr) {
-    msg = ldap_msg_new(conn);
+    msg = ldap_msg_new_reading(ld, conn);
     if (msg == nullptr) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_msg: Failed with memory error\n");
-    } else if ((msg->lm_ber = ldap_alloc_ber_with_options(ld, 1)) == nullptr) {
-      LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_msg: Failed to alloc memory\n");
-      free_msg(msg, 0);
-      msg = nullptr;
-    }
-    if (msg == nullptr) {
       ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
       return -1;
     }
