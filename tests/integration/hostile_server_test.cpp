@@ -3,6 +3,7 @@
 // request it answers a decoding error (84).
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "fake_server.h"
+#include "ldap-engine.h"
 #include "ldap-search.h"
 #include "ldap-update.h"
 #include "ldap-utils.h"
@@ -274,6 +276,26 @@ TEST(HostileServer, ATimeOutBoundsTheWriteToAServerThatStopsReading) {
   ldap_unbind(ld);
   unsetenv("LDAP_LIB_WRITE_TIMEOUT");
   ldap_reset_write_timeout();
+}
+
+// A call whose time runs out before a byte of its request could be written
+// (the send buffer is full) fails with 85 and leaves the connection usable.
+TEST(HostileServer, ATimeOutBeforeAnyByteIsWrittenLeavesTheConnectionOpen) {
+  FakeServer fake;
+  fake.set_receive_buffer(4096);
+  fake.on_request([](const std::string &) { return reply(result(0x61)); }).gate().hold_until_closed();
+  fake.start();
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  ASSERT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), 0);
+  const std::string filler(65536, '\0');  // the socket is non-blocking: fill it until it refuses
+  while (write(ld->ld_defconn->lc_sb.sb_sd, filler.data(), filler.size()) > 0) {
+  }
+  struct timeval one = {1, 0};
+  LDAPMessage *res = nullptr;
+  EXPECT_EQ(ldap_search_st(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0, &one, &res), LDAP_TIMEOUT);
+  EXPECT_EQ(conn_closed(ld->ld_defconn), 0);
+  fake.open_gate();
+  ldap_unbind(ld);
 }
 
 // Threads waiting on a silent server sleep: one blocks in select, the other
