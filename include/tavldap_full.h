@@ -375,7 +375,9 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursor);
 char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *cursor);
 int ldap_count_attributes(LDAP *ld, LDAPMessage *entry);
 /* The values of one attribute (name without regard to case), null-terminated:
- * as strings (ldap_value_free) or counted byte strings (ldap_value_free_len). */
+ * as strings (ldap_value_free) or counted byte strings (ldap_value_free_len).
+ * A list is freed as a whole: its records may share one allocation, so never
+ * free a single record of it (fber_bvfree) or keep one past the list. */
 char **ldap_get_values(LDAP *ld, LDAPMessage *entry, const char *attr);
 struct berval **ldap_get_values_len(LDAP *ld, LDAPMessage *entry, const char *attr);
 int ldap_count_values(char **vals);
