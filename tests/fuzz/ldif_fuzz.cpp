@@ -25,6 +25,13 @@ void round_trip(const tavldif::Record &r) {
       ++values;
     }
   if (values == 0) return;  // a content record needs an attribute
+  // A record whose first attribute is named "changetype" or "control" cannot
+  // be written as a content record: LDIF reads that line as the keyword.
+  for (const auto &m : r.mods)
+    if (!m.values.empty()) {
+      if (strcasecmp(m.type.c_str(), "changetype") == 0 || strcasecmp(m.type.c_str(), "control") == 0) return;
+      break;
+    }
   tavldif::Reader back(text);
   back.allow_file_values(false);
   tavldif::Record again;
