@@ -6,6 +6,8 @@
 //   (b) 1, 2, 8 and 32 threads sharing one session doing base searches;
 //   (c) peak resident memory of a walked 100000-entry search.
 // Usage: search_bench [people=100000] [runs=5] [seconds-per-thread-run=2]
+//        search_bench serve [people]   keeps the slapd up for profiling the
+//        clients by hand: prints its port, stops at end of input.
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,6 +66,8 @@ ChildRun run_child(const std::string &program, const std::vector<std::string> &a
 }  // namespace
 
 int main(int argc, char **argv) {
+  const bool serve = argc > 1 && strcmp(argv[1], "serve") == 0;
+  if (serve) ++argv, --argc;
   const int people = argc > 1 ? atoi(argv[1]) : 100000;
   const int runs = argc > 2 ? atoi(argv[2]) : 5;
   const char *seconds = argc > 3 ? argv[3] : "2";
@@ -75,6 +79,13 @@ int main(int argc, char **argv) {
   if (!slapd.start(&error)) {
     fprintf(stderr, "search_bench: %s\n", error.c_str());
     return 1;
+  }
+  if (serve) {
+    printf("port %d\n", slapd.port());
+    fflush(stdout);
+    while (getchar() != EOF) {
+    }
+    return 0;
   }
   const std::string dir = bin_dir();
   const std::string clients[2] = {dir + "/search_bench_ours", dir + "/ldap_peer"};

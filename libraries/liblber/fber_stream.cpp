@@ -215,6 +215,7 @@ void fber_sockbuf_release(Sockbuf *sb) {
   free(sb->sb_rbuf);
   sb->sb_rbuf = nullptr;
   sb->sb_rpos = sb->sb_rlen = 0;
+  sb->sb_streak = sb->sb_gathering = 0;
 }
 
 long BerWrite(Sockbuf *sb, const char *bytes, long count) {

@@ -13,6 +13,11 @@ typedef struct sockbuf {
   char *sb_rbuf;
   uint32_t sb_rpos;  // next byte to hand out
   uint32_t sb_rlen;  // bytes held
+  // Batching of long runs of search entries (reader only, like the above):
+  // entries and references read in a row, and whether the socket's receive
+  // low-water mark is raised.
+  uint32_t sb_streak;
+  uint32_t sb_gathering;
 } Sockbuf;
 
 #endif

@@ -164,6 +164,41 @@ TEST(EngineTimeouts, ResponseSplitAcrossATimeOutIsCompletedByTheNextCall) {
   ldap_msgfree(res);
 }
 
+// After a long run of entries the reader waits for a batch of bytes rather
+// than for each entry; what arrives after the run pauses, less than a batch,
+// must still be handed out at once, not after the caller's time-out.
+TEST(EngineTimeouts, ARunOfEntriesThatStopsShortOfABatchIsHandedOutWithoutWaitingOutTheTimeOut) {
+  constexpr int kEntries = 100;
+  FakeServer fake;
+  std::string request;
+  fake.on_request([&](const std::string &r) {
+        request = r;
+        std::string run;
+        for (int i = 0; i < kEntries; ++i) run += search_entry(request_msgid(r), "cn=e" + std::to_string(i));
+        return run;
+      })
+      .gate()
+      .send_lazy([&] { return search_entry(request_msgid(request), "cn=last") + search_done(request_msgid(request)); })
+      .hold_until_closed();
+  fake.start();
+  Session s(fake);
+  int id = tavtest::send_search(s.ld, "cn=x", 2);
+  struct timeval generous = {10, 0};
+  for (int i = 0; i < kEntries; ++i) {
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ONE, &generous, &res), 0x64) << "entry " << i;
+    ldap_msgfree(res);
+  }
+  fake.open_gate();
+  pollfd p{s.sd(), POLLIN, 0};
+  ASSERT_EQ(poll(&p, 1, 20000), 1);  // the tail is waiting in the socket
+  LDAPMessage *res = nullptr;
+  ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, &generous, &res), 0x65);
+  EXPECT_EQ(types_of(res), (std::vector<int>{0x64, 0x65}));
+  EXPECT_EQ(tavtest::entry_dn(res), "cn=last");
+  ldap_msgfree(res);
+}
+
 // The server stops reading; with LDAP_LIB_WRITE_TIMEOUT the blocked write
 // gives up while the server still holds the connection open.
 TEST(EngineFaults, ServerThatStopsReadingFailsTheWriteAfterTheWriteTimeOut) {
