@@ -31,6 +31,11 @@ struct ldapmsg {
 // lm_flags: the message and its reading element are one allocation (a
 // received message); free_msg releases the element's contents only.
 #define LDAP_MSG_ONE_BLOCK 0x8
+// lm_flags: a compact received message: its element's contents follow the
+// record in the same allocation and lm_ber is null; read it through
+// ldap_msg_ber.  Most received messages are compact: a message holds its
+// bytes and little else.
+#define LDAP_MSG_COMPACT 0x10
 
 // Bytes the readers report when a socket has nothing more for now.
 #define LDAP_WOULD_BLOCK 11
@@ -56,6 +61,17 @@ TAV_INTERNAL LDAPMessage *ldap_msg_new(LDAPConn *conn);
 // session's translation settings in one allocation; null without memory.
 TAV_INTERNAL LDAPMessage *ldap_msg_new_reading(LDAP *ld, LDAPConn *conn);
 TAV_INTERNAL void free_msg(LDAPMessage *msg, int all);
+// A compact message holding a copy of one whole received element (`tag`,
+// `len` contents bytes at `contents`) with the session's translation
+// settings; null without memory.
+TAV_INTERNAL LDAPMessage *ldap_msg_new_compact(LDAP *ld, LDAPConn *conn, unsigned tag, const char *contents,
+                                               ber_len_t len);
+// The element to read a message from: lm_ber, or for a compact message
+// `view` filled in over its bytes (valid while the message lives; it owns
+// nothing).  Null for a message without either.
+TAV_INTERNAL BerElement *ldap_msg_ber(const LDAPMessage *msg, BerElement *view);
+// Where reading a compact message starts (just after its ID once decoded).
+TAV_INTERNAL void ldap_msg_set_start(LDAPMessage *msg, const char *at);
 TAV_INTERNAL int ldap_msgfree(LDAPMessage *msg);
 TAV_INTERNAL int ldap_msgfree_direct(LDAPMessage *msg);
 TAV_INTERNAL LDAPMessage *ldap_first_message(LDAP *ld, LDAPMessage *res);
@@ -160,6 +176,15 @@ TAV_INTERNAL void ldap_msg_table_detach_released(ldap_msg_table *table);
 TAV_INTERNAL BerElement *ldap_alloc_ber_with_options(LDAP *ld, int for_reading);
 // A reading copy of the rest of an element (translation settings included).
 TAV_INTERNAL BerElement *ldap_ber_dup(const BerElement *ber);
+}
+
+// Fills `copy` with a reader of the message's element (a record copy: what
+// it reads is the message's); false for a null message or one without.
+inline bool ldap_msg_reader(const LDAPMessage *msg, BerElement *copy) {
+  const BerElement *element = msg != nullptr ? ldap_msg_ber(msg, copy) : nullptr;
+  if (element == nullptr) return false;
+  if (element != copy) *copy = *element;
+  return true;
 }
 
 // A call that takes a time-out bounds its writes by it as well: while one is

@@ -310,7 +310,10 @@ constexpr int kSearchEntry = 0x64, kSearchReference = 0x73, kBindResponse = 0x61
 
 struct BerCopy {
   BerElement *ber;
-  explicit BerCopy(const BerElement *from) : ber(ldap_ber_dup(from)) {}
+  explicit BerCopy(const LDAPMessage *msg) {
+    BerElement view;
+    ber = ldap_ber_dup(ldap_msg_ber(msg, &view));
+  }
   ~BerCopy() { fber_free(ber); }
 };
 
@@ -384,7 +387,7 @@ int ldap_parse_result_direct(LDAP *, LDAPMessage *res, int *errcodep, char **mat
   } else if (msg->lm_flags & LDAP_MSG_UNDECODABLE) {
     rc = LDAP_DECODING_ERROR;
   } else {
-    BerCopy copy(msg->lm_ber);
+    BerCopy copy(msg);
     const char *op_end = nullptr;
     if (copy.ber == nullptr) {
       rc = LDAP_NO_MEMORY;
@@ -440,7 +443,7 @@ int ldap_result2error_direct(LDAP *ld, LDAPMessage *res, int freeit) {
     code = LDAP_DECODING_ERROR;
     ldap_set_errno_direct(ld, code, nullptr, nullptr);
   } else {
-    BerCopy copy(last->lm_ber);
+    BerCopy copy(last);
     char *matched = nullptr, *text = nullptr;
     code = LDAP_DECODING_ERROR;
     if (copy.ber != nullptr &&
@@ -482,7 +485,7 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
   if (res->lm_flags & LDAP_MSG_UNDECODABLE) {
     rc = LDAP_DECODING_ERROR;
   } else {
-    BerCopy copy(res->lm_ber);
+    BerCopy copy(res);
     const char *op_end = nullptr;
     if (copy.ber == nullptr) {
       rc = LDAP_NO_MEMORY;
@@ -536,7 +539,8 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
     return LDAP_PARAM_ERROR;
   }
   // Read on the message's own element: an extended response is parsed once.
-  BerElement *ber = res->lm_ber;
+  BerElement view;
+  BerElement *ber = ldap_msg_ber(res, &view);
   int code = 0, rc = LDAP_SUCCESS;
   char *matched = nullptr, *text = nullptr;
   const char *op_end = nullptr;
@@ -567,6 +571,8 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
       if (get_ctrls_from_ber(ber, serverctrlsp) != LDAP_SUCCESS) *serverctrlsp = nullptr;
     }
   }
+  // What was read stays read, on a compact message too.
+  if (ber != nullptr) ldap_msg_set_start(res, ber->ber_ptr);
   free(matched);
   free(text);
   if (freeit == 1) ldap_msgfree_direct(res);

@@ -79,7 +79,9 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursorp) {
   if (ldap_start_operation(ld) != 0) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   char *name = nullptr;
-  if (entry == nullptr || cursorp == nullptr || entry->lm_ber == nullptr) {
+  BerElement view;
+  const BerElement *element = entry != nullptr ? ldap_msg_ber(entry, &view) : nullptr;
+  if (element == nullptr || cursorp == nullptr) {
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_first_attribute: returning (%s)\n", "NULL");
     ldap_end_operation(ld);
@@ -92,7 +94,7 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursorp) {
   if (cursor == nullptr) {
     ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
   } else {
-    *cursor = *entry->lm_ber;
+    *cursor = *element;
     if (fber_scanf(cursor, "{x{") == LBER_ERROR) {
       ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
     } else {
@@ -127,10 +129,10 @@ int ldap_count_attributes(LDAP *ld, LDAPMessage *entry) {
   if (ldap_start_operation(ld) != 0) return -1;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   int n = 0;
-  if (entry == nullptr || entry->lm_ber == nullptr) {
+  BerElement copy;
+  if (!ldap_msg_reader(entry, &copy)) {
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
   } else {
-    BerElement copy = *entry->lm_ber;
     if (fber_scanf(&copy, "{x{") == LBER_ERROR) {
       ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
     } else {

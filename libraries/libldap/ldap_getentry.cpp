@@ -39,10 +39,10 @@ int parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl 
   char **urls = nullptr;
   LDAPControl **ctrls = nullptr;
   int rc = 0;
-  if (ref == nullptr || ref->lm_msgtype != kReference || ref->lm_ber == nullptr) {
+  BerElement copy;
+  if (ref == nullptr || ref->lm_msgtype != kReference || !ldap_msg_reader(ref, &copy)) {
     rc = LDAP_PARAM_ERROR;
   } else {
-    BerElement copy = *ref->lm_ber;
     if (referralsp != nullptr) {
       if (fber_scanf(&copy, "{v}", &urls) == LBER_ERROR) rc = LDAP_DECODING_ERROR;
     } else if (fber_skip_element(&copy) != 0) {
@@ -65,11 +65,11 @@ int parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl 
 int get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrlsp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_entry_controls:\n ");
   int rc = 0;
-  if (serverctrlsp == nullptr || entry == nullptr || entry->lm_msgtype != kEntry || entry->lm_ber == nullptr) {
+  BerElement copy;
+  if (serverctrlsp == nullptr || entry == nullptr || entry->lm_msgtype != kEntry || !ldap_msg_reader(entry, &copy)) {
     rc = LDAP_PARAM_ERROR;
   } else {
     *serverctrlsp = nullptr;
-    BerElement copy = *entry->lm_ber;
     LDAPControl **ctrls = nullptr;
     if (fber_skip_element(&copy) != 0) {
       rc = LDAP_DECODING_ERROR;
@@ -144,10 +144,10 @@ char *ldap_get_dn(LDAP *ld, LDAPMessage *entry) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_dn: ld(%p) entry(%p)\n", (void *)ld, (void *)entry);
   if (ldap_start_operation(ld) != 0) return nullptr;
   char *dn = nullptr;
-  if (entry == nullptr || entry->lm_ber == nullptr) {
+  BerElement copy;
+  if (!ldap_msg_reader(entry, &copy)) {
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
   } else {
-    BerElement copy = *entry->lm_ber;
     if (fber_scanf(&copy, "{a", &dn) == LBER_ERROR) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_dn: fber_scanf failed\n");
       ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);

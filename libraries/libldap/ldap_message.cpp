@@ -1,5 +1,6 @@
 // LDAPMessage records and the chains they form inside message-ID table rows.
 #include <cstdlib>
+#include <cstring>
 
 #include "ldap-debug.h"
 #include "ldap-engine.h"
@@ -10,6 +11,21 @@ namespace {
 // Final responses: BindResponse, SearchResultDone, ModifyResponse,
 // AddResponse, DelResponse, ModifyDNResponse, CompareResponse, ExtendedResponse.
 constexpr uint32_t kFinalTypesFrom0x61 = 0x805551;
+
+// What follows the record of a compact message, before its contents.
+struct CompactTail {
+  int32_t noxlate;  // the element's own copies of the translation settings
+  int32_t version;
+  uint32_t tag;
+  uint32_t len;
+  uint32_t start;  // offset of the first unread byte
+};
+constexpr size_t kTailAt = (sizeof(LDAPMessage) + alignof(CompactTail) - 1) & ~(alignof(CompactTail) - 1);
+
+CompactTail *tail_of(const LDAPMessage *msg) {
+  return reinterpret_cast<CompactTail *>(reinterpret_cast<char *>(const_cast<LDAPMessage *>(msg)) + kTailAt);
+}
+char *contents_of(const LDAPMessage *msg) { return reinterpret_cast<char *>(tail_of(msg) + 1); }
 
 bool owns(const LDAPMessage *from, const LDAPMessage *target) {
   for (const LDAPMessage *m = from; m != nullptr; m = m->lm_chain)
@@ -37,6 +53,40 @@ LDAPMessage *ldap_msg_new_reading(LDAP *ld, LDAPConn *conn) {
   msg->lm_flags = LDAP_MSG_ONE_BLOCK;
   msg->lm_ber = fber_init_reading_at(reinterpret_cast<char *>(msg) + at, ld->ld_xlate, ld->ld_version);
   return msg;
+}
+
+LDAPMessage *ldap_msg_new_compact(LDAP *ld, LDAPConn *conn, unsigned tag, const char *contents, ber_len_t len) {
+  auto *msg = static_cast<LDAPMessage *>(olx_malloc(kTailAt + sizeof(CompactTail) + len + 1));
+  if (msg == nullptr) return nullptr;
+  memset(msg, 0, sizeof *msg);
+  msg->lm_msgtype = 0x30;
+  msg->lm_conn = conn;
+  msg->lm_flags = LDAP_MSG_COMPACT;
+  CompactTail *tail = tail_of(msg);
+  *tail = {ld->ld_xlate, ld->ld_version, tag, (uint32_t)len, 0};
+  char *bytes = contents_of(msg);
+  memcpy(bytes, contents, len);
+  bytes[len] = '\0';
+  return msg;
+}
+
+BerElement *ldap_msg_ber(const LDAPMessage *msg, BerElement *view) {
+  if (!(msg->lm_flags & LDAP_MSG_COMPACT)) return msg->lm_ber;
+  CompactTail *tail = tail_of(msg);
+  memset(view, 0, sizeof *view);
+  view->ber_buf = contents_of(msg);
+  view->ber_ptr = view->ber_buf + tail->start;
+  view->ber_end = view->ber_buf + tail->len;
+  view->ber_tag = tail->tag;
+  view->ber_len = tail->len;
+  view->ber_options = FBER_MARK;
+  view->ber_noxlate = &tail->noxlate;
+  view->ber_version = &tail->version;
+  return view;
+}
+
+void ldap_msg_set_start(LDAPMessage *msg, const char *at) {
+  if (msg->lm_flags & LDAP_MSG_COMPACT) tail_of(msg)->start = (uint32_t)(at - contents_of(msg));
 }
 
 void free_msg(LDAPMessage *msg, int all) {

@@ -55,7 +55,8 @@ bool undecodable(const LDAPMessage *msg) { return (msg->lm_flags & LDAP_MSG_UNDE
 // SEQUENCE, or whose operation is missing, unknown or longer than the reply,
 // is marked undecodable for the request its ID names.
 void decode_envelope(LDAPMessage *msg) {
-  BerElement *ber = msg->lm_ber;
+  BerElement view;
+  BerElement *ber = ldap_msg_ber(msg, &view);
   msg->lm_msgid = kUnreadableId;
   msg->lm_msgtype = 0;
   ber_len_t len = 0;
@@ -69,6 +70,7 @@ void decode_envelope(LDAPMessage *msg) {
   const ber_tag_t op = fber_skip_tag(ber, &len);
   const bool whole = op != LBER_DEFAULT && len <= (ber_len_t)(ber->ber_end - ber->ber_ptr);
   ber->ber_ptr = after_id;
+  ldap_msg_set_start(msg, after_id);
   if (op != LBER_DEFAULT) msg->lm_msgtype = (int32_t)op;
   if (ber->ber_tag != kEnvelope || !whole || !is_response_type(op)) msg->lm_flags |= LDAP_MSG_UNDECODABLE;
 }
@@ -126,8 +128,9 @@ void fail_outstanding(ldap_msg_table *table) {
 // every waiter gets 81, with the server's text.
 bool notice_of_disconnection(ldap_msg_table *table, LDAPMessage *msg) {
   static const char kOid[] = "1.3.6.1.4.1.1466.20036";
-  if (msg->lm_msgtype != 0x78 || msg->lm_ber == nullptr) return false;
-  BerElement *copy = ldap_ber_dup(msg->lm_ber);
+  if (msg->lm_msgtype != 0x78) return false;
+  BerElement view;
+  BerElement *copy = ldap_ber_dup(ldap_msg_ber(msg, &view));
   if (copy == nullptr) return false;
   int code = 0;
   char *matched = nullptr, *text = nullptr, *name = nullptr;
@@ -337,6 +340,37 @@ void flush_queue(ldap_msg_table *table) {
   LDAP_MUTEX_UNLOCK(&table->queue_mutex);
 }
 
+namespace {
+constexpr ber_len_t kCompactCopyLimit = 64 * 1024;
+
+// A complete element just read: decoded, counted for batching, queued.
+void received(ldap_msg_table *table, LDAPConn *conn, LDAPMessage *msg) {
+  decode_envelope(msg);
+  const bool streaming = msg->lm_msgtype == 0x64 || msg->lm_msgtype == 0x73;
+  conn->lc_sb.sb_streak = streaming ? conn->lc_sb.sb_streak + 1 : 0;
+  put_msg_in_queue(table, msg);
+}
+
+// A compact message cut from the read-ahead when the next element lies
+// there whole: 1 made, 0 not there (or not readable this way: the staged
+// reader then reads it and reports what is wrong), -1 no memory.  With BER
+// tracing on, the staged reader does it all, so the trace stays the same.
+int take_whole_element(LDAP *ld, LDAPConn *conn, LDAPMessage **out) {
+  Sockbuf *sb = &conn->lc_sb;
+  if (sb->sb_ssl != nullptr || sb->sb_rpos >= sb->sb_rlen || ldap_trace_enabled(LDAP_LOG_BER)) return 0;
+  const char *at = sb->sb_rbuf + sb->sb_rpos, *end = sb->sb_rbuf + sb->sb_rlen;
+  unsigned tag;
+  ber_len_t len;
+  const char *contents;
+  if (!fber_header_at(at, end, &tag, &len, &contents) || len > (ber_len_t)(end - contents)) return 0;
+  LDAPMessage *msg = ldap_msg_new_compact(ld, conn, tag, contents, len);
+  if (msg == nullptr) return -1;
+  sb->sb_rpos += (uint32_t)(contents + len - at);
+  *out = msg;
+  return 1;
+}
+}  // namespace
+
 // One element from the socket into the queue, with the connection's read
 // lock held: 1 read, 0 nothing within the time-out, else 81 or -1 with the
 // session's error recorded.
@@ -351,6 +385,17 @@ int ldap_get_msg_locked(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   LDAPMessage *msg = nullptr;
   ldap_msg_table_pending(table, &msg, 0);
   if (msg == nullptr) {
+    // The usual case: the whole next element is in the read-ahead already.
+    const int took = take_whole_element(ld, conn, &msg);
+    if (took < 0) {
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_msg: Failed with memory error\n");
+      ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+      return -1;
+    }
+    if (took > 0) {
+      received(table, conn, msg);
+      return 1;
+    }
     msg = ldap_msg_new_reading(ld, conn);
     if (msg == nullptr) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_msg: Failed with memory error\n");
@@ -362,10 +407,17 @@ int ldap_get_msg_locked(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   }
   int rc = wait_for_message(conn, &msg->lm_ber, &table->pending_state, timeout);
   if (rc == 1) {
-    decode_envelope(msg);
-    const bool streaming = msg->lm_msgtype == 0x64 || msg->lm_msgtype == 0x73;
-    conn->lc_sb.sb_streak = streaming ? conn->lc_sb.sb_streak + 1 : 0;
-    put_msg_in_queue(table, msg);
+    // Kept compact like the rest (the reading element goes); a large element
+    // is not copied again, and without memory for the copy the message stays
+    // as it was read.
+    const BerElement *ber = msg->lm_ber;
+    LDAPMessage *compact = nullptr;
+    if (ber->ber_len < kCompactCopyLimit &&
+        (compact = ldap_msg_new_compact(ld, conn, (unsigned)ber->ber_tag, ber->ber_buf, ber->ber_len)) != nullptr) {
+      free_msg(msg, 0);
+      msg = compact;
+    }
+    received(table, conn, msg);
     LDAPMessage *none = nullptr;
     ldap_msg_table_pending(table, &none, 1);
   } else if (rc == -1) {

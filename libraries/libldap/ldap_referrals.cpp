@@ -263,7 +263,8 @@ void ldap_referral_hold_child_result(LDAPMessage **msg) {
   *msg = nullptr;
   int code = 0;
   {
-    BerPtr copy(ldap_ber_dup(done->lm_ber));
+    BerElement view;
+    BerPtr copy(ldap_ber_dup(ldap_msg_ber(done, &view)));
     if (!copy || fber_scanf(copy.get(), "{i", &code) == LBER_ERROR) code = 0;
   }
   ldap_msg_table *table = table_of(done);
@@ -744,7 +745,8 @@ int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct tim
   // A reply that could not be decoded is a decoding error for its request,
   // never a referral to follow.
   if (msg->lm_flags & LDAP_MSG_UNDECODABLE) return msg->lm_msgtype;
-  BerPtr copy(ldap_ber_dup(msg->lm_ber));
+  BerElement view;
+  BerPtr copy(ldap_ber_dup(ldap_msg_ber(msg, &view)));
   if (!copy) return msg->lm_msgtype;
   if (msg->lm_msgtype == kSearchReference) {
     LDAP_LOG(LDAP_LOG_TRACE, "look_for_referrals: Search reference detected\n");

@@ -98,10 +98,10 @@ T **get_values(const char *name, LDAP *ld, LDAPMessage *entry, const char *attr)
   if (ldap_start_operation(ld) != 0) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   T **vals = nullptr;
-  if (entry == nullptr || attr == nullptr || entry->lm_ber == nullptr) {
+  BerElement copy;
+  if (attr == nullptr || !ldap_msg_reader(entry, &copy)) {
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
   } else {
-    BerElement copy = *entry->lm_ber;
     if (!find_attribute(&copy, attr) || scan(&copy, &vals) == LBER_ERROR)
       ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
   }

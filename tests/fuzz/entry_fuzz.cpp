@@ -1,6 +1,7 @@
 // Fuzzes the readers of a received entry (DN, attribute walk, value lookup)
 // and checks that the readers that work on the bytes in place (sessions that
-// do not translate) give exactly what the copying readers give.
+// do not translate), on a compact message as the reader receives it, give
+// exactly what the copying readers give on a message with its own element.
 // Input: one byte n, n bytes of an attribute name, then the entry's bytes
 // from its protocol operation on.
 #include <cstdint>
@@ -53,7 +54,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string name(reinterpret_cast<const char *>(data + 1),
                          strnlen(reinterpret_cast<const char *>(data + 1), n));
   const std::string op(reinterpret_cast<const char *>(data + 1 + n), size - 1 - n);
-  LDAPMessage *copying = message(op, 0), *in_place = message(op, 1);
+  LDAPMessage *copying = message(op, 0);
+  ld->ld_xlate = 1;  // the session's settings go into the compact message
+  LDAPMessage *in_place = ldap_msg_new_compact(ld, nullptr, 0x30, op.data(), op.size());
+  ld->ld_xlate = 0;
+  if (in_place != nullptr) {
+    in_place->lm_msgtype = 0x64;
+    in_place->lm_msgid = 1;
+  }
   if (copying != nullptr && in_place != nullptr) {
     check(values(ld, copying, name.c_str()) == values(ld, in_place, name.c_str()));
     char *dn = ldap_get_dn(ld, in_place);

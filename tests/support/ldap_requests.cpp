@@ -58,14 +58,12 @@ std::string search_entry(int msgid, const std::string &dn) {
 }
 
 std::string entry_dn(LDAPMessage *entry) {
-  if (entry == nullptr || entry->lm_ber == nullptr) return "";
-  // Read from a copy of the position so the entry stays readable.
-  char *saved = entry->lm_ber->ber_ptr;
+  BerElement copy;  // read from a copy so the entry stays readable
+  if (!ldap_msg_reader(entry, &copy)) return "";
   char *dn = nullptr;
   std::string out;
-  if (fber_scanf(entry->lm_ber, "{a", &dn) != LBER_ERROR && dn != nullptr) out = dn;
+  if (fber_scanf(&copy, "{a", &dn) != LBER_ERROR && dn != nullptr) out = dn;
   free(dn);
-  entry->lm_ber->ber_ptr = saved;
   return out;
 }
 
