@@ -123,6 +123,9 @@ TAV_INTERNAL int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *st
 TAV_INTERNAL void ldap_msg_table_pending(ldap_msg_table *table, LDAPMessage **msg, int set);
 TAV_INTERNAL void put_msg_in_queue(ldap_msg_table *table, LDAPMessage *msg);
 TAV_INTERNAL void flush_queue(ldap_msg_table *table);
+// Wakes every thread waiting for a reader of the table's connection (after a
+// read made outside ldap_msg_table_get_message, which wakes them itself).
+TAV_INTERNAL void ldap_msg_table_wake_all(ldap_msg_table *table);
 TAV_INTERNAL int put_msg_in_table(ldap_msg_table *table, LDAPMessage *msg);
 
 // Result retrieval.

@@ -458,6 +458,8 @@ int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   }
   const int rc = ldap_get_msg_locked(ld, conn, timeout);
   LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
+  // Threads that found this one reading sleep until a reader wakes them.
+  ldap_msg_table_wake_all(conn->lc_msgtable);
   return rc;
 }
 

@@ -370,6 +370,12 @@ void wait_for_reader(ldap_msg_table *table, ldap_table_waiter *self, const struc
 
 extern "C" {
 
+void ldap_msg_table_wake_all(ldap_msg_table *table) {
+  if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
+  wake_waiters(table, kWakeAll);
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+}
+
 int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, struct timeval *timeout,
                                LDAPMessage **result) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_message entered: %p %lu %p\n", (void *)table,
@@ -435,6 +441,7 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     rc = msg->lm_msgtype;
     return true;
   };
+  bool reading = false;  // whether this thread's last turn read the connection
   for (;;) {
     if (deliver()) break;
     flush_queue(table);
@@ -450,7 +457,8 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     // One thread reads the connection at a time; the others sleep until it
     // has stored something for them (or leaves), then look at their rows.
     LDAPConn *conn = table->conn;
-    if (pthread_mutex_trylock(&conn->lc_read_mutex) == 0) {
+    reading = pthread_mutex_trylock(&conn->lc_read_mutex) == 0;
+    if (reading) {
       LDAP_MUTEX_UNLOCK(&table->table_mutex);
       const int soc_err = ldap_msg_table_read_locked(ld, table, timeout ? &left : nullptr);
       LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
@@ -480,9 +488,11 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
       break;
     }
   }
-  // Whoever leaves may have been the reader: one waiter looks at the
-  // connection next (it goes back to sleep if another thread reads it).
-  wake_waiters(table, kWakeOne);
+  // A reader that leaves hands reading on: one waiter looks at the
+  // connection next (it goes back to sleep if another thread reads it).  A
+  // thread that did not read leaves the reader where it is, so it wakes
+  // nobody.
+  if (reading) wake_waiters(table, kWakeOne);
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
   ldap_msg_table_detach_released(table);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_message: returning rc=%d\n", rc);

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -196,6 +197,51 @@ TEST(EngineTimeouts, ARunOfEntriesThatStopsShortOfABatchIsHandedOutWithoutWaitin
   ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, &generous, &res), 0x65);
   EXPECT_EQ(types_of(res), (std::vector<int>{0x64, 0x65}));
   EXPECT_EQ(tavtest::entry_dn(res), "cn=last");
+  ldap_msgfree(res);
+}
+
+// A thread that finds the connection being read sleeps until the reader
+// wakes it, also when that reader is a direct caller of ldap_get_msg.
+TEST(Engine, AWaiterIsWokenByAReaderOutsideTheTable) {
+  FakeServer fake;
+  std::string request;
+  fake.on_request([&](const std::string &r) {
+        request = r;
+        return std::string();
+      })
+      .gate()
+      .send_lazy([&] { return search_done(request_msgid(request)); })
+      .hold_until_closed();
+  fake.start();
+  Session s(fake);
+  const int id = tavtest::send_search(s.ld, "cn=x", 0);
+  LDAPConn *conn = get_default_connection(s.ld);
+  ldap_msg_table *table = conn->lc_msgtable;
+  auto reader = std::async(std::launch::async, [&] { return ldap_get_msg(s.ld, conn, nullptr); });
+  auto until = [](const std::function<bool()> &done) {
+    for (int i = 0; i < 200000 && !done(); ++i) std::this_thread::yield();
+    return done();
+  };
+  ASSERT_TRUE(until([&] {
+    if (pthread_mutex_trylock(&conn->lc_read_mutex) != 0) return true;
+    pthread_mutex_unlock(&conn->lc_read_mutex);
+    return false;
+  })) << "the reader never took the connection";
+  struct timeval generous = {10, 0};
+  LDAPMessage *res = nullptr;
+  auto waiter = std::async(std::launch::async, [&] { return ldap_result(s.ld, id, LDAP_MSG_ALL, &generous, &res); });
+  ASSERT_TRUE(until([&] {
+    pthread_mutex_lock(&table->table_mutex);
+    const bool asleep = table->waiters != nullptr;
+    pthread_mutex_unlock(&table->table_mutex);
+    return asleep;
+  })) << "the waiter never went to sleep";
+  fake.open_gate();
+  EXPECT_EQ(reader.get(), 1);
+  pthread_mutex_lock(&table->table_mutex);
+  EXPECT_EQ(table->waiters, nullptr) << "the reader left without waking the waiter";
+  pthread_mutex_unlock(&table->table_mutex);
+  EXPECT_EQ(waiter.get(), 0x65);
   ldap_msgfree(res);
 }
 
