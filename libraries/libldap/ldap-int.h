@@ -101,6 +101,10 @@ typedef struct ldap_msg_table {
   // its own condition variable: the reader wakes the owners of the rows it
   // filled and, when it leaves, one more to take over reading.
   struct ldap_table_waiter *waiters;  // table_mutex
+  // Waiter records not in use.  They live until the table is freed, so the
+  // reader may signal one after letting the table lock go: a record that its
+  // waiter has left (or another has taken) then sees a spurious wake-up.
+  struct ldap_table_waiter *spare_waiters;  // table_mutex
   int32_t free_count;                 // table_mutex
   uint32_t size;                      // table_mutex
   LDAPMessage *queue_head;            // queue_mutex

@@ -62,6 +62,12 @@ void ldap_msg_table_free(ldap_msg_table *table) {
     free(l);
     l = next;
   }
+  for (ldap_table_waiter *w = table->spare_waiters; w != nullptr;) {
+    ldap_table_waiter *next = w->next;
+    pthread_cond_destroy(&w->cond);
+    free(w);
+    w = next;
+  }
   // Responses read but never sorted into rows.
   free_msg(table->queue_head, 1);
   free(table->rows);
@@ -320,17 +326,44 @@ namespace {
 
 enum WakeWhom { kWakeFilled, kWakeOne, kWakeAll };
 
+// Waiters picked under the table lock and signalled after it is let go, so
+// a woken thread does not wake only to wait for the lock its waker holds.
+class Wakeups {
+ public:
+  Wakeups() = default;
+  Wakeups(const Wakeups &) = delete;
+  Wakeups &operator=(const Wakeups &) = delete;
+  ~Wakeups() { signal(); }
+  // Table lock held; false when full (the caller then signals at once).
+  bool add(ldap_table_waiter *w) {
+    if (count_ == kMax) return false;
+    picked_[count_++] = w;
+    return true;
+  }
+  // Table lock released (or about to be: a record is never freed while the
+  // table lives, so a late signal is at worst a spurious wake-up).
+  void signal() {
+    for (int i = 0; i < count_; ++i) pthread_cond_signal(&picked_[i]->cond);
+    count_ = 0;
+  }
+
+ private:
+  static constexpr int kMax = 64;
+  ldap_table_waiter *picked_[kMax];
+  int count_ = 0;
+};
+
 // Table lock held.  kWakeFilled: the waiters whose rows have something to
 // deliver; kWakeOne: one waiter whose row has nothing (to take over reading);
 // kWakeAll: everyone.  A woken waiter leaves the list.
-void wake_waiters(ldap_msg_table *table, WakeWhom whom) {
+void wake_waiters(ldap_msg_table *table, WakeWhom whom, Wakeups *later) {
   for (ldap_table_waiter **at = &table->waiters; *at != nullptr;) {
     ldap_table_waiter *w = *at;
     const bool filled = table->rows[w->id].next_unread != nullptr;
     if (whom == kWakeAll || (whom == kWakeFilled) == filled) {
       *at = w->next;
       w->woken = true;
-      pthread_cond_signal(&w->cond);
+      if (!later->add(w)) pthread_cond_signal(&w->cond);
       if (whom == kWakeOne) return;
     } else {
       at = &w->next;
@@ -339,9 +372,20 @@ void wake_waiters(ldap_msg_table *table, WakeWhom whom) {
 }
 
 // Sleeps (table lock held, released while asleep) until the reader wakes this
-// waiter or `left` has passed; leaves the list either way.
-void wait_for_reader(ldap_msg_table *table, ldap_table_waiter *self, const struct timeval *left) {
-  if (pthread_cond_init(&self->cond, nullptr) != 0) return;  // then the caller simply looks again
+// thread or `left` has passed; leaves the list either way.
+void wait_for_reader(ldap_msg_table *table, int id, const struct timeval *left) {
+  ldap_table_waiter *self = table->spare_waiters;
+  if (self != nullptr) {
+    table->spare_waiters = self->next;
+  } else {
+    self = static_cast<ldap_table_waiter *>(olx_malloc(sizeof(ldap_table_waiter)));
+    if (self == nullptr) return;  // then the caller simply looks again
+    if (pthread_cond_init(&self->cond, nullptr) != 0) {
+      free(self);
+      return;
+    }
+  }
+  self->id = id;
   self->woken = false;
   self->next = table->waiters;
   table->waiters = self;
@@ -363,7 +407,8 @@ void wait_for_reader(ldap_msg_table *table, ldap_table_waiter *self, const struc
         *at = self->next;
         break;
       }
-  pthread_cond_destroy(&self->cond);
+  self->next = table->spare_waiters;
+  table->spare_waiters = self;
 }
 
 }  // namespace
@@ -372,7 +417,8 @@ extern "C" {
 
 void ldap_msg_table_wake_all(ldap_msg_table *table) {
   if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
-  wake_waiters(table, kWakeAll);
+  Wakeups wakeups;
+  wake_waiters(table, kWakeAll, &wakeups);
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
 }
 
@@ -442,6 +488,7 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     return true;
   };
   bool reading = false;  // whether this thread's last turn read the connection
+  Wakeups wakeups;       // signalled once the table lock is let go
   for (;;) {
     if (deliver()) break;
     flush_queue(table);
@@ -460,6 +507,7 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     reading = pthread_mutex_trylock(&conn->lc_read_mutex) == 0;
     if (reading) {
       LDAP_MUTEX_UNLOCK(&table->table_mutex);
+      wakeups.signal();
       const int soc_err = ldap_msg_table_read_locked(ld, table, timeout ? &left : nullptr);
       LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
       if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
@@ -467,7 +515,7 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
         return -1;
       }
       if (soc_err != 0) {
-        wake_waiters(table, kWakeAll);
+        wake_waiters(table, kWakeAll, &wakeups);
         LDAP_MUTEX_UNLOCK(&table->table_mutex);
         LDAP_LOG(LDAP_LOG_ERROR, "ldap_msg_table_get_message: soc_err=%d\n", soc_err);
         record_conn_down(ld, conn);
@@ -475,11 +523,10 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
         return -1;
       }
       flush_queue(table);
-      wake_waiters(table, kWakeFilled);
+      wake_waiters(table, kWakeFilled, &wakeups);
     } else {
-      ldap_table_waiter self;
-      self.id = id;
-      wait_for_reader(table, &self, timeout != nullptr ? &left : nullptr);
+      wakeups.signal();  // not to sleep on wake-ups still owed
+      wait_for_reader(table, id, timeout != nullptr ? &left : nullptr);
     }
     flush_queue(table);
     if (deliver()) break;
@@ -492,8 +539,9 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
   // connection next (it goes back to sleep if another thread reads it).  A
   // thread that did not read leaves the reader where it is, so it wakes
   // nobody.
-  if (reading) wake_waiters(table, kWakeOne);
+  if (reading) wake_waiters(table, kWakeOne, &wakeups);
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  wakeups.signal();
   ldap_msg_table_detach_released(table);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_get_message: returning rc=%d\n", rc);
   return rc;
