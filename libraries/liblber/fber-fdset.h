@@ -6,14 +6,21 @@
 
 #include <sys/select.h>
 
+//
+// Only the words up to the highest descriptor added are written: select
+// reads no further than that (its first argument), and clearing all 8 KB
+// cost more than the rest of a search's client work around the call.
 struct FberFdSet {
   static constexpr int kSpan = 65536;
   static constexpr int kWordBits = 8 * sizeof(unsigned long);
-  unsigned long bits[kSpan / kWordBits] = {};
+  unsigned long bits[kSpan / kWordBits];
+  int cleared = 0;  // words of `bits` that are defined
 
   bool add(int fd) {
     if (fd < 0 || fd >= kSpan) return false;
-    bits[fd / kWordBits] |= 1ul << (fd % kWordBits);
+    const int word = fd / kWordBits;
+    for (; cleared <= word; ++cleared) bits[cleared] = 0;
+    bits[word] |= 1ul << (fd % kWordBits);
     return true;
   }
   fd_set *get() { return reinterpret_cast<fd_set *>(bits); }

@@ -745,25 +745,26 @@ int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct tim
   // A reply that could not be decoded is a decoding error for its request,
   // never a referral to follow.
   if (msg->lm_flags & LDAP_MSG_UNDECODABLE) return msg->lm_msgtype;
-  BerElement view;
-  BerPtr copy(ldap_ber_dup(ldap_msg_ber(msg, &view)));
-  if (!copy) return msg->lm_msgtype;
+  // Read on a copy of the element's record: the message itself stays unread.
+  BerElement reader;
+  if (!ldap_msg_reader(msg, &reader)) return msg->lm_msgtype;
+  BerElement *copy = &reader;
   if (msg->lm_msgtype == kSearchReference) {
     LDAP_LOG(LDAP_LOG_TRACE, "look_for_referrals: Search reference detected\n");
     char **urls = nullptr;
-    if (fber_scanf(copy.get(), "{v}", &urls) != LBER_ERROR)
+    if (fber_scanf(copy, "{v}", &urls) != LBER_ERROR)
       *out = chase_v3_referrals(ld, urls, msg, timeout, err, hops - 1);
   } else {
     int code = 0, version = 0;
     char *matched = nullptr, *text = nullptr;
-    if (fber_scanf(copy.get(), "{iaa", &code, &matched, &text) != LBER_ERROR &&
+    if (fber_scanf(copy, "{iaa", &code, &matched, &text) != LBER_ERROR &&
         ldap_get_option_direct(ld, LDAP_OPT_PROTOCOL_VERSION, &version) == 0) {
       if (code == LDAP_REFERRAL) {
         LDAP_LOG(LDAP_LOG_TRACE, "look_for_referrals: V3 Referral detected\n");
         char **urls = nullptr;
         ber_len_t len = 0;
-        if (copy->ber_ptr < copy->ber_end && fber_peek_tag(copy.get(), &len) == 0xA3 &&
-            fber_scanf(copy.get(), "{v}", &urls) != LBER_ERROR)
+        if (copy->ber_ptr < copy->ber_end && fber_peek_tag(copy, &len) == 0xA3 &&
+            fber_scanf(copy, "{v}", &urls) != LBER_ERROR)
           *out = chase_v3_referrals(ld, urls, msg, timeout, err, hops - 1);
         else
           *err = ldap_referral_final_result(ld, msg, out);
