@@ -637,15 +637,19 @@ void ldap_msg_table_release_row(ldap_msg_table *table, int msgid) {
     row->parent_link = nullptr;
     up->rl_child_msgid = msgid;
     up->rl_next = table->detached;
-    table->detached = up;
+    __atomic_store_n(&table->detached, up, __ATOMIC_RELEASE);
   }
   ldap_msg_table_release_msgid_direct(table, msgid);
 }
 
 void ldap_msg_table_detach_released(ldap_msg_table *table) {
-  if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
+  // Almost always there is nothing to do, which needs no lock to see: the
+  // list head is stored atomically, and a link added after this look is
+  // handled by the next call.
+  if (table == nullptr || __atomic_load_n(&table->detached, __ATOMIC_ACQUIRE) == nullptr) return;
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
   ldap_referral_link *list = table->detached;
-  table->detached = nullptr;
+  __atomic_store_n(&table->detached, nullptr, __ATOMIC_RELAXED);
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
   while (list != nullptr) {
     ldap_referral_link *up = list;
