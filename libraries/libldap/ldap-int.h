@@ -105,10 +105,10 @@ typedef struct ldap_msg_table {
   // reader may signal one after letting the table lock go: a record that its
   // waiter has left (or another has taken) then sees a spurious wake-up.
   struct ldap_table_waiter *spare_waiters;  // table_mutex
-  int32_t free_count;                 // table_mutex
-  uint32_t size;                      // table_mutex
-  LDAPMessage *queue_head;            // queue_mutex
-  LDAPMessage *queue_tail;            // queue_mutex
+  int32_t free_count;                       // table_mutex
+  uint32_t size;                            // table_mutex
+  LDAPMessage *queue_head;                  // queue_mutex
+  LDAPMessage *queue_tail;                  // queue_mutex
   pthread_mutex_t queue_mutex;
   int32_t last_msgid;     // table_mutex
   uint32_t last_any_row;  // table_mutex

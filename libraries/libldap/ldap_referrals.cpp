@@ -752,8 +752,7 @@ int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct tim
   if (msg->lm_msgtype == kSearchReference) {
     LDAP_LOG(LDAP_LOG_TRACE, "look_for_referrals: Search reference detected\n");
     char **urls = nullptr;
-    if (fber_scanf(copy, "{v}", &urls) != LBER_ERROR)
-      *out = chase_v3_referrals(ld, urls, msg, timeout, err, hops - 1);
+    if (fber_scanf(copy, "{v}", &urls) != LBER_ERROR) *out = chase_v3_referrals(ld, urls, msg, timeout, err, hops - 1);
   } else {
     int code = 0, version = 0;
     char *matched = nullptr, *text = nullptr;
