@@ -52,6 +52,12 @@ for n in "${names[@]}"; do
     minimal=$work/min/$n
     rm -rf "$minimal" && mkdir -p "$minimal"
     nice "$work/fuzz_$n" -merge=1 "$minimal" "$here/tests/fuzz/corpus/$n" "$scratch" >"$work/logs/$n.merge.log" 2>&1
+    # Seeds with names (hand-written inputs, regression inputs) stay even when
+    # the merge finds their coverage elsewhere: they say what they are for.
+    for seed in "$here/tests/fuzz/corpus/$n"/*; do
+      base=$(basename "$seed")
+      [[ "$base" =~ ^[0-9a-f]{40}$ ]] || cp "$seed" "$minimal/$base"
+    done
     rm -rf "$here/tests/fuzz/corpus/$n" && cp -r "$minimal" "$here/tests/fuzz/corpus/$n"
     size=$(ls "$minimal" | wc -l)
   fi
