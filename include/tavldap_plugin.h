@@ -26,6 +26,7 @@ extern "C" {
 #define LDAP_PLUGIN_ARGC 103         /* int: number of words in LDAP_PLUGIN_ARGV */
 #define LDAP_PLUGIN_LD 106           /* LDAP *: the session to bind */
 #define LDAP_PLUGIN_DEFHOST 107      /* const char *: the host list the session was created with */
+#define LDAP_PLUGIN_SSL_ACTIVE 108   /* int: 1 when the bind goes out over SSL; absent or 0 otherwise */
 #define LDAP_PLUGIN_SASL_BIND_DN 201 /* const char *: bind DN (not set for GSSAPI) */
 #define LDAP_PLUGIN_SASL_CRED 202    /* const struct berval *: credentials, may be null */
 #define LDAP_PLUGIN_SASL_MECH 204    /* const char *: the mechanism */

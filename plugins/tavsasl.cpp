@@ -3,9 +3,12 @@
 //   plugin sasl SCRAM-SHA-256 /usr/lib/libtavsasl.so
 //   plugin sasl DIGEST-MD5 /usr/lib/libtavsasl.so ldap_plugin_init realm=EXAMPLE
 // The bind DN is the authentication name, the credentials the password.
-// Arguments: realm=R, authzid=ID, service=S (default "ldap").
+// Arguments: realm=R, authzid=ID, service=S (default "ldap"), and
+// allow-cleartext, without which PLAIN and LOGIN are refused unless the bind
+// goes out over SSL.
 #include <pthread.h>
 #include <sasl/sasl.h>
+#include <strings.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -16,7 +19,8 @@
 
 namespace {
 
-constexpr int kSuccess = 0, kInProgress = 14, kLocalError = 0x52, kAuthUnknown = 0x56, kNoMemory = 0x5a;
+constexpr int kSuccess = 0, kConfidentialityRequired = 13, kInProgress = 14, kLocalError = 0x52, kAuthUnknown = 0x56,
+              kNoMemory = 0x5a;
 
 int sasl_ready = SASL_FAIL;
 pthread_once_t sasl_once = PTHREAD_ONCE_INIT;
@@ -37,6 +41,11 @@ void mutex_free(void *m) {
 void start_sasl() {
   sasl_set_mutex(mutex_alloc, mutex_lock, mutex_unlock, mutex_free);
   sasl_ready = sasl_client_init(nullptr);
+}
+
+// Mechanisms that hand the password itself to the server.
+bool sends_password(const char *mech) {
+  return mech != nullptr && (strcasecmp(mech, "PLAIN") == 0 || strcasecmp(mech, "LOGIN") == 0);
 }
 
 struct Identity {
@@ -130,11 +139,17 @@ int tavsasl_bind(LDAP_PBLOCK *pb) {
   Identity who;
   who.authcid = dn != nullptr ? dn : "";
   who.host = first_host(get<const char *>(api, pb, LDAP_PLUGIN_DEFHOST));
+  bool allow_cleartext = false;
   for (int i = 0; i < argc; ++i) {
     std::string a = argv[i];
     for (auto [key, field] : {std::pair{"realm=", &who.realm}, {"authzid=", &who.authzid}, {"service=", &who.service}})
       if (a.rfind(key, 0) == 0) *field = a.substr(strlen(key));
+    if (a == "allow-cleartext") allow_cleartext = true;
   }
+  // Without SSL anyone on the path would read the password: refused before
+  // anything is sent.  A library that does not say counts as no SSL.
+  const bool protect = get<intptr_t>(api, pb, LDAP_PLUGIN_SSL_ACTIVE) != 1 && !allow_cleartext;
+  if (protect && sends_password(mech)) return kConfidentialityRequired;
   if (password != nullptr) {
     who.secret = static_cast<sasl_secret_t *>(calloc(1, sizeof(sasl_secret_t) + password->bv_len + 1));
     if (who.secret == nullptr) return kNoMemory;
@@ -152,9 +167,11 @@ int tavsasl_bind(LDAP_PBLOCK *pb) {
   int rc = sasl_client_new(who.service.c_str(), who.host.c_str(), nullptr, nullptr, callbacks, 0, &conn);
   if (rc == SASL_OK) {
     // No security layer: nothing would wrap the session's later traffic.
+    // Without SSL, no other mechanism Cyrus knows to be plaintext either.
     sasl_security_properties_t props = {};
     props.max_ssf = 0;
     props.maxbufsize = 0;
+    props.security_flags = protect ? SASL_SEC_NOPLAINTEXT : 0;
     rc = sasl_setprop(conn, SASL_SEC_PROPS, &props);
   }
   rc = rc == SASL_OK ? exchange(api, ld, mech, conn, get<LDAPControl **>(api, pb, LDAP_PLUGIN_SERVER_CTRLS),

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "ldap-debug.h"
 #include "ldap-utils.h"
@@ -44,7 +45,10 @@ class SaslPlugins : public tavtest::SlapdSuite<SaslPlugins> {
                                           kProbe +
                                           " ldap_plugin_init -a one\t-b two\n"
                                           "plugin sasl GSSAPI " +
-                                          kProbe + "\n");
+                                          kProbe + "\nplugin sasl PLAIN " + kSasl + "\nplugin sasl Plain " + kSasl +
+                                          "\nplugin sasl LOGIN " + kSasl + "\nplugin sasl plain " + kSasl +
+                                          " ldap_plugin_init allow-cleartext\nplugin sasl login " + kSasl +
+                                          " ldap_plugin_init realm=example allow-cleartext\n");
   }
 
   int bind(const char *mech, const char *user, const std::string &password) {
@@ -64,6 +68,25 @@ TEST_F(SaslPlugins, CyrusMechanismsBindAsTheMappedEntry) {
   EXPECT_EQ(bind("NOT-IN-CYRUS", "user2", "x"), LDAP_AUTH_UNKNOWN);
   // Not configured: a plain SASL bind, which the server refuses.
   EXPECT_EQ(bind("NOT-CONFIGURED", nullptr, "x"), LDAP_STRONG_AUTH_NOT_SUPPORTED);
+}
+
+// PLAIN and LOGIN hand the password itself to the server: without SSL the
+// plug-in refuses them before anything is sent, unless its line allows them.
+// (Lines are found by exact name, Cyrus takes the mechanism in any case.)
+TEST_F(SaslPlugins, CleartextMechanismsWithoutSslNeedTheLinesConsent) {
+  const std::string user2 = "dn:uid=user2,ou=people,dc=example,dc=com";
+  const std::tuple<const char *, int, std::string> cases[] = {{"PLAIN", LDAP_CONFIDENTIALITY_REQUIRED, ""},
+                                                              {"Plain", LDAP_CONFIDENTIALITY_REQUIRED, ""},
+                                                              {"LOGIN", LDAP_CONFIDENTIALITY_REQUIRED, ""},
+                                                              {"plain", 0, user2},
+                                                              {"login", 0, user2}};
+  for (const auto &[mech, code, identity] : cases) {
+    ldap_unbind(ld);
+    ld = ldap_init("127.0.0.1", slapd->port());
+    ASSERT_NE(ld, nullptr);
+    EXPECT_EQ(bind(mech, "user2", SlapdServer::user_password(2)), code) << mech;
+    EXPECT_EQ(tavtest::whoami(ld), identity) << mech;  // refused: still anonymous
+  }
 }
 
 TEST_F(SaslPlugins, WithoutAConfigurationFileTheBindIsSentItself) {

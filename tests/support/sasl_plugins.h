@@ -1,5 +1,6 @@
 // slapd set up for SASL (Cyrus mechanisms checked against the entries'
-// cleartext userPassword, uid=NAME,...,cn=auth mapped to the entry) and a
+// cleartext userPassword, uid=NAME[@REALM],...,cn=auth mapped to the entry; PLAIN and
+// LOGIN accepted without SSL, so only the client can refuse them) and a
 // krvldap.conf naming the test plug-ins, in a directory KRVLDAP_CONF points at.
 #ifndef TAV_TEST_SASL_PLUGINS_H
 #define TAV_TEST_SASL_PLUGINS_H
@@ -18,8 +19,8 @@ namespace tavtest {
 inline SlapdOptions sasl_slapd_options() {
   SlapdOptions o;
   o.global_config =
-      "sasl-auxprops slapd\nsasl-host 127.0.0.1\nsasl-realm example\n"
-      "authz-regexp \"^uid=([^,]+),(cn=[^,]+,)?cn=[^,]+,cn=auth$\" \"uid=$1,ou=People,dc=example,dc=com\"\n";
+      "sasl-auxprops slapd\nsasl-host 127.0.0.1\nsasl-realm example\nsasl-secprops noanonymous\n"
+      "authz-regexp \"^uid=([^,@]+)(@[^,]+)?,(cn=[^,]+,)?cn=[^,]+,cn=auth$\" \"uid=$1,ou=People,dc=example,dc=com\"\n";
   return o;
 }
 
