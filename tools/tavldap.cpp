@@ -152,6 +152,9 @@ struct Options {
   int timelimit = -1;
   bool attrs_only = false;
   bool no_chase = false;  // -C: referrals and references come back unfollowed
+  // -o referral-credentials=yes: -D/-w go to the servers referrals lead to,
+  // not only to the one named.
+  bool referral_credentials = false;
   bool verbose = false;
   bool keep_going = false;
   bool delete_old_rdn = false;
@@ -266,9 +269,12 @@ LDAP *open_session(Library &lib, Options &o, int *rc) {
     if (o.verbose) fprintf(stderr, "tavldap: binding as \"%s\"\n", o.binddn.c_str());
     *rc = lib.simple_bind_s(ld, o.binddn.empty() ? nullptr : o.binddn.c_str(),
                             o.have_password ? o.password.c_str() : nullptr);
-    // Servers that referrals lead to are bound to with the same identity.
+    // Servers that referrals lead to get the password only when asked for:
+    // a referral may name any server.  Otherwise the library chases them
+    // anonymously.
     rebind_identity = &o;
-    if (*rc == LDAP_SUCCESS) *rc = lib.set_option(ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(&rebind));
+    if (*rc == LDAP_SUCCESS && o.referral_credentials)
+      *rc = lib.set_option(ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(&rebind));
     if (*rc != LDAP_SUCCESS) {
       report(lib, "bind as \"" + o.binddn + "\"", *rc);
       lib.unbind(ld);
@@ -514,8 +520,10 @@ void usage(FILE *to = stderr) {
           "  -h HOST -p PORT   server as host and port (default localhost:389)\n"
           "  -D DN -w PASSWORD | -W   simple bind (-W prompts for the password)\n"
           "  -b BASE -s base|one|sub -z SIZELIMIT -l TIMELIMIT -A (attribute names only)\n"
-          "  -C (do not chase referrals: they come back as they are; by default they are followed,\n"
-          "      binding to the referred server with -D/-w)\n"
+          "  -C (do not chase referrals: they come back as they are; by default they are followed\n"
+          "      anonymously)\n"
+          "  -o referral-credentials=yes|no  yes: bind to the servers referrals lead to as -D/-w too,\n"
+          "      handing them the password (default no)\n"
           "  -f FILE (LDIF input)  -c (go on after errors)  -r (modrdn: delete the old RDN)\n"
           "  -v (verbose)  -d LEVEL (sets LDAP_DEBUG for the run)  -x (simple auth; the only kind)\n"
           "exit status: 0, or the LDAP result code of the first failure (89 for malformed LDIF)\n");
@@ -533,7 +541,7 @@ bool parse_int(const char *text, int *out) {
 int parse_options(int argc, char **argv, Options &o) {
   int opt;
   optind = 1;
-  while ((opt = getopt(argc, argv, "H:h:p:D:w:Wb:s:z:l:ACvcf:rxd:")) != -1) {
+  while ((opt = getopt(argc, argv, "H:h:p:D:w:Wb:s:z:l:ACvcf:rxd:o:")) != -1) {
     switch (opt) {
       case 'H':
         o.uri = optarg;
@@ -601,6 +609,16 @@ int parse_options(int argc, char **argv, Options &o) {
         break;
       case 'd':
         setenv("LDAP_DEBUG", optarg, 1);
+        break;
+      case 'o':
+        if (strcmp(optarg, "referral-credentials=yes") == 0) {
+          o.referral_credentials = true;
+        } else if (strcmp(optarg, "referral-credentials=no") == 0) {
+          o.referral_credentials = false;
+        } else {
+          fprintf(stderr, "tavldap: unknown -o option \"%s\" (known: referral-credentials=yes|no)\n", optarg);
+          return kUsage;
+        }
         break;
       default:
         usage();

@@ -1,14 +1,17 @@
 // tavldap against the private slapd: search output compared with OpenLDAP's
 // ldapsearch on the same entries, change records of every kind checked with
 // ldapsearch, failures as exit codes with the library's message, malformed
-// LDIF refused by line before it is sent.
+// LDIF refused by line before it is sent, referrals chased anonymously unless
+// told otherwise.
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ldap-int.h"
 #include "process.h"
+#include "referral_servers.h"
 #include "slapd_suite.h"
 
 using tavtest::SlapdServer;
@@ -108,8 +111,8 @@ TEST_F(Cli, UrlSearchesPrintWhatLdapsearchPrintsAndReferralsAreChasedUnlessTold)
   EXPECT_EQ(r.out + "\n",
             ldapsearch({"-b", SlapdServer::kPeopleDn, "-s", "one", "(|(uid=user1)(uid=user2))", "uid", "cn"}));
   EXPECT_EQ(run("url", {"ldap:///o=x??wide"}).exit_code, LDAP_PARAM_ERROR);
-  // A referral object pointing back into this server: followed (binding with
-  // -D/-w), or with -C handed back as the search's result.
+  // A referral object pointing back into this server: followed, or with -C
+  // handed back as the search's result.
   const std::string ref = "ou=ref," + std::string(SlapdServer::kSuffix);
   std::string out;
   ASSERT_EQ(slapd->ldap_tool("ldapadd", {"-M", "-D", SlapdServer::kRootDn, "-w", SlapdServer::kRootPw}, &out,
@@ -146,8 +149,11 @@ TEST_F(Cli, FailuresExitWithTheResultCode) {
         << r.err;
   }
   EXPECT_NE(entry(SlapdServer::user_dn(1)), "");
-  for (const auto &args : std::vector<std::vector<std::string>>{
-           {"add", "unexpected"}, {"modrdn", "only-a-dn"}, {"search", "-s", "wide"}, {"frobnicate"}})
+  for (const auto &args : std::vector<std::vector<std::string>>{{"add", "unexpected"},
+                                                                {"modrdn", "only-a-dn"},
+                                                                {"search", "-s", "wide"},
+                                                                {"search", "-o", "referral-credentials=maybe"},
+                                                                {"frobnicate"}})
     EXPECT_EQ(run(args[0], std::vector<std::string>(args.begin() + 1, args.end())).exit_code, 2) << args[0];
   // -d traces the run; the password never reaches the trace.
   auto r = tavtest::run_process({TAV_CLIENT, "delete", "-d", "65535", "-H", slapd->url(), "-D", SlapdServer::kRootDn,
@@ -156,6 +162,32 @@ TEST_F(Cli, FailuresExitWithTheResultCode) {
   EXPECT_EQ(r.exit_code, LDAP_NO_SUCH_OBJECT);
   EXPECT_NE(r.err.find("ldap_delete_s: returning rc=32"), std::string::npos);
   EXPECT_EQ(r.err.find(SlapdServer::kRootPw), std::string::npos);
+}
+
+// A referral may name any server, so -D/-w go only to the server named unless
+// -o referral-credentials=yes says otherwise.  A's ou=t1 refers to B's
+// ou=branch; B shows its entries only to bound users, and to anonymous ones
+// answers 32.
+TEST(CliReferrals, ReferredServersGetTheCredentialsOnlyWhenAsked) {
+  tavtest::ReferralServers servers;
+  ASSERT_TRUE(servers.started()) << servers.error();
+  const std::tuple<std::vector<std::string>, int, bool> cases[] = {
+      {{}, LDAP_NO_SUCH_OBJECT, false},
+      {{"-o", "referral-credentials=no"}, LDAP_NO_SUCH_OBJECT, false},
+      {{"-o", "referral-credentials=yes"}, 0, true}};
+  for (const auto &[option, code, bound_at_b] : cases) {
+    std::vector<std::string> argv = {TAV_CLIENT, "search",
+                                     "-H",       servers.a().url(),
+                                     "-D",       SlapdServer::kRootDn,
+                                     "-w",       SlapdServer::kRootPw,
+                                     "-b",       "ou=t1," + tavtest::ReferralServers::kSuffix};
+    argv.insert(argv.end(), option.begin(), option.end());
+    argv.insert(argv.end(), {"(objectClass=*)", "cn"});
+    auto r = tavtest::run_process(argv, {{"TAVLDAP_LIBRARY", TAV_SHARED_OBJECT}, {"LDAP_DEBUG", ""}});
+    EXPECT_EQ(r.exit_code, code) << r.err;
+    EXPECT_NE(r.out.find("dn: cn=a1,ou=t1,"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("dn: cn=b1," + tavtest::ReferralServers::branch()) != std::string::npos, bound_at_b) << r.out;
+  }
 }
 
 // A malformed record stops the run with its line number: the records before
