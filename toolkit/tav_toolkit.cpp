@@ -3,12 +3,15 @@
 // write goes through the caller's I/O callbacks.
 #include "tav_toolkit.h"
 
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <errno.h>
+#include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/provider.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -72,7 +75,9 @@ struct Env {
   SSL_CTX *ctx = nullptr;
   tavtk::KeyDb keys;
   std::mutex session_mu;
-  SSL_SESSION *last_session = nullptr;  // session_mu; offered for resumption
+  // Sessions for resumption, each offered only to the server that issued it:
+  // keyed by host, port and what the client presented (see session_key).
+  std::map<std::string, SSL_SESSION *> sessions;  // session_mu
   std::mutex info_mu;
   std::map<std::string, std::pair<std::vector<std::string>, std::vector<tav_cert_data_elem>>> label_info;  // info_mu
 };
@@ -82,6 +87,9 @@ struct Conn {
   Env *env = nullptr;
   int fd = -1;
   std::string label, cipher_spec, cipher_code;
+  std::string peer_host;  // TAV_PEER_HOST_NAME
+  bool name_check = true;
+  std::string session_key;  // empty: nothing is resumed or kept
   char user[8] = {0};
   SSL *ssl = nullptr;
   std::mutex mu;  // one SSL call at a time: reads and writes come from different threads
@@ -251,6 +259,9 @@ int verify_code(long result) {
       return TAV_ERROR_VALIDATING_CERT;
     case X509_V_ERR_CERT_SIGNATURE_FAILURE:
       return TAV_ERROR_BAD_CERT_SIG;
+    case X509_V_ERR_HOSTNAME_MISMATCH:
+    case X509_V_ERR_IP_ADDRESS_MISMATCH:
+      return TAV_ERROR_HOST_MISMATCH;
     default:
       return TAV_ERROR_BAD_CERT;
   }
@@ -258,6 +269,8 @@ int verify_code(long result) {
 
 int handshake_failure(Conn *c, int ssl_error) {
   long verify = SSL_get_verify_result(c->ssl);
+  // The caller may want to say what the refused server presented.
+  if (X509 *peer = SSL_get0_peer_certificate(c->ssl)) cert_info(peer, &c->info_values, &c->info);
   unsigned long e = ERR_peek_error();
   ERR_clear_error();
   if (verify != X509_V_OK) return verify_code(verify);
@@ -282,13 +295,69 @@ int handshake_failure(Conn *c, int ssl_error) {
   }
 }
 
+constexpr size_t kMaxSessions = 256;
+
 int new_session(SSL *ssl, SSL_SESSION *session) {
   Conn *c = static_cast<Conn *>(SSL_get_app_data(ssl));
-  if (c == nullptr || SSL_SESSION_is_resumable(session) == 0) return 0;
+  if (c == nullptr || c->session_key.empty() || SSL_SESSION_is_resumable(session) == 0) return 0;
   std::lock_guard<std::mutex> lock(c->env->session_mu);
-  SSL_SESSION_free(c->env->last_session);
-  c->env->last_session = session;
-  return 1;  // the reference is ours now
+  auto &sessions = c->env->sessions;
+  auto it = sessions.find(c->session_key);
+  if (it != sessions.end()) {
+    SSL_SESSION_free(it->second);
+    it->second = session;
+    return 1;  // the reference is ours now
+  }
+  if (sessions.size() >= kMaxSessions) {  // a bound on memory; any one may go
+    SSL_SESSION_free(sessions.begin()->second);
+    sessions.erase(sessions.begin());
+  }
+  sessions.emplace(c->session_key, session);
+  return 1;
+}
+
+bool is_address(const std::string &host) {
+  unsigned char buf[16];
+  return inet_pton(AF_INET, host.c_str(), buf) == 1 || inet_pton(AF_INET6, host.c_str(), buf) == 1;
+}
+
+// What a resumed session must agree on: the server (its name as the caller
+// gave it and the port the socket is connected to) and what the client
+// presented or required.  The trust anchors belong to the environment, which
+// holds the cache.
+std::string session_key(const Conn *c) {
+  if (c->peer_host.empty()) return {};
+  sockaddr_storage peer{};
+  socklen_t len = sizeof peer;
+  int port = -1;
+  if (getpeername(c->fd, reinterpret_cast<sockaddr *>(&peer), &len) == 0) {
+    if (peer.ss_family == AF_INET) port = ntohs(reinterpret_cast<sockaddr_in *>(&peer)->sin_port);
+    if (peer.ss_family == AF_INET6) port = ntohs(reinterpret_cast<sockaddr_in6 *>(&peer)->sin6_port);
+  }
+  if (port < 0) return {};
+  std::string key = c->peer_host;
+  key += '\n';
+  key += std::to_string(port);
+  key += '\n';
+  key += c->label;
+  key += '\n';
+  key += c->cipher_spec;
+  key += c->name_check ? "\ncheck" : "\nnocheck";
+  return key;
+}
+
+// Server name: SNI for a host name, and, with the check on, the name or
+// address the certificate must carry (subjectAltName; the common name only
+// when there is no DNS name; a wildcard only as the whole left-most label).
+bool apply_peer_name(Conn *c) {
+  const std::string &host = c->peer_host;
+  const bool address = is_address(host);
+  if (!host.empty() && !address && SSL_set_tlsext_host_name(c->ssl, host.c_str()) != 1) return false;
+  if (!c->name_check) return true;
+  X509_VERIFY_PARAM *param = SSL_get0_param(c->ssl);
+  X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+  if (address) return X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) == 1;
+  return X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size()) == 1;
 }
 
 bool apply_cipher_spec(SSL *ssl, const std::string &spec) {
@@ -355,16 +424,32 @@ int conn_set_buffer(Conn *c, int id, const std::string &v) {
       if (!valid_cipher_spec(v.data(), v.size())) return TAV_ERROR_BAD_V3_CIPHER;
       c->cipher_spec = v;
       return 0;
+    case TAV_PEER_HOST_NAME:
+      if (v.empty() || v.find('\0') != std::string::npos) return TAV_INVALID_LENGTH;
+      c->peer_host = v;
+      return 0;
     default:
       return TAV_INVALID_ATTRIBUTE;
   }
 }
+
+constexpr const char *kDefaultTls12Suites = "ECDHE+AESGCM:ECDHE+CHACHA20:DHE+AESGCM:DHE+CHACHA20:!aNULL";
+constexpr const char *kDefaultTls13Suites =
+    "TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256:TLS_AES_128_GCM_SHA256";
 
 int build_context(Env *e) {
   SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
   if (ctx == nullptr) return TAV_ERROR_INIT_FAILED;
   SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
   SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION);
+  // Forward-secret AEAD suites only, unless a connection's cipher
+  // specification asks for others.
+  if (SSL_CTX_set_cipher_list(ctx, kDefaultTls12Suites) != 1 ||
+      SSL_CTX_set_ciphersuites(ctx, kDefaultTls13Suites) != 1) {
+    SSL_CTX_free(ctx);
+    ERR_clear_error();
+    return TAV_ERROR_INIT_FAILED;
+  }
   SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   // Only the key database's trust anchors vouch for a server.
   SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER, nullptr);
@@ -447,6 +532,7 @@ const std::map<int, const char *> &error_texts() {
       {431, "PKCS11 token not present"},
       {432, "PKCS11 token bad password"},
       {433, "Invalid V2 header"},
+      {434, "Certificate does not match the server's name"},
       {501, "Invalid buffer size"},
       {502, "Would block"},
       {601, "Not SSL V3"},
@@ -472,7 +558,7 @@ TAV_EXPORT int tav_environment_open(tav_handle *env) {
 TAV_EXPORT int tav_environment_close(tav_handle *env) {
   Env *e = env != nullptr ? as_env(*env) : nullptr;
   if (e == nullptr) return TAV_INVALID_HANDLE;
-  SSL_SESSION_free(e->last_session);
+  for (auto &[key, session] : e->sessions) SSL_SESSION_free(session);
   SSL_CTX_free(e->ctx);
   OPENSSL_cleanse(e->password.data(), e->password.size());
   OPENSSL_cleanse(e->token_pw.data(), e->token_pw.size());
@@ -553,6 +639,16 @@ TAV_EXPORT int tav_secure_soc_init(tav_handle conn) {
   SSL_set_bio(c->ssl, bio, bio);
   SSL_set_app_data(c->ssl, c);
   bool ok = apply_cipher_spec(c->ssl, c->cipher_spec);
+  // With the check on and no name to check, no server could be told apart.
+  if (c->name_check && c->peer_host.empty()) {
+    SSL_free(c->ssl);
+    c->ssl = nullptr;
+    return TAV_ERROR_HOST_MISMATCH;
+  }
+  if (ok && !apply_peer_name(c)) {
+    ERR_clear_error();
+    return TAV_INTERNAL_ERROR;
+  }
   if (ok && !c->label.empty()) {
     const tavtk::KeyEntry *k = c->env->keys.find(c->label);
     ok = SSL_use_certificate(c->ssl, k->cert) == 1 && SSL_use_PrivateKey(c->ssl, k->key) == 1 &&
@@ -562,9 +658,11 @@ TAV_EXPORT int tav_secure_soc_init(tav_handle conn) {
     ERR_clear_error();
     return TAV_ERROR_NO_CIPHERS;
   }
-  {
+  c->session_key = session_key(c);
+  if (!c->session_key.empty()) {
     std::lock_guard<std::mutex> session_lock(c->env->session_mu);
-    if (c->env->last_session != nullptr) SSL_set_session(c->ssl, c->env->last_session);
+    auto it = c->env->sessions.find(c->session_key);
+    if (it != c->env->sessions.end()) SSL_set_session(c->ssl, it->second);
   }
   for (;;) {
     int r = SSL_connect(c->ssl);
@@ -681,6 +779,10 @@ TAV_EXPORT int tav_attribute_get_buffer(tav_handle h, int id, const char **buffe
       if (c == nullptr) return TAV_INVALID_ATTRIBUTE;
       v = &c->cipher_spec;
       break;
+    case TAV_PEER_HOST_NAME:
+      if (c == nullptr) return TAV_INVALID_ATTRIBUTE;
+      v = &c->peer_host;
+      break;
     case TAV_CONNECT_CIPHER_SPEC:
       if (c == nullptr) return TAV_INVALID_ATTRIBUTE;
       if (!c->established) return TAV_INVALID_STATE;
@@ -707,7 +809,8 @@ TAV_EXPORT int tav_attribute_get_cert_info(tav_handle h, int id, const tav_cert_
   Conn *c = as_conn(h);
   if (c == nullptr) return TAV_INVALID_HANDLE;
   if (id != TAV_PARTNER_CERT_INFO) return TAV_INVALID_ATTRIBUTE;
-  if (!c->established) return TAV_INVALID_STATE;
+  // Also after a refused handshake, so that the refusal can name what was presented.
+  if (!c->established && c->info.empty()) return TAV_INVALID_STATE;
   if (elems == nullptr || count == nullptr) return TAV_INVALID_LENGTH;
   *elems = c->info.data();
   *count = (int)c->info.size();
@@ -747,7 +850,12 @@ TAV_EXPORT int tav_attribute_get_numeric_value(tav_handle h, int id, int *value)
 
 TAV_EXPORT int tav_attribute_set_enum(tav_handle h, int id, int value) {
   if (Conn *c = as_conn(h)) {
-    (void)c;
+    if (id == TAV_PEER_NAME_CHECK) {
+      if (c->ssl != nullptr) return TAV_INVALID_STATE;
+      if (value != TAV_PEER_NAME_CHECK_ON && value != TAV_PEER_NAME_CHECK_OFF) return TAV_INVALID_ENUMERATION;
+      c->name_check = value == TAV_PEER_NAME_CHECK_ON;
+      return 0;
+    }
     if (id != TAV_PROTOCOL_SSLV2) return TAV_INVALID_ATTRIBUTE;
     return value == TAV_PROTOCOL_SSLV2_OFF ? 0 : TAV_INVALID_ENUMERATION;  // SSL version 2 is never spoken
   }
@@ -779,7 +887,11 @@ TAV_EXPORT int tav_attribute_set_enum(tav_handle h, int id, int value) {
 
 TAV_EXPORT int tav_attribute_get_enum(tav_handle h, int id, int *value) {
   if (value == nullptr) return TAV_INVALID_LENGTH;
-  if (as_conn(h) != nullptr) {
+  if (Conn *c = as_conn(h)) {
+    if (id == TAV_PEER_NAME_CHECK) {
+      *value = c->name_check ? TAV_PEER_NAME_CHECK_ON : TAV_PEER_NAME_CHECK_OFF;
+      return 0;
+    }
     if (id != TAV_PROTOCOL_SSLV2) return TAV_INVALID_ATTRIBUTE;
     *value = TAV_PROTOCOL_SSLV2_OFF;
     return 0;

@@ -24,6 +24,10 @@ enum {
   TAV_PKCS11_DRIVER_PATH = 213,
   TAV_PKCS11_TOKEN_LABEL = 214,
   TAV_PKCS11_TOKEN_PWD = 215,
+  // Our extension, connection: the server's host name or address as the
+  // caller connected to it.  A name is sent as SNI; with the name check on,
+  // the certificate must match it.  Resumed sessions are keyed by it.
+  TAV_PEER_HOST_NAME = 250,
   TAV_FD = 300,                  // connection: socket descriptor
   TAV_V3_SESSION_TIMEOUT = 302,  // environment: session cache time-out (s)
   TAV_PROTOCOL_SSLV2 = 403,
@@ -31,6 +35,7 @@ enum {
   TAV_FIPS_MODE_PROCESSING = 415,
   TAV_BASE_CRYPTO_LIBRARY = 416,
   TAV_PKCS11_ACCELERATOR_MODE = 417,
+  TAV_PEER_NAME_CHECK = 418,  // our extension, connection: TAV_PEER_NAME_CHECK_ON (default) or _OFF
   TAV_SSL_FIPS_MODE = 420,
   TAV_PARTNER_CERT_INFO = 700,  // connection: the server certificate's data
   TAV_IO_CALLBACK = 800,
@@ -47,6 +52,8 @@ enum {
   TAV_ACCELERATOR_RSA_ON = 551,
   TAV_ACCELERATOR_SYMMETRIC_ON = 553,
   TAV_SSL_FIPS_MODE_PROCESSING_ON = 573,
+  TAV_PEER_NAME_CHECK_ON = 574,
+  TAV_PEER_NAME_CHECK_OFF = 575,
 };
 
 // Server certificate data element types (TAV_PARTNER_CERT_INFO).
@@ -113,6 +120,7 @@ enum {
   TAV_ERROR_INIT_FAILED = 426,
   TAV_ERROR_NO_PRIVATE_KEY = 428,
   TAV_PKCS11_LIBRARY_NOT_LOADED = 429,
+  TAV_ERROR_HOST_MISMATCH = 434,  // our extension: the certificate is not the named server's
   TAV_WOULD_BLOCK = 502,
   TAV_INVALID_ATTRIBUTE = 701,
   TAV_INVALID_LENGTH = 702,
