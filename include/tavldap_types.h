@@ -60,6 +60,9 @@ typedef struct ldap LDAP;
 #define LDAP_VERSION2 2
 /* The one authentication method of tav_ldap_bind: simple (DN and password). */
 #define LDAP_AUTH_SIMPLE 0x80
+/* Returned by a rebind procedure: bind the referred server with the
+ * session's own recorded SASL bind (mechanism and credentials). */
+#define LDAP_AUTH_SASL 0xA3
 #define LDAP_VERSION3 3
 
 /* Result codes: 0 to 80 come from servers, 81 and up from the library. */
@@ -191,6 +194,9 @@ typedef struct ldap LDAP;
 #define LDAP_OPT_SSL_KEYDB 0x41
 #define LDAP_OPT_SSL_CLIENT_LABEL 0x42
 #define LDAP_OPT_SSL_ACTIVE 0x45
+/* LDAP_OPT_ON (default) or LDAP_OPT_OFF: secure connections check that the
+ * server's certificate names the host connected to. */
+#define LDAP_OPT_SSL_CHECK_HOSTNAME 0x46
 #define LDAP_OPT_XLATE 0xe0
 /* Protocol-version-2 callers pass 0/1 options as the pointer value. */
 #define LDAP_OPT_ON ((void *)1)
@@ -263,7 +269,9 @@ typedef struct ldapmod {
 /* The referral rebind procedure (option LDAP_OPT_REBIND_FN): called with
  * freeit 0 to fill in the DN, password and method (LDAP_AUTH_SIMPLE) to bind
  * with on the server a referral leads to, returning 0 or a result code; then
- * called again with freeit 1 to release what it handed out. */
+ * called again with freeit 1 to release what it handed out.  Setting the
+ * method to LDAP_AUTH_SASL asks for the session's own SASL bind to be
+ * repeated there instead; nothing else sends it to a referred server. */
 typedef int(LDAP_REBINDPROC_CALLBACK)(LDAP *ld, char **dnp, char **passwdp, int *authmethodp, int freeit);
 
 #ifdef __cplusplus

@@ -132,7 +132,7 @@ struct ldap_referral_link {
 // A server connection of a session.
 struct ldapconn {
   char *lc_host;       // blank-separated host list
-  char *lc_peer_name;  // cached peer name, or null
+  char *lc_peer_name;  // the host of lc_host this connection reached, or null
   int lc_port;         // host byte order
   Sockbuf lc_sb;
   int lc_connected;
@@ -145,12 +145,16 @@ struct ldapconn {
   LDAP *lc_ld;
   void *lc_plugin;  // SASL plug-in parameter block, or null
   int lc_closed;
-  // A referral connection is re-bound once, before its first request: a bind
-  // must not share the wire with other requests.
-  int lc_rebound;  // ld_conn_mutex
+  // A referral connection is re-bound before its first request and again
+  // when the session's bind identity has changed: 1 + the session's
+  // ld_bind_generation it was bound for, 0 before its first bind.
+  unsigned int lc_rebound;  // ld_conn_mutex
   // The server's text of a notice of disconnection; set once (atomically)
   // when the notice is read, freed with the connection.
   char *lc_notice;
+  // Opened over SSL whatever the session says: a connection an ldaps URL
+  // asked for.  Set before the connection is opened.
+  int lc_ssl;
 };
 
 // The session handle.  A handle is live while ld_eyecatcher holds "LDAP HDL".
@@ -190,6 +194,12 @@ struct ldap {
   int ld_plugin_status;
   char *ld_defhost;
   int ld_defport;
+  // 1: secure connections do not check the server's name against its
+  // certificate (LDAP_OPT_SSL_CHECK_HOSTNAME off, or LDAP_SSL_HOSTNAME_CHECK=FALSE).
+  int ld_ssl_no_host_check;
+  // Counts the binds sent on the session's default connection (atomic), so
+  // that referral connections bound for an older identity are bound again.
+  unsigned int ld_bind_generation;
 };
 
 #define LDAP_EYECATCHER "LDAP HDL"
@@ -227,6 +237,10 @@ TAV_INTERNAL LDAPConn *get_default_connection(LDAP *ld);
 TAV_INTERNAL int ldap_set_thread_connection(LDAP *ld, LDAPConn *conn);
 TAV_INTERNAL LDAPConn *ldap_get_connection(LDAP *ld, const char *host, int port, int open, int *rc,
                                            int include_default);
+// ldap_get_connection for a URL: `secure` (an ldaps URL) finds or opens only
+// a connection over SSL, and a port-less ldaps URL means port 636.
+TAV_INTERNAL LDAPConn *ldap_get_connection_for_url(LDAP *ld, const char *host, int port, int secure, int *rc,
+                                                   int include_default);
 TAV_INTERNAL int ldap_conn_matches(LDAPConn *conn, const char *host, int port);
 TAV_INTERNAL void ldap_free_connection_if_idle(LDAP *ld, LDAPConn *conn);
 

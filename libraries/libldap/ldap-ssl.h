@@ -91,6 +91,13 @@ TAV_INTERNAL int ldap_ssl_set_fips_mode_np(int mode);
 
 // Secure connections.
 TAV_INTERNAL int open_ssl_connection(LDAP *ld, Sockbuf *sb);
+// open_ssl_connection for a socket connected to `host` (a name or an address
+// literal): the name the certificate must carry, and the SNI for a name.
+TAV_INTERNAL int open_ssl_connection_to(LDAP *ld, Sockbuf *sb, const char *host);
+// Makes the session hold the current SSL environment if it holds none yet
+// (a plain session following an ldaps URL): 0, or 118 when SSL is not
+// initialised.
+TAV_INTERNAL int ldap_ssl_hold_env(LDAP *ld);
 TAV_INTERNAL void ssl_close_direct(Sockbuf *sb);
 TAV_INTERNAL int ssl_read(int fd, void *buffer, int length, char *user);
 TAV_INTERNAL int ssl_write(int fd, const void *buffer, int length, char *user);

@@ -48,6 +48,9 @@ int send_bind(LDAP *ld, LDAPConn *conn, int *msgidp, const char *who, bool recor
     if (rc == LDAP_SUCCESS && encode(msg->lm_ber, id, version) != 0) rc = LDAP_ENCODING_ERROR;
     if (rc == LDAP_SUCCESS) {
       msg->lm_msgtype = kBindRequest;
+      // A bind of the session's own changes who referral connections must be
+      // bound as (a referral's re-bind goes to another connection).
+      if (conn == ld->ld_defconn) __atomic_add_fetch(&ld->ld_bind_generation, 1, __ATOMIC_RELEASE);
       stored = true;  // from here the send frees the request on failure
       rc = ldap_msg_table_send_request(table, ld, msg);
     }
@@ -317,6 +320,11 @@ int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mech, const
   set(LDAP_PLUGIN_SERVER_CTRLS, sctrls);
   set(LDAP_PLUGIN_CLIENT_CTRLS, cctrls);
   set(LDAP_PLUGIN_DEFHOST, ld->ld_defhost);
+  // Whether the bind goes out over SSL (a session made secure opens its
+  // connection so even when it is not open yet): plug-ins refuse to send
+  // clear-text passwords otherwise.
+  const bool secure = ld->ld_ssl == 1 || (conn != nullptr && conn->lc_sb.sb_ssl != nullptr);
+  set(LDAP_PLUGIN_SSL_ACTIVE, reinterpret_cast<void *>(static_cast<intptr_t>(secure ? 1 : 0)));
   if (gssapi) {
     set(LDAP_PLUGIN_OPTION54, reinterpret_cast<void *>(static_cast<intptr_t>(ld->ld_option54)));
     set(LDAP_PLUGIN_STATUS, &ld->ld_plugin_status);

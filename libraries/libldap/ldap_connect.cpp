@@ -76,6 +76,55 @@ bool conn_matches_cached(LDAPConn *conn, const char *host, int port, struct addr
   return match;
 }
 
+LDAPConn *get_connection(LDAP *ld, const char *host, int port, int open, int *rc, int include_default, bool secure) {
+  int dummy = 0;
+  if (rc == nullptr) rc = &dummy;
+  *rc = LDAP_SUCCESS;
+  if (host == nullptr) return ld->ld_defconn;
+  if (port == LDAP_URL_PORT_DEFAULT || port == LDAP_URL_PORT_DEFAULT_SECURE)
+    port = ld->ld_defconn->lc_sb.sb_ssl != nullptr ? LDAPS_PORT : LDAP_PORT;
+  if (LDAP_MUTEX_LOCK(&ld->ld_conn_mutex) != 0) {
+    *rc = LDAP_LOCK_ERROR;
+    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    return nullptr;
+  }
+  struct addrinfo *host_ai = nullptr;
+  int state = 0;
+  LDAPConn *found = nullptr;
+  LDAPConn *last = nullptr;
+  for (LDAPConn *c = include_default == 1 ? ld->ld_defconn : ld->ld_defconn->lc_next; c != nullptr; c = c->lc_next) {
+    // A connection that failed is never used again: a new one is opened.
+    if (c->lc_port == port && conn_closed(c) != 1 && (!secure || ld->ld_ssl == 1 || c->lc_ssl == 1) &&
+        conn_matches_cached(c, host, port, &host_ai, &state)) {
+      found = c;
+      break;
+    }
+  }
+  free_addrinfo(host_ai);
+  if (found == nullptr && open == 1) {
+    LDAPConn *lc = ldap_lc_init(host, port, 8);
+    if (lc == nullptr) {
+      *rc = LDAP_NO_MEMORY;
+      ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+    } else {
+      lc->lc_ld = ld;
+      lc->lc_ssl = secure ? 1 : 0;
+      int orc = open_ldap_connection(ld, lc);
+      if (orc != 0) {
+        *rc = orc;
+        ldap_lc_free(lc);
+      } else {
+        for (last = ld->ld_servers; last->lc_next != nullptr; last = last->lc_next) {
+        }
+        last->lc_next = lc;
+        found = lc;
+      }
+    }
+  }
+  LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
+  return found;
+}
+
 }  // namespace
 
 extern "C" {
@@ -197,50 +246,12 @@ int ldap_conn_matches(LDAPConn *conn, const char *host, int port) {
 }
 
 LDAPConn *ldap_get_connection(LDAP *ld, const char *host, int port, int open, int *rc, int include_default) {
-  int dummy = 0;
-  if (rc == nullptr) rc = &dummy;
-  *rc = LDAP_SUCCESS;
-  if (host == nullptr) return ld->ld_defconn;
-  if (port == LDAP_URL_PORT_DEFAULT || port == LDAP_URL_PORT_DEFAULT_SECURE)
-    port = ld->ld_defconn->lc_sb.sb_ssl != nullptr ? LDAPS_PORT : LDAP_PORT;
-  if (LDAP_MUTEX_LOCK(&ld->ld_conn_mutex) != 0) {
-    *rc = LDAP_LOCK_ERROR;
-    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-    return nullptr;
-  }
-  struct addrinfo *host_ai = nullptr;
-  int state = 0;
-  LDAPConn *found = nullptr;
-  LDAPConn *last = nullptr;
-  for (LDAPConn *c = include_default == 1 ? ld->ld_defconn : ld->ld_defconn->lc_next; c != nullptr; c = c->lc_next) {
-    // A connection that failed is never used again: a new one is opened.
-    if (c->lc_port == port && conn_closed(c) != 1 && conn_matches_cached(c, host, port, &host_ai, &state)) {
-      found = c;
-      break;
-    }
-  }
-  free_addrinfo(host_ai);
-  if (found == nullptr && open == 1) {
-    LDAPConn *lc = ldap_lc_init(host, port, 8);
-    if (lc == nullptr) {
-      *rc = LDAP_NO_MEMORY;
-      ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-    } else {
-      lc->lc_ld = ld;
-      int orc = open_ldap_connection(ld, lc);
-      if (orc != 0) {
-        *rc = orc;
-        ldap_lc_free(lc);
-      } else {
-        for (last = ld->ld_servers; last->lc_next != nullptr; last = last->lc_next) {
-        }
-        last->lc_next = lc;
-        found = lc;
-      }
-    }
-  }
-  LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
-  return found;
+  return get_connection(ld, host, port, open, rc, include_default, false);
+}
+
+LDAPConn *ldap_get_connection_for_url(LDAP *ld, const char *host, int port, int secure, int *rc, int include_default) {
+  if (secure == 1 && port == LDAP_URL_PORT_DEFAULT_SECURE) port = LDAPS_PORT;
+  return get_connection(ld, host, port, 1, rc, include_default, secure == 1);
 }
 
 void ldap_free_connection_if_idle(LDAP *ld, LDAPConn *conn) {

@@ -2,6 +2,7 @@
 // a connection.
 #include <arpa/inet.h>
 #include <pthread.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -274,6 +275,12 @@ LDAP *ldap_init(const char *host, int port) {
     return nullptr;
   }
   ld->ld_defport = port;
+  // Test set-ups without certificates for their host names turn the server
+  // name check off here; LDAP_OPT_SSL_CHECK_HOSTNAME overrides it per session.
+  if (char *check = ldap_getenv("LDAP_SSL_HOSTNAME_CHECK")) {
+    ld->ld_ssl_no_host_check = strcasecmp(check, "FALSE") == 0 ? 1 : 0;
+    free(check);
+  }
   ld->ld_defhost = olx_strdup(host);
   if (ld->ld_defhost == nullptr) {
     discard_partial(ld, made, true);
@@ -361,11 +368,15 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
       rc = LDAP_PARAM_ERROR;
       continue;
     }
+    unique_cstr peer(olx_strdup(host));
+    if (!peer) return LDAP_NO_MEMORY;
     rc = open_connection(&lc->lc_sb, host, htons((uint16_t)port));
     if (rc != 0) continue;
-    if (ld->ld_ssl == 1) {
+    if (ld->ld_ssl == 1 || lc->lc_ssl == 1) {
       LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: SSL In use!\n");
-      rc = open_ssl_connection(ld, &lc->lc_sb);
+      // A plain session following an ldaps URL takes the current environment.
+      rc = ldap_ssl_hold_env(ld);
+      if (rc == 0) rc = open_ssl_connection_to(ld, &lc->lc_sb, host);
       if (rc != 0) {
         LDAP_LOG(LDAP_LOG_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n", rc);
         close_connection(&lc->lc_sb);
@@ -374,6 +385,8 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
       }
     }
     if (set_socket_nb(&lc->lc_sb) == 0) {
+      free(lc->lc_peer_name);
+      lc->lc_peer_name = peer.release();
       set_conn_connected(lc);
       return 0;
     }

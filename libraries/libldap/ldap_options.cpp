@@ -268,6 +268,12 @@ int ldap_set_option_direct(LDAP *ld, int option, const void *value) {
     case LDAP_OPT_XLATE:
       rc = set_ranged(&ld->ld_xlate, v, 0, 1);
       break;
+    case LDAP_OPT_SSL_CHECK_HOSTNAME:
+      if (v != 0 && v != 1)
+        rc = LDAP_PARAM_ERROR;
+      else
+        ld->ld_ssl_no_host_check = v == 1 ? 0 : 1;
+      break;
     default:
       // Read-only options and unknown numbers alike.
       rc = LDAP_PARAM_ERROR;
@@ -325,6 +331,9 @@ int ldap_get_option_direct(LDAP *ld, int option, void *out) {
       break;
     case LDAP_OPT_PROTOCOL_VERSION:
       *iout = ld->ld_version;
+      break;
+    case LDAP_OPT_SSL_CHECK_HOSTNAME:
+      *iout = ld->ld_ssl_no_host_check == 1 ? 0 : 1;
       break;
     case LDAP_OPT_SERVER_CONTROLS:
       rc = ldap_copy_controls(static_cast<LDAPControl ***>(out), ld->ld_sctrls);

@@ -13,6 +13,7 @@
 #include "ldap-engine.h"
 #include "ldap-lock.h"
 #include "ldap-search.h"
+#include "ldap-ssl.h"
 #include "ldap-utils.h"
 
 namespace {
@@ -101,8 +102,23 @@ LDAPConn *referral_connection(LDAP *ld, char **urls, LDAPURLDesc **lud, int *err
       }
       continue;
     }
+    // A server names hosts, never files here: a host that decodes to a path
+    // would be a local socket of this machine.
+    if (parsed->lud_host != nullptr && parsed->lud_host[0] == '/') {
+      LDAP_LOG(LDAP_LOG_ERROR, "get_referral_connection: %s names a local socket: not followed\n", urls[i]);
+      ldap_free_urldesc(parsed);
+      continue;
+    }
+    // An ldaps URL keeps its scheme: over SSL or not at all.
+    const bool secure = parsed->lud_scheme != nullptr && strcasecmp(parsed->lud_scheme, "ldaps") == 0;
+    if (secure && ldap_ssl_hold_env(ld) != 0) {
+      LDAP_LOG(LDAP_LOG_ERROR, "get_referral_connection: %s needs SSL, which is not initialised: not followed\n",
+               urls[i]);
+      ldap_free_urldesc(parsed);
+      continue;
+    }
     int rc = 0;
-    LDAPConn *conn = ldap_get_connection(ld, parsed->lud_host, parsed->lud_port, 1, &rc, 0);
+    LDAPConn *conn = ldap_get_connection_for_url(ld, parsed->lud_host, parsed->lud_port, secure ? 1 : 0, &rc, 0);
     if (conn != nullptr) {
       if (down != nullptr) {
         if (down->size() <= i) down->resize(i + 1, false);
@@ -446,14 +462,26 @@ int send_referral_bind_request(LDAP *ld, ldap_msg_table *table) {
       ldap_set_errno_direct(ld, rc, nullptr, nullptr);
       return rc;
     }
-  } else if (version >= LDAP_VERSION3) {
+  } else if (version >= LDAP_VERSION3 && table->conn->lc_rebound == 0) {
     LDAP_LOG(LDAP_LOG_TRACE,
              "send_referral_bind_request: no rebind proc specified. Anonymous bind is implicit for LDAPV3\n");
     return 0;
   }
+  // (A connection bound before, for an identity the session has since left,
+  // is bound anonymously rather than left as it was.)
   rc = 0;
-  if (version >= LDAP_VERSION3 && method == LDAP_AUTH_SIMPLE && (dn == nullptr || *dn == '\0') &&
-      (pw == nullptr || *pw == '\0')) {
+  // The session's SASL bind goes to a referred server only when the rebind
+  // procedure asks for it; otherwise its own DN and password are used.
+  const bool want_sasl = rebind != nullptr && method == LDAP_AUTH_SASL;
+  const bool anonymous =
+      !want_sasl && method == LDAP_AUTH_SIMPLE && (dn == nullptr || *dn == '\0') && (pw == nullptr || *pw == '\0');
+  // Credentials never travel over a weaker channel than the session's own.
+  LDAPConn *target = table->conn;
+  const bool weaker = ld->ld_defconn->lc_sb.sb_ssl != nullptr && target->lc_sb.sb_ssl == nullptr;
+  if (weaker && !anonymous) {
+    LDAP_LOG(LDAP_LOG_ERROR, "send_referral_bind_request: %s is not secure: bind suppressed\n",
+             target->lc_peer_name != nullptr ? target->lc_peer_name : "the referred server");
+  } else if (version >= LDAP_VERSION3 && anonymous && target->lc_rebound == 0) {
     LDAP_LOG(LDAP_LOG_TRACE, "send_referral_bind_request: bind supressed, rebindproc specified anonymous bind\n");
   } else {
     LDAP_LOG(LDAP_LOG_TRACE, "send_referral_bind_request: sending bind request\n");
@@ -463,7 +491,8 @@ int send_referral_bind_request(LDAP *ld, ldap_msg_table *table) {
     if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
       rc = LDAP_LOCK_ERROR;
     } else {
-      recorded = ld->ld_bind_method;
+      recorded = want_sasl ? ld->ld_bind_method : 0;
+      if (want_sasl && recorded != 2) rc = LDAP_AUTH_UNKNOWN;  // nothing recorded to repeat
       if (recorded == 2 && ld->ld_bind_mech != nullptr && !(mech = CharPtr(olx_strdup(ld->ld_bind_mech))))
         rc = LDAP_NO_MEMORY;
       if (rc == 0 && recorded == 2 && ld->ld_bind_cred != nullptr) {
@@ -514,11 +543,14 @@ int ldap_referral_rebind_once(LDAP *ld, ldap_msg_table *table) {
     ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
     return LDAP_LOCK_ERROR;
   }
-  // Other threads chasing to the same server wait here until the bind is done.
+  // Other threads chasing to the same server wait here until the bind is
+  // done.  The generation is read before the bind: a bind of the session's
+  // own that overtakes this one makes the next chase bind again.
+  const unsigned int generation = __atomic_load_n(&ld->ld_bind_generation, __ATOMIC_ACQUIRE);
   int rc = 0;
-  if (!conn->lc_rebound) {
+  if (conn->lc_rebound != generation + 1) {
     rc = send_referral_bind_request(ld, table);
-    if (rc == 0) conn->lc_rebound = 1;
+    if (rc == 0) conn->lc_rebound = generation + 1;
   }
   LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
   return rc;

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 
 #include "fber-stream.h"
@@ -740,7 +741,20 @@ char *getSSLCertAltName(tav_handle conn, int type) {
   return nullptr;
 }
 
-int open_ssl_connection(LDAP *ld, Sockbuf *sb) {
+int open_ssl_connection(LDAP *ld, Sockbuf *sb) { return open_ssl_connection_to(ld, sb, nullptr); }
+
+int ldap_ssl_hold_env(LDAP *ld) {
+  ldap_lock_ssl_env();
+  if (ld->ld_ssl_env == nullptr && current_env != nullptr && ssl_init_count > 0) {
+    ld->ld_ssl_env = current_env;
+    ++current_env->count;
+  }
+  const bool held = ld->ld_ssl_env != nullptr;
+  ldap_unlock_ssl_env();
+  return held ? 0 : LDAP_SSL_NOT_AVAILABLE;
+}
+
+int open_ssl_connection_to(LDAP *ld, Sockbuf *sb, const char *host) {
   if (tav_library.load(std::memory_order_acquire) == nullptr) {
     LDAP_LOG(LDAP_LOG_ERROR,
              "Error - open_ssl_connection(): Could not open ssl connection because Tavlib was not loaded\n");
@@ -759,7 +773,9 @@ int open_ssl_connection(LDAP *ld, Sockbuf *sb) {
   // with Nagle on, the request waits for the server's delayed ACK.
   int one = 1;
   setsockopt(sb->sb_sd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  ldap_lock_ssl_env();
   TavEnvRef *ref = static_cast<TavEnvRef *>(ld->ld_ssl_env);
+  ldap_unlock_ssl_env();
   int t = tav_fn.secure_soc_open(ref != nullptr ? ref->env : nullptr, cell);
   if (t != 0) {
     *cell = nullptr;
@@ -790,11 +806,42 @@ int open_ssl_connection(LDAP *ld, Sockbuf *sb) {
   if ((t = tav_fn.attribute_set_enum(*cell, TAV_PROTOCOL_SSLV2, TAV_PROTOCOL_SSLV2_OFF)) != 0)
     LDAP_LOG(LDAP_LOG_ERROR, "Error - open_ssl_connection(): tav_attribute_set_enum( SSLV2 OFF ) rc=%d %s\n", t,
              tav_error_text(t));
+  // The server's name: sent as SNI and, unless the caller turned the check
+  // off, required in its certificate.  Without a name the check fails.
+  const bool check = ld->ld_ssl_no_host_check != 1;
+  if (host != nullptr && *host != '\0' && (t = tav_fn.attribute_set_buffer(*cell, TAV_PEER_HOST_NAME, host, 0)) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "Error - open_ssl_connection(): tav_attribute_set_buffer(...host...) rc=%d %s\n", t,
+             tav_error_text(t));
+    return fail(LDAP_SSL_PARAM_ERROR);
+  }
+  if (!check) {
+    LDAP_LOG(LDAP_LOG_TRACE, "open_ssl_connection(): server name check is off\n");
+    if ((t = tav_fn.attribute_set_enum(*cell, TAV_PEER_NAME_CHECK, TAV_PEER_NAME_CHECK_OFF)) != 0) {
+      LDAP_LOG(LDAP_LOG_ERROR, "Error - open_ssl_connection(): tav_attribute_set_enum(...name check...) rc=%d %s\n", t,
+               tav_error_text(t));
+      return fail(LDAP_SSL_PARAM_ERROR);
+    }
+  }
   t = guarded_handshake(*cell);
   if (t != 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "Error - open_ssl_connection(): tav_secure_soc_init() rc=%d %s\n", t, tav_error_text(t));
+    int ext = LDAP_SSL_HANDSHAKE_FAILED;
+    if (t == TAV_ERROR_HOST_MISMATCH) {
+      // The extended error says why: the certificate is another server's.
+      ext = TAV_ERROR_HOST_MISMATCH;
+      if (ldap_trace_on()) {
+        std::unique_ptr<char, decltype(&free)> alt(getSSLCertAltName(*cell, TAV_CERT_SUBJECT_ALT_NAMES), free);
+        std::unique_ptr<char, decltype(&free)> cn(alt ? nullptr : getSSLCertAltName(*cell, TAV_CERT_COMMON_NAME), free);
+        ldap_log(LDAP_LOG_ERROR,
+                 "Error - open_ssl_connection(): server name mismatch: expected [%s], certificate names [%s]\n",
+                 host != nullptr ? host : "",
+                 alt  ? alt.get()
+                 : cn ? cn.get()
+                      : "");
+      }
+    }
     ldap_set_errno_direct(ld, LDAP_SSL_HANDSHAKE_FAILED, nullptr, nullptr);
-    ldap_set_ext_errno(ld, LDAP_SSL_HANDSHAKE_FAILED);
+    ldap_set_ext_errno(ld, ext);
     return fail(LDAP_SSL_HANDSHAKE_FAILED);
   }
   const char *cipher = nullptr;
@@ -864,7 +911,7 @@ int ldap_ssl_start_direct(LDAP *ld, const char *kdb, const char *pw, const char 
   ld->ld_ssl = 1;
   // A connection not opened yet is made secure when it is opened.
   if (!__atomic_load_n(&lc->lc_connected, __ATOMIC_ACQUIRE) || lc->lc_sb.sb_ssl != nullptr) return 0;
-  return open_ssl_connection(ld, &lc->lc_sb);
+  return open_ssl_connection_to(ld, &lc->lc_sb, lc->lc_peer_name);
 }
 
 int ldap_ssl_start(LDAP *ld, const char *kdb, const char *pw, const char *label) {

@@ -2,6 +2,8 @@
 // (after a re-bind) and its answers are linked into a row of the default
 // connection, so the caller waits on a default-connection message ID as for
 // any search.
+#include <strings.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -10,6 +12,7 @@
 #include "ldap-engine.h"
 #include "ldap-lock.h"
 #include "ldap-search.h"
+#include "ldap-ssl.h"
 #include "ldap-utils.h"
 
 namespace {
@@ -72,8 +75,19 @@ int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_url_search_direct: NULL default server or table \n");
     return t.fail(LDAP_PARAM_ERROR);
   }
+  // A URL's host is a server's name, never a path: URLs to search often come
+  // from servers (references), and a path would open a local socket.
+  if (t.lud->lud_host != nullptr && t.lud->lud_host[0] == '/') {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_url_search_direct: the URL names a local socket\n");
+    return t.fail(LDAP_PARAM_ERROR);
+  }
+  const bool secure = t.lud->lud_scheme != nullptr && strcasecmp(t.lud->lud_scheme, "ldaps") == 0;
+  if (secure && ldap_ssl_hold_env(ld) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldap_url_search_direct: an ldaps URL needs SSL, which is not initialised\n");
+    return t.fail(LDAP_SSL_NOT_AVAILABLE);
+  }
   int rc = 0;
-  LDAPConn *srv = ldap_get_connection(ld, t.lud->lud_host, t.lud->lud_port, 1, &rc, 1);
+  LDAPConn *srv = ldap_get_connection_for_url(ld, t.lud->lud_host, t.lud->lud_port, secure ? 1 : 0, &rc, 1);
   if (srv == nullptr || srv->lc_msgtable == nullptr) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_url_search_direct: NULL server or table\n");
     return t.fail(0);
