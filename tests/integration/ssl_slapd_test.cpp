@@ -7,13 +7,17 @@
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
+#include <mutex>
 #include <regex>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "fake_server.h"
 #include "ldap-debug.h"
@@ -542,6 +546,226 @@ TEST_F(SslPeer, Pkcs11RecordsAreCheckedBeforeAnyLoading) {
   size_t rsa = t.find("Setting ENUM ID [417] to [553]"), ncipher = t.find("Setting ENUM ID [417] to [549]");
   EXPECT_NE(rsa, std::string::npos);
   EXPECT_LT(rsa, ncipher) << "accelerator mode 5: 553 then 549";
+}
+
+// openssl s_server on 127.0.0.1, for certificates and policies slapd is not
+// given.  Its output (connection summaries, the client's extensions with
+// -tlsextdebug) is collected; "ACCEPT" says it listens.
+class OpensslServer {
+ public:
+  explicit OpensslServer(std::vector<std::string> args) {
+    port_ = tavtest::free_port();
+    args.insert(args.begin(), {"/usr/bin/openssl", "s_server", "-accept", "127.0.0.1:" + std::to_string(port_)});
+    int out[2], in[2];
+    if (pipe(out) != 0 || pipe(in) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      dup2(out[1], 2);
+      std::vector<char *> argv;
+      for (std::string &a : args) argv.push_back(a.data());
+      argv.push_back(nullptr);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    stdin_ = in[1];  // held open: s_server ends at the end of its input
+    reader_ = std::thread([this, fd = out[0]] {
+      char buf[4096];
+      ssize_t n;
+      while ((n = read(fd, buf, sizeof buf)) > 0) {
+        std::lock_guard<std::mutex> lock(mu_);
+        out_.append(buf, (size_t)n);
+        cv_.notify_all();
+      }
+      close(fd);
+    });
+  }
+  ~OpensslServer() {
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (stdin_ >= 0) close(stdin_);
+    if (reader_.joinable()) reader_.join();
+  }
+  int port() const { return port_; }
+  // Waits until `text` has been written `count` times in all.
+  bool wait_for(const std::string &text, int count = 1) {
+    std::unique_lock<std::mutex> lock(mu_);
+    return cv_.wait_for(lock, std::chrono::seconds(10), [&] { return occurrences(text) >= count; });
+  }
+  int occurrences(const std::string &text) const {
+    int n = 0;
+    for (size_t at = out_.find(text); at != std::string::npos; at = out_.find(text, at + 1)) ++n;
+    return n;
+  }
+  std::string output() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return out_;
+  }
+
+ private:
+  int port_ = 0, stdin_ = -1;
+  pid_t pid_ = -1;
+  std::thread reader_;
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::string out_;
+};
+
+// A socket connected to `port` on loopback, made secure by the library as if
+// it had reached `host` (a name or an address): the certificate must name it.
+int secure_connect(LDAP *ld, int port, const char *host, Sockbuf *sb) {
+  sb->sb_sd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons((uint16_t)port);
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(sb->sb_sd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) return -1;
+  return open_ssl_connection_to(ld, sb, host);
+}
+
+void secure_close(Sockbuf *sb) {
+  ssl_close_direct(sb);
+  close(sb->sb_sd);
+}
+
+// The server's name against its certificate (RFC 6125), the SNI that lets a
+// server choose its certificate, and the cipher policy: each row one
+// s_server and one handshake.
+TEST_F(SslPeer, ServerNameAndCipherPolicyDecideTheHandshake) {
+  const std::string d = certs.path();
+  for (const auto &[name, subject, san, rsa] : std::vector<std::tuple<std::string, std::string, std::string, bool>>{
+           {"named", "/CN=x", "DNS:ldap.example.test", false},
+           {"wild", "/CN=x", "DNS:*.example.test", false},
+           {"partial", "/CN=x", "DNS:l*.example.test", false},
+           {"ip", "/CN=ldap.example.test", "IP:127.0.0.1", false},
+           {"cn-only", "/CN=ldap.example.test", "", false},
+           {"cn-and-san", "/CN=ldap.example.test", "DNS:other.example.test", false},
+           {"rsa", "/CN=x", "DNS:ldap.example.test,IP:127.0.0.1", true}})
+    ASSERT_EQ(tavtest::make_signed_certificate(d, name, subject, san, "2", rsa), "") << name;
+  auto cert = [&](const std::string &n) {
+    return std::vector<std::string>{"-cert", d + "/" + n + ".pem", "-key", d + "/" + n + ".key"};
+  };
+  auto with = [](std::vector<std::string> a, const std::vector<std::string> &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+  };
+  const std::vector<std::string> sni = with(with(cert("cn-and-san"), {"-servername", "ldap.example.test"}),
+                                            {"-cert2", d + "/named.pem", "-key2", d + "/named.key"});
+  struct Row {
+    const char *why;
+    std::vector<std::string> server;
+    const char *host;
+    int check;           // LDAP_OPT_SSL_CHECK_HOSTNAME
+    const char *cipher;  // option 7, or null
+    int rc, ext;         // outcome, extended error on failure
+  } rows[] = {
+      {"the name in the subjectAltName", cert("named"), "ldap.example.test", 1, nullptr, 0, 0},
+      {"another host's certificate", cert("named"), "other.example.test", 1, nullptr, 116, 434},
+      {"the name check turned off", cert("named"), "other.example.test", 0, nullptr, 0, 0},
+      {"a wildcard covers one left-most label", cert("wild"), "ldap.example.test", 1, nullptr, 0, 0},
+      {"a wildcard covers no more than one label", cert("wild"), "a.ldap.example.test", 1, nullptr, 116, 434},
+      {"no partial-label wildcards", cert("partial"), "ldap.example.test", 1, nullptr, 116, 434},
+      {"an address literal against an IP entry", cert("ip"), "127.0.0.1", 1, nullptr, 0, 0},
+      {"an address is never matched by a name", cert("named"), "127.0.0.1", 1, nullptr, 116, 434},
+      {"the common name when there is no subjectAltName", cert("cn-only"), "ldap.example.test", 1, nullptr, 0, 0},
+      {"no common name beside a subjectAltName", cert("cn-and-san"), "ldap.example.test", 1, nullptr, 116, 434},
+      {"the SNI picks the server's certificate", sni, "ldap.example.test", 1, nullptr, 0, 0},
+      {"static RSA and CBC are not offered by default", with(cert("rsa"), {"-cipher", "AES128-SHA", "-no_tls1_3"}),
+       "127.0.0.1", 1, nullptr, 116, 116},
+      {"but a caller may ask for them", with(cert("rsa"), {"-cipher", "AES128-SHA", "-no_tls1_3"}), "127.0.0.1", 1,
+       "2F", 0, 0},
+  };
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  for (Row &r : rows) {
+    OpensslServer server(r.server);
+    ASSERT_TRUE(server.wait_for("ACCEPT")) << r.why << ": " << server.output();
+    LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SSL_CHECK_HOSTNAME, r.check ? LDAP_OPT_ON : LDAP_OPT_OFF), 0);
+    if (r.cipher != nullptr) {
+      ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SSL_CIPHER, r.cipher), 0);
+    }
+    Sockbuf sb{};
+    std::string t =
+        tavtest::traced(0xffff, [&] { EXPECT_EQ(secure_connect(ld, server.port(), r.host, &sb), r.rc) << r.why; });
+    if (r.rc != 0) {
+      EXPECT_EQ(ldap_get_ext_errno(ld), r.ext) << r.why;
+      EXPECT_EQ(sb.sb_ssl, nullptr) << r.why;
+    }
+    if (r.ext == 434) {
+      EXPECT_NE(t.find(std::string("server name mismatch: expected [") + r.host + "], certificate names ["),
+                std::string::npos)
+          << r.why << "\n"
+          << t;
+    }
+    secure_close(&sb);
+    ldap_unbind(ld);
+  }
+}
+
+TEST_F(SslPeer, NameCheckIsOnUnlessTheEnvironmentOrTheOptionSaysOff) {
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  for (const auto &[env, expected] :
+       std::vector<std::pair<const char *, int>>{{nullptr, 1}, {"true", 1}, {"FALSE", 0}, {"false", 0}}) {
+    if (env != nullptr)
+      setenv("LDAP_SSL_HOSTNAME_CHECK", env, 1);
+    else
+      unsetenv("LDAP_SSL_HOSTNAME_CHECK");
+    LDAP *ld = ldap_ssl_init("127.0.0.1", 636, nullptr);
+    int on = -1;
+    EXPECT_EQ(ldap_get_option(ld, LDAP_OPT_SSL_CHECK_HOSTNAME, &on), 0);
+    EXPECT_EQ(on, expected) << (env ? env : "unset");
+    // A secure connection with no name to check is refused while the check is on.
+    if (expected == 1) {
+      Sockbuf sb{};
+      OpensslServer server(
+          std::vector<std::string>{"-cert", certs.path() + "/server.pem", "-key", certs.path() + "/server.key"});
+      ASSERT_TRUE(server.wait_for("ACCEPT"));
+      EXPECT_EQ(secure_connect(ld, server.port(), nullptr, &sb), LDAP_SSL_HANDSHAKE_FAILED);
+      EXPECT_EQ(ldap_get_ext_errno(ld), 434);
+      secure_close(&sb);
+    }
+    ldap_unbind(ld);
+  }
+  unsetenv("LDAP_SSL_HOSTNAME_CHECK");
+}
+
+// A session the server issued is offered again to that server (host and
+// port) only: never to another server, which could read or misuse it.
+TEST_F(SslPeer, SessionsAreResumedOnlyWithTheServerThatIssuedThem) {
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  const std::vector<std::string> args = {"-cert", certs.path() + "/server.pem", "-key", certs.path() + "/server.key",
+                                         "-tlsextdebug"};
+  OpensslServer first(args), second(args);
+  ASSERT_TRUE(first.wait_for("ACCEPT") && second.wait_for("ACCEPT"));
+  LDAP *ld = ldap_ssl_init("127.0.0.1", first.port(), nullptr);
+  const char *kSummary = "Secure Renegotiation";  // the last line s_server writes about a connection
+  // Connects, and reads once the server has written, so that the session
+  // tickets that follow the handshake are taken in.
+  auto visit = [&](OpensslServer &server) {
+    Sockbuf sb{};
+    EXPECT_EQ(secure_connect(ld, server.port(), "127.0.0.1", &sb), 0);
+    pollfd p = {sb.sb_sd, POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 10000), 1);
+    char byte;
+    int count = 0;
+    tav_fn.secure_soc_read(*static_cast<tav_handle *>(sb.sb_ssl), &byte, 1, &count);
+    secure_close(&sb);
+  };
+  visit(first);
+  ASSERT_TRUE(first.wait_for(kSummary, 1)) << first.output();
+  visit(second);
+  ASSERT_TRUE(second.wait_for(kSummary, 1)) << second.output();
+  EXPECT_EQ(second.occurrences("Reused session-id"), 0);
+  EXPECT_EQ(second.output().find("(id=41)"), std::string::npos) << "no pre-shared key offered:\n" << second.output();
+  visit(first);
+  ASSERT_TRUE(first.wait_for(kSummary, 2)) << first.output();
+  EXPECT_NE(first.output().find("Reused session-id"), std::string::npos) << first.output();
+  ldap_unbind(ld);
 }
 
 }  // namespace

@@ -59,34 +59,61 @@ std::string tls_config(const std::string &tls, const std::string &ciphers) {
 int free_port() { return loopback(0); }
 bool port_answers(int port) { return loopback(port) == port; }
 
+namespace {
+
+std::string run_openssl(std::vector<std::string> args) {
+  args.insert(args.begin(), "/usr/bin/openssl");
+  ProcessResult r = run_process(args);
+  return r.exit_code == 0 ? std::string() : "openssl " + args[1] + " failed: " + r.err;
+}
+
+std::vector<std::string> new_key(bool rsa) {
+  if (rsa) return {"-newkey", "rsa:2048", "-nodes"};
+  return {"-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"};
+}
+
+}  // namespace
+
+std::string make_signed_certificate(const std::string &dir, const std::string &name, const std::string &subject,
+                                    const std::string &alt_names, const std::string &days, bool rsa) {
+  std::vector<std::string> a = {"req", "-new"};
+  for (const std::string &k : new_key(rsa)) a.push_back(k);
+  a.insert(a.end(), {"-keyout", dir + "/" + name + ".key", "-out", dir + "/" + name + ".csr", "-subj", subject});
+  std::string e = run_openssl(a);
+  if (!e.empty()) return e;
+  std::vector<std::string> sign = {"x509",
+                                   "-req",
+                                   "-in",
+                                   dir + "/" + name + ".csr",
+                                   "-CA",
+                                   dir + "/ca.pem",
+                                   "-CAkey",
+                                   dir + "/ca.key",
+                                   "-CAcreateserial",
+                                   "-out",
+                                   dir + "/" + name + ".pem",
+                                   "-days",
+                                   days};
+  if (!alt_names.empty()) {
+    write_file(dir + "/" + name + ".cnf", "subjectAltName=" + alt_names + "\n");
+    sign.insert(sign.end(), {"-extfile", dir + "/" + name + ".cnf"});
+  }
+  return run_openssl(sign);
+}
+
 std::string make_test_certificates(const std::string &dir, bool server_expired) {
-  const std::string openssl = "/usr/bin/openssl";
-  auto run = [&](std::vector<std::string> args) {
-    args.insert(args.begin(), openssl);
-    ProcessResult r = run_process(args);
-    return r.exit_code == 0 ? std::string() : "openssl " + args[1] + " failed: " + r.err;
-  };
-  const std::vector<std::string> ec = {"-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"};
   auto ca = [&](const std::string &name, const std::string &subject) {
     std::vector<std::string> a = {"req", "-x509"};
-    a.insert(a.end(), ec.begin(), ec.end());
+    for (const std::string &k : new_key(false)) a.push_back(k);
     a.insert(a.end(),
              {"-keyout", dir + "/" + name + ".key", "-out", dir + "/" + name + ".pem", "-days", "2", "-subj", subject});
-    return run(a);
+    return run_openssl(a);
   };
-  auto leaf = [&](const std::string &name, const std::string &subject, const std::string &days) {
-    std::vector<std::string> a = {"req", "-new"};
-    a.insert(a.end(), ec.begin(), ec.end());
-    a.insert(a.end(), {"-keyout", dir + "/" + name + ".key", "-out", dir + "/" + name + ".csr", "-subj", subject});
-    std::string e = run(a);
-    if (!e.empty()) return e;
-    return run({"x509", "-req", "-in", dir + "/" + name + ".csr", "-CA", dir + "/ca.pem", "-CAkey", dir + "/ca.key",
-                "-CAcreateserial", "-out", dir + "/" + name + ".pem", "-days", days, "-extfile", dir + "/san.cnf"});
-  };
-  write_file(dir + "/san.cnf", "subjectAltName=DNS:localhost,IP:127.0.0.1\n");
+  const std::string san = "DNS:localhost,IP:127.0.0.1";
   for (const std::string &e :
        {ca("ca", "/CN=tav test CA"), ca("other-ca", "/CN=tav other CA"),
-        leaf("server", "/CN=localhost", server_expired ? "-1" : "2"), leaf("client", "/O=Example/CN=tls-client", "2")})
+        make_signed_certificate(dir, "server", "/CN=localhost", san, server_expired ? "-1" : "2"),
+        make_signed_certificate(dir, "client", "/O=Example/CN=tls-client", san)})
     if (!e.empty()) return e;
   return "";
 }

@@ -84,6 +84,10 @@ int free_port();
 bool port_answers(int port);
 // Makes the certificates of SlapdOptions::tls in `dir`; "" or the failure.
 std::string make_test_certificates(const std::string &dir, bool server_expired);
+// A certificate `name`.pem/.key in `dir`, signed by the CA there, with the
+// subjectAltName given (e.g. "DNS:a.example,IP:127.0.0.1"; empty: none).
+std::string make_signed_certificate(const std::string &dir, const std::string &name, const std::string &subject,
+                                    const std::string &alt_names, const std::string &days = "2", bool rsa = false);
 
 }  // namespace tavtest
 
