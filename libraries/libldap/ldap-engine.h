@@ -190,23 +190,50 @@ inline bool ldap_msg_reader(const LDAPMessage *msg, BerElement *copy) {
   return true;
 }
 
-// A call that takes a time-out bounds its writes by it as well: while one is
-// in scope on a thread, waitOnSocket waits no longer than what is left of it
-// (or the write time-out, whichever ends first).  Nested scopes keep the
-// earlier deadline.  A zero time-out (a poll) sets none.
+// One deadline per call, on the monotonic clock (wall-clock steps neither
+// stretch nor cut a call).  A call that takes a time-out (or that the
+// session's default operation time-out covers) puts a CallDeadline in scope
+// on its thread; every blocking step under it (connecting, the SSL
+// handshake, re-binds for referrals, writing, reading, DNS queries) waits no
+// longer than what is left of it.  Nested scopes keep the earlier deadline,
+// so a step given a time-out of its own still ends with the call.  A zero
+// time-out (a poll) sets none.  The arithmetic saturates: any timeval a
+// caller can pass gives a deadline (a far one is as good as none).
+constexpr int64_t kNoDeadline = INT64_MAX;
+// Nanoseconds on the monotonic clock.
+TAV_INTERNAL int64_t ldap_monotonic_ns(void);
+// The deadline `timeout` from now (kNoDeadline for null; a negative field
+// counts as zero), without overflow.
+TAV_INTERNAL int64_t ldap_deadline_after(const struct timeval *timeout);
+// The calling thread's call deadline, or kNoDeadline.
+TAV_INTERNAL int64_t ldap_call_deadline(void);
+// What is left of `deadline` (zero once passed): -1 for kNoDeadline, else
+// milliseconds rounded up and clamped to INT_MAX.
+TAV_INTERNAL int ldap_deadline_left_ms(int64_t deadline);
+// What is left of `deadline` as a timeval in *out (zero once passed); null
+// for kNoDeadline.
+TAV_INTERNAL struct timeval *ldap_deadline_left_tv(int64_t deadline, struct timeval *out);
+// The earlier of the call's deadline and `timeout` from now, as a timeval in
+// *out; null when neither bounds the wait.  For a step that takes a time-out
+// of its own, or none (null: only the call's deadline).
+TAV_INTERNAL struct timeval *ldap_bounded_wait(const struct timeval *timeout, struct timeval *out);
+
 class CallDeadline {
  public:
   explicit CallDeadline(const struct timeval *timeout);
   ~CallDeadline();
   CallDeadline(const CallDeadline &) = delete;
   CallDeadline &operator=(const CallDeadline &) = delete;
-  // What is left of `timeout` since this scope began (zero once it has passed);
-  // null stays null.
-  struct timeval *left(const struct timeval *timeout, struct timeval *out) const;
+  // What is left of this scope's deadline (the earlier of its own and the
+  // enclosing call's), zero once it has passed or for a poll; null when
+  // there is none.
+  struct timeval *left(struct timeval *out) const;
+  int64_t at() const { return at_; }
 
  private:
-  struct timeval at_ = {0, 0};
-  const struct timeval *outer_ = nullptr;
+  int64_t at_ = kNoDeadline;
+  int64_t outer_ = kNoDeadline;
+  bool poll_ = false;  // a zero time-out: left() is zero
 };
 // True while a call's deadline is in scope on this thread and has passed.
 TAV_INTERNAL bool call_deadline_passed(void);

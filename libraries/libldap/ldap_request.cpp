@@ -4,6 +4,7 @@
 #include <sys/select.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdlib>
 
 #include "fber-fdset.h"
@@ -17,7 +18,7 @@ std::atomic<int> write_timeout{-1};
 std::atomic<int> write_timeout_unread{1};
 
 // The deadline of the call running on this thread, if it took a time-out.
-thread_local const struct timeval *call_deadline = nullptr;
+thread_local int64_t call_deadline = kNoDeadline;
 
 // A failed write leaves the connection unusable for good (a request may be
 // half written).  When the caller's own time-out ran out, the call says so.
@@ -27,34 +28,75 @@ int write_failed(LDAP *ld, LDAPConn *conn) {
   ldap_set_errno_direct(ld, code, nullptr, nullptr);
   return code;
 }
+
+constexpr int64_t kNsPerSecond = 1000000000;
 }  // namespace
 
+int64_t ldap_monotonic_ns(void) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (int64_t)now.tv_sec * kNsPerSecond + now.tv_nsec;
+}
+
+int64_t ldap_deadline_after(const struct timeval *timeout) {
+  if (timeout == nullptr) return kNoDeadline;
+  const int64_t now = ldap_monotonic_ns();
+  const int64_t sec = timeout->tv_sec < 0 ? 0 : (int64_t)timeout->tv_sec;
+  const int64_t usec = timeout->tv_usec < 0 ? 0 : (int64_t)timeout->tv_usec;
+  // Past about 292 years from boot the sum would overflow: that is no deadline.
+  const int64_t room = kNoDeadline - now;
+  if (sec >= room / kNsPerSecond) return kNoDeadline;
+  const int64_t ns = sec * kNsPerSecond;
+  if (usec >= (room - ns) / 1000) return kNoDeadline;
+  return now + ns + usec * 1000;
+}
+
+int64_t ldap_call_deadline(void) { return call_deadline; }
+
+int ldap_deadline_left_ms(int64_t deadline) {
+  if (deadline == kNoDeadline) return -1;
+  const int64_t left = deadline - ldap_monotonic_ns();
+  if (left <= 0) return 0;
+  const int64_t ms = (left + 999999) / 1000000;
+  return ms > INT_MAX ? INT_MAX : (int)ms;
+}
+
+struct timeval *ldap_deadline_left_tv(int64_t deadline, struct timeval *out) {
+  if (deadline == kNoDeadline) return nullptr;
+  int64_t left = deadline - ldap_monotonic_ns();
+  if (left < 0) left = 0;
+  out->tv_sec = (time_t)(left / kNsPerSecond);
+  out->tv_usec = (suseconds_t)((left % kNsPerSecond) / 1000);
+  return out;
+}
+
+struct timeval *ldap_bounded_wait(const struct timeval *timeout, struct timeval *out) {
+  const int64_t own = ldap_deadline_after(timeout);
+  return ldap_deadline_left_tv(own < call_deadline ? own : call_deadline, out);
+}
+
 CallDeadline::CallDeadline(const struct timeval *timeout) : outer_(call_deadline) {
+  at_ = outer_;
   // A zero time-out asks for a poll of the answers, not for a write that
-  // must not wait: it sets no deadline.
-  if (timeout == nullptr || (timeout->tv_sec == 0 && timeout->tv_usec == 0)) return;
-  gettimeofday(&at_, nullptr);
-  timeradd(&at_, timeout, &at_);
-  if (outer_ == nullptr || timercmp(&at_, outer_, <)) call_deadline = &at_;
+  // must not wait: it sets none.
+  poll_ = timeout != nullptr && timeout->tv_sec == 0 && timeout->tv_usec == 0;
+  if (timeout == nullptr || poll_) return;
+  const int64_t own = ldap_deadline_after(timeout);
+  if (own < at_) at_ = own;
+  call_deadline = at_;
 }
 
 CallDeadline::~CallDeadline() { call_deadline = outer_; }
 
-struct timeval *CallDeadline::left(const struct timeval *timeout, struct timeval *out) const {
-  if (timeout == nullptr) return nullptr;
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  *out = {0, 0};
-  if (timercmp(&now, &at_, <)) timersub(&at_, &now, out);
-  return out;
+struct timeval *CallDeadline::left(struct timeval *out) const {
+  if (poll_) {
+    *out = {0, 0};
+    return out;
+  }
+  return ldap_deadline_left_tv(at_, out);
 }
 
-bool call_deadline_passed(void) {
-  if (call_deadline == nullptr) return false;
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  return !timercmp(&now, call_deadline, <);
-}
+bool call_deadline_passed(void) { return call_deadline != kNoDeadline && ldap_monotonic_ns() >= call_deadline; }
 
 extern "C" {
 
@@ -84,14 +126,10 @@ int waitOnSocket(int fd) {
   } else {
     int seconds = ldap_get_write_timeout();
     struct timeval tv = {seconds, 0};
-    if (call_deadline != nullptr) {
-      struct timeval now, left = {0, 0};
-      gettimeofday(&now, nullptr);
-      if (timercmp(&now, call_deadline, <)) timersub(call_deadline, &now, &left);
-      if (seconds == -1 || timercmp(&left, &tv, <)) {
-        tv = left;
-        seconds = static_cast<int>(left.tv_sec + (left.tv_usec > 0 ? 1 : 0));
-      }
+    struct timeval left;
+    if (ldap_deadline_left_tv(call_deadline, &left) != nullptr && (seconds == -1 || timercmp(&left, &tv, <))) {
+      tv = left;
+      seconds = static_cast<int>(left.tv_sec + (left.tv_usec > 0 ? 1 : 0));
     }
     if (seconds == -1)
       LDAP_LOG(LDAP_LOG_TRACE, "waitOnSocket: using NULL timeout.\n");

@@ -485,7 +485,7 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
   const CallDeadline deadline(wait);
   rc = ldap_search_ext_int(ld, base, scope, filter, attrs, attrsonly, sctrls, cctrls, timeout, sizelimit, &msgid);
   struct timeval left;
-  if (rc == 0) rc = wait_for_search(ld, msgid, deadline.left(wait, &left), res);
+  if (rc == 0) rc = wait_for_search(ld, msgid, deadline.left(&left), res);
   ldap_end_operation(ld);
   return rc;
 }
@@ -510,7 +510,7 @@ int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, ch
   rc = ldap_get_errno_direct(ld);
   if (rc == 0 && msgid < 0) rc = LDAP_LOCAL_ERROR;
   struct timeval left;
-  if (rc == 0) rc = wait_for_search(ld, msgid, deadline.left(timeout, &left), res);
+  if (rc == 0) rc = wait_for_search(ld, msgid, deadline.left(&left), res);
   ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_search_st: returning rc=%d\n", rc);
   return rc;

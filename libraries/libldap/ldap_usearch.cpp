@@ -226,7 +226,7 @@ int ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval 
     } else {
       // Inside this operation's bracket: the unbracketed wait.
       struct timeval left;
-      const int got = ldap_result_int(ld, msgid, LDAP_MSG_ALL, deadline.left(timeout, &left), res);
+      const int got = ldap_result_int(ld, msgid, LDAP_MSG_ALL, deadline.left(&left), res);
       if (got == 0) {
         ldap_set_errno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
         ldap_msg_table_mark_rows(ld, msgid, LDAP_ROW_RELEASE_WHEN_DONE);
