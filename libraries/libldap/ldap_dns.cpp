@@ -3,9 +3,8 @@
 // and the host list ldap_init gets for a URL without a host.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <strings.h>
-#include <sys/ioctl.h>
-#include <sys/select.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +15,7 @@
 
 #include "ldap-debug.h"
 #include "ldap-dns.h"
+#include "ldap-engine.h"
 #include "ldap-utils.h"
 
 namespace {
@@ -290,16 +290,28 @@ int host_attributes(LDAPServerInfo *s, char **strings) {
   return 0;
 }
 
-bool wait_ready(int sock, bool for_write, int seconds) {
-  fd_set set;
-  FD_ZERO(&set);
-  FD_SET(sock, &set);
-  struct timeval tv = {seconds, 0};
-  int n;
-  do {
-    n = select(sock + 1, for_write ? nullptr : &set, for_write ? &set : nullptr, nullptr, &tv);
-  } while (n < 0 && errno == EINTR);
-  return n > 0;
+// The deadline of one step (connecting, sending a query, reading its
+// answer): the request's time-out from now, cut to the call's deadline.
+// Computed once per step; whatever the step retries only uses what is left.
+int64_t step_deadline(const ldap_dns_state *st) {
+  const int64_t call = ldap_call_deadline();
+  if (st->connection_timeout <= 0) return call;
+  const struct timeval tv = {st->connection_timeout, 0};
+  const int64_t own = ldap_deadline_after(&tv);
+  return own < call ? own : call;
+}
+
+// Waits for `events` on the socket; false once `deadline` has passed, even
+// while a peer keeps the socket busy.
+bool wait_ready(int sock, short events, int64_t deadline) {
+  struct pollfd p = {sock, events, 0};
+  for (;;) {
+    const int ms = ldap_deadline_left_ms(deadline);
+    if (ms == 0) return false;
+    const int n = poll(&p, 1, ms);
+    if (n > 0) return true;
+    if (n < 0 && errno != EINTR) return false;
+  }
 }
 
 bool same_address(const sockaddr_storage *a, const sockaddr_storage *b) {
@@ -312,21 +324,49 @@ bool same_address(const sockaddr_storage *a, const sockaddr_storage *b) {
   return x->sin6_port == y->sin6_port && memcmp(&x->sin6_addr, &y->sin6_addr, sizeof x->sin6_addr) == 0;
 }
 
-// Exactly `len` bytes from a TCP socket (bounded by the time-out when set).
-bool recv_all(const ldap_dns_state *st, unsigned char *buf, size_t len) {
+// Exactly `len` bytes from the (non-blocking) TCP socket by `deadline`: a
+// server sending a byte at a time does not get a fresh wait per byte.
+bool recv_all(const ldap_dns_state *st, unsigned char *buf, size_t len, int64_t deadline) {
   size_t got = 0;
   while (got < len) {
-    if (st->connection_timeout > 0 && !wait_ready(st->sock, false, st->connection_timeout)) {
+    ssize_t n = recv(st->sock, buf + got, len - got, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      if (wait_ready(st->sock, POLLIN, deadline)) continue;
       LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: connection has timed out\n");
       return false;
     }
-    ssize_t n = recv(st->sock, buf + got, len - got, 0);
-    if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: error receiving response: rc = %d\n", n < 0 ? errno : 0);
       return false;
     }
     got += (size_t)n;
+  }
+  return true;
+}
+
+// The whole of [buf, buf+len) to the name server by `deadline` (a datagram
+// goes whole or not at all).
+bool send_all(const ldap_dns_state *st, const unsigned char *buf, size_t len, int64_t deadline) {
+  size_t sent = 0;
+  while (sent < len) {
+    ssize_t n = st->transport == LDAP_DNS_TRANSPORT_UDP
+                    ? sendto(st->sock, buf, len, MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&st->server_addr),
+                             st->server_addr_len)
+                    : send(st->sock, buf + sent, len - sent, MSG_NOSIGNAL);
+    if (n >= 0) {
+      sent += (size_t)n;
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: unable to send query: rc = %d\n", errno);
+      return false;
+    }
+    if (!wait_ready(st->sock, POLLOUT, deadline)) {
+      LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: connection has timed out\n");
+      return false;
+    }
   }
   return true;
 }
@@ -431,6 +471,7 @@ int search_service(ldap_dns_state *st) {
     ldap_dns_close(st);
     if (rc == LDAP_NO_MEMORY) return rc;
     if (found && (!dns_needed || dns_ok)) return 0;
+    if (rc == LDAP_CONNECT_ERROR && call_deadline_passed()) break;
   }
   if (st->results != nullptr) return 0;
   return rc;
@@ -558,7 +599,8 @@ int ldap_dns_open(ldap_dns_state *st, const char *address, int transport) {
     reinterpret_cast<sockaddr_in *>(&st->server_addr)->sin_port = htons(53);
   else
     reinterpret_cast<sockaddr_in6 *>(&st->server_addr)->sin6_port = htons(53);
-  st->sock = socket(family, transport == LDAP_DNS_TRANSPORT_TCP ? SOCK_STREAM : SOCK_DGRAM, 0);
+  // Non-blocking: every wait is a poll bounded by the step's deadline.
+  st->sock = socket(family, (transport == LDAP_DNS_TRANSPORT_TCP ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK, 0);
   if (st->sock < 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: can't open socket: rc = %d\n", errno);
     st->sock = -1;
@@ -576,16 +618,13 @@ int ldap_dns_open(ldap_dns_state *st, const char *address, int transport) {
     }
     return 0;
   }
-  int on = 1, off = 0;
-  bool bounded = st->connection_timeout > 0;
-  if (bounded) ioctl(st->sock, FIONBIO, &on);
   if (connect(st->sock, reinterpret_cast<sockaddr *>(&st->server_addr), st->server_addr_len) != 0) {
-    if (!bounded || errno != EINPROGRESS) {
+    if (errno != EINPROGRESS) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: can't connect to server: rc = %d\n", errno);
       ldap_dns_close(st);
       return LDAP_CONNECT_ERROR;
     }
-    if (!wait_ready(st->sock, true, st->connection_timeout)) {
+    if (!wait_ready(st->sock, POLLOUT, step_deadline(st))) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: connection has time out\n");
       ldap_dns_close(st);
       return LDAP_CONNECT_ERROR;
@@ -598,7 +637,6 @@ int ldap_dns_open(ldap_dns_state *st, const char *address, int transport) {
       return LDAP_CONNECT_ERROR;
     }
   }
-  if (bounded) ioctl(st->sock, FIONBIO, &off);
   return 0;
 }
 
@@ -610,9 +648,13 @@ int ldap_dns_close(ldap_dns_state *st) {
 
 int ldap_dns_send_query(ldap_dns_state *st, const char *name, int type) {
   if (type != LDAP_DNS_TYPE_ANY && type != LDAP_DNS_TYPE_TXT) return LDAP_DNS_INVALID_DATA;
+  // Room for TCP's length prefix in front: prefix and message go out in one
+  // send, since two small sends meet Nagle's algorithm and the peer's delayed
+  // acknowledgement (some 40 ms per query).
   size_t size = strlen(name) + 18;
-  unsigned char *buf = static_cast<unsigned char *>(olx_malloc(size));
-  if (buf == nullptr) return LDAP_NO_MEMORY;
+  unsigned char *frame = static_cast<unsigned char *>(olx_malloc(size + 2));
+  if (frame == nullptr) return LDAP_NO_MEMORY;
+  unsigned char *buf = frame + 2;
   uint16_t id = st->next_id++;
   const unsigned char header[12] = {(unsigned char)(id >> 8), (unsigned char)id, 0x01, 0x00, 0, 1, 0, 0, 0, 0, 0, 0};
   memcpy(buf, header, 12);
@@ -631,26 +673,18 @@ int ldap_dns_send_query(ldap_dns_state *st, const char *name, int type) {
     p += n + (dot != nullptr ? 1 : 0);
   }
   if (overflow) {
-    free(buf);
+    free(frame);
     return LDAP_DNS_INVALID_DATA;
   }
   const unsigned char tail[5] = {0, 0, (unsigned char)type, 0, 1};
   memcpy(buf + pos, tail, 5);
   pos += 5;
-  bool ok;
-  if (st->transport == LDAP_DNS_TRANSPORT_UDP) {
-    ok = sendto(st->sock, buf, pos, 0, reinterpret_cast<sockaddr *>(&st->server_addr), st->server_addr_len) ==
-         (ssize_t)pos;
-  } else {
-    unsigned char len[2] = {(unsigned char)(pos >> 8), (unsigned char)pos};
-    ok = send(st->sock, len, 2, MSG_NOSIGNAL) == 2 && send(st->sock, buf, pos, MSG_NOSIGNAL) == (ssize_t)pos;
-  }
-  free(buf);
-  if (!ok) {
-    LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: unable to send query: rc = %d\n", errno);
-    return LDAP_CONNECT_ERROR;
-  }
-  return 0;
+  frame[0] = (unsigned char)(pos >> 8);
+  frame[1] = (unsigned char)pos;
+  const bool ok = st->transport == LDAP_DNS_TRANSPORT_UDP ? send_all(st, buf, pos, step_deadline(st))
+                                                          : send_all(st, frame, pos + 2, step_deadline(st));
+  free(frame);
+  return ok ? 0 : LDAP_CONNECT_ERROR;
 }
 
 int ldap_dns_check_answer(ldap_dns_state *st, uint16_t expected_id) {
@@ -688,21 +722,24 @@ int ldap_dns_check_answer(ldap_dns_state *st, uint16_t expected_id) {
 
 int ldap_dns_read_answer(ldap_dns_state *st) {
   uint16_t expected = (uint16_t)(st->next_id - 1);
+  // One deadline for the answer: messages that are not it (wrong ID, wrong
+  // source) are dropped and the wait goes on with what is left.
+  const int64_t deadline = step_deadline(st);
   for (;;) {
     free(st->packet);
     st->packet = nullptr;
     st->packet_len = 0;
     size_t size = LDAP_DNS_UDP_SIZE;
     unsigned char len[2];
-    if (st->transport == LDAP_DNS_TRANSPORT_TCP) size = recv_all(st, len, 2) ? get16(len) : 0;
+    if (st->transport == LDAP_DNS_TRANSPORT_TCP) size = recv_all(st, len, 2, deadline) ? get16(len) : 0;
     if (size == 0) return LDAP_CONNECT_ERROR;
     st->packet = static_cast<unsigned char *>(olx_malloc(size));
     if (st->packet == nullptr) return LDAP_NO_MEMORY;
     if (st->transport == LDAP_DNS_TRANSPORT_TCP) {
-      if (!recv_all(st, st->packet, size)) return LDAP_CONNECT_ERROR;
+      if (!recv_all(st, st->packet, size, deadline)) return LDAP_CONNECT_ERROR;
       st->packet_len = size;
     } else {
-      if (st->connection_timeout > 0 && !wait_ready(st->sock, false, st->connection_timeout)) {
+      if (!wait_ready(st->sock, POLLIN, deadline)) {
         LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: connection has timed out\n");
         return LDAP_CONNECT_ERROR;
       }
@@ -713,6 +750,7 @@ int ldap_dns_read_answer(ldap_dns_state *st) {
         from_len = sizeof from;
         n = recvfrom(st->sock, st->packet, size, 0, reinterpret_cast<sockaddr *>(&from), &from_len);
       } while (n < 0 && errno == EINTR);
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;  // readable, then not (a bad checksum)
       if (n < 0) {
         LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: error receiving response: rc = %d\n", errno);
         return LDAP_CONNECT_ERROR;
@@ -909,7 +947,7 @@ int ldap_server_locate(struct ldap_server_request *request, LDAPServerInfo **lis
       }
       st.protocol = pairs[i][1];
       rc = search_service(&st);
-      if (rc == 0 || rc == LDAP_NO_MEMORY) break;
+      if (rc == 0 || rc == LDAP_NO_MEMORY || (rc == LDAP_CONNECT_ERROR && call_deadline_passed())) break;
     }
   }
 finish:

@@ -14,6 +14,7 @@
 #include "dns_peer.h"
 #include "ldap-debug.h"
 #include "ldap-dns.h"
+#include "ldap-engine.h"
 #include "ldap-utils.h"
 #include "process.h"
 #include "shared_object.h"
@@ -194,6 +195,8 @@ TEST_F(DnsLocate, ScriptedFaultsGiveTheirCodes) {
   auto good = [=](const Q &q) {
     return q.type == 16 ? answer(q.id, 0x8183, q.name, 16, 0, "") : answer(q.id, 0x8180, q.name, 255, 1, srv_rec);
   };
+  auto good_once = [=](const Q &q) { return std::vector<std::string>{good(q)}; };
+  auto wrong_ids = [=](const Q &q) { return std::vector<std::string>(40, good({0, q.id + 1, q.name, q.type})); };
   struct Case {
     const char *name;
     int ctype;
@@ -202,6 +205,9 @@ TEST_F(DnsLocate, ScriptedFaultsGiveTheirCodes) {
     const char *servers;
     const char *queries;
     const char *trace;  // a line the case must trace
+    // A peer's pace (ms) and a call deadline (s): the case must end within
+    // the call's time (or the request's 1 s) however the peer trickles.
+    int pace_ms = 0, call_s = 0;
   };
   const Case cases[] = {
       {"truncated, then TCP", 0,
@@ -247,16 +253,32 @@ TEST_F(DnsLocate, ScriptedFaultsGiveTheirCodes) {
        LDAP_DNS_SERVERS_FOUND, "", "U255", "ldapdns: DNS response code = 3\n"},
       {"silence, then silence over TCP", 0, [](const Q &) { return std::vector<std::string>{}; }, LDAP_CONNECT_ERROR,
        "", "U255 T255", "ldapdns: connection has timed out\n"},
+      {"TCP answer a byte every 0.5 s", 2, good_once, LDAP_CONNECT_ERROR, "", "T255",
+       "ldapdns: connection has timed out\n", 500},
+      {"TCP answer a byte every 0.5 s, call of 2 s", 2, good_once, LDAP_CONNECT_ERROR, "", "T255",
+       "ldapdns: connection has timed out\n", 500, 2},
+      {"wrong IDs every 0.5 s", 1, wrong_ids, LDAP_CONNECT_ERROR, "", "U255", "ldapdns: connection has timed out\n",
+       500},
+      {"wrong IDs every 0.5 s, call of 2 s", 1, wrong_ids, LDAP_CONNECT_ERROR, "", "U255",
+       "ldapdns: connection has timed out\n", 500, 2},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.name);
-    ScriptedDns peer("127.0.0.2", c.script);
+    ScriptedDns peer("127.0.0.2", c.script, c.pace_ms);
     ASSERT_TRUE(peer.ok());
-    Request q{.domains = {"s.test"}, .servers = {"127.0.0.2"}, .ctype = c.ctype, .timeout = 1};
+    // Under a call deadline the request's own time-out is the default 10 s.
+    Request q{.domains = {"s.test"}, .servers = {"127.0.0.2"}, .ctype = c.ctype, .timeout = c.call_s ? 10 : 1};
     q.key = "_ldap";
     q.proto = "_tcp";
-    const std::string trace =
-        traced(0xffff, [&] { EXPECT_EQ(locate(q), std::make_pair(c.rc, std::string(c.servers))); });
+    const timeval call = {c.call_s, 0};
+    const int64_t start = ldap_monotonic_ns();
+    const std::string trace = traced(0xffff, [&] {
+      CallDeadline deadline(c.call_s ? &call : nullptr);
+      EXPECT_EQ(locate(q), std::make_pair(c.rc, std::string(c.servers)));
+    });
+    if (c.pace_ms) {
+      EXPECT_LT((ldap_monotonic_ns() - start) / 1e9, (c.call_s ? c.call_s : 1) + 1.5);
+    }
     EXPECT_NE(trace.find(c.trace), std::string::npos) << trace;
     std::string seen;
     for (const Q &x : peer.queries())

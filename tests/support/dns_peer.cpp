@@ -136,7 +136,8 @@ bool read_exact(int fd, char *buf, size_t len) {
 }
 }  // namespace
 
-ScriptedDns::ScriptedDns(const std::string &address, Script script) : script_(std::move(script)) {
+ScriptedDns::ScriptedDns(const std::string &address, Script script, int pace_ms)
+    : pace_ms_(pace_ms), script_(std::move(script)) {
   sockaddr_in sa{};
   sa.sin_family = AF_INET;
   sa.sin_port = htons(53);
@@ -169,6 +170,11 @@ std::vector<ScriptedDns::Query> ScriptedDns::queries() const {
   return queries_;
 }
 
+bool ScriptedDns::paced() const {
+  pollfd p = {stop_[0], POLLIN, 0};
+  return pace_ms_ == 0 || poll(&p, 1, pace_ms_) == 0;
+}
+
 void ScriptedDns::answer_tcp(int fd) {
   char len[2];
   while (read_exact(fd, len, 2)) {
@@ -185,10 +191,13 @@ void ScriptedDns::answer_tcp(int fd) {
       poll(p, 2, -1);
       break;
     }
+    bool sent = true;
     for (const auto &r : replies) {
-      std::string framed = dns::u16(r.size()) + r;
-      if (write(fd, framed.data(), framed.size()) != (ssize_t)framed.size()) break;
+      const std::string framed = dns::u16(r.size()) + r;
+      for (size_t at = 0, step = pace_ms_ > 0 ? 1 : framed.size(); sent && at < framed.size(); at += step)
+        sent = paced() && send(fd, framed.data() + at, step, MSG_NOSIGNAL) == (ssize_t)step;
     }
+    if (!sent) break;
   }
   close(fd);
 }
@@ -213,6 +222,7 @@ void ScriptedDns::serve() {
         queries_.push_back(q);
       }
       for (const auto &r : script_(q)) {
+        if (!paced()) break;
         bool spoof = r.rfind(kSpoofed, 0) == 0;
         int fd = spoof ? socket(AF_INET, SOCK_DGRAM, 0) : udp_;
         size_t skip = spoof ? strlen(kSpoofed) : 0;

@@ -44,6 +44,7 @@ std::string answer(unsigned id, unsigned flags, const std::string &qname, unsign
 
 // A scripted responder on UDP and TCP port 53 of `address`: each query is
 // handed to the script, whose replies are sent back in order (none: silence).
+// With a pace, each UDP reply and each byte over TCP waits that long first.
 class ScriptedDns {
  public:
   struct Query {
@@ -56,7 +57,7 @@ class ScriptedDns {
   // A UDP reply beginning with this is sent (without it) from another port.
   static constexpr const char *kSpoofed = "spoofed:";
 
-  ScriptedDns(const std::string &address, Script script);
+  ScriptedDns(const std::string &address, Script script, int pace_ms = 0);
   ~ScriptedDns();
   bool ok() const { return udp_ >= 0 && tcp_ >= 0; }
   std::vector<Query> queries() const;
@@ -64,7 +65,8 @@ class ScriptedDns {
  private:
   void serve();
   void answer_tcp(int fd);
-  int udp_ = -1, tcp_ = -1, stop_[2] = {-1, -1};
+  bool paced() const;  // false: stopped meanwhile
+  int udp_ = -1, tcp_ = -1, stop_[2] = {-1, -1}, pace_ms_;
   Script script_;
   mutable std::mutex mu_;
   std::vector<Query> queries_;
