@@ -2,6 +2,7 @@
 // resolver library), the search over service names, domains and name servers,
 // and the host list ldap_init gets for a URL without a host.
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
@@ -461,11 +462,12 @@ int search_service(ldap_dns_state *st) {
       }
       dns_needed = true;
       rc = dns_lookup(st, *ns);
-      if (rc == LDAP_NO_MEMORY || rc == LDAP_LOCAL_ERROR) {
+      if (rc == LDAP_NO_MEMORY) {
         ldap_dns_close(st);
         return rc;
       }
-      if (rc == LDAP_CONNECT_ERROR) break;
+      // A name server that cannot be asked (or not in time): the next one may.
+      if (rc == LDAP_CONNECT_ERROR || rc == LDAP_LOCAL_ERROR) break;
       if (rc == 0) found = dns_ok = true;
     }
     ldap_dns_close(st);
@@ -475,6 +477,39 @@ int search_service(ldap_dns_state *st) {
   }
   if (st->results != nullptr) return 0;
   return rc;
+}
+
+// The next word of a resolv.conf line from *p, or null at its end.  Blanks
+// (a carriage return too, for files written elsewhere) separate words, and
+// '#' or ';' begins a comment wherever it stands.
+const char *conf_word(const char **p, size_t *len) {
+  const char *s = *p;
+  while (*s == ' ' || *s == '\t' || *s == '\r' || *s == '\n') ++s;
+  const char *b = s;
+  while (*s != '\0' && strchr(" \t\r\n#;", *s) == nullptr) ++s;
+  *p = s;
+  *len = (size_t)(s - b);
+  return s > b ? b : nullptr;
+}
+
+bool conf_keyword(const char *word, size_t len, const char *keyword) {
+  return len == strlen(keyword) && memcmp(word, keyword, len) == 0;
+}
+
+// A name server ldap_dns_open would take: a numeric address.
+bool numeric_address(const char *word, size_t len) {
+  char addr[INET6_ADDRSTRLEN + IF_NAMESIZE + 2];
+  if (len >= sizeof addr) return false;
+  memcpy(addr, word, len);
+  addr[len] = '\0';
+  struct addrinfo hints;
+  memset(&hints, 0, sizeof hints);
+  hints.ai_socktype = SOCK_DGRAM;
+  hints.ai_flags = AI_NUMERICHOST;
+  struct addrinfo *res = nullptr;
+  if (getaddrinfo(addr, nullptr, &hints, &res) != 0) return false;
+  freeaddrinfo(res);
+  return true;
 }
 
 char *join_prefix(const char *key, const char *enet) {
@@ -496,34 +531,37 @@ int ldap_dns_read_resolv_conf(ldap_dns_state *st, const char *path, int need_ser
     LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: Can't open /etc/resolv.conf: rc = %d\n", errno);
     return LDAP_DNS_RESOLVE_ERROR;
   }
+  // Read as the resolver reads it: a line the reader does not understand (an
+  // unknown keyword, a keyword without a value, a name server that is not a
+  // numeric address, a line too long for the buffer) is skipped, never fatal.
   bool want_domains = list_count(st->dns_domains) == 0;
   char **domains = nullptr;
-  bool domains_seen = false;
   int rc = 0;
   char line[256];
+  bool in_long_line = false;
   while (rc == 0 && fgets(line, sizeof line, f) != nullptr) {
-    size_t len = strlen(line);
-    if (len > 0 && line[len - 1] == '\n') line[--len] = '\0';
-    if (need_servers && strncmp(line, "nameserver", 10) == 0) {
-      const char *v = line + 10;
-      while (is_blank(*v)) ++v;
-      rc = list_add(&st->owned_servers, v, strlen(v));
-    } else if (want_domains && strncmp(line, "domain", 6) == 0) {
-      free_list(domains);
-      domains = nullptr;
-      domains_seen = true;
-      const char *v = line + 6;
-      while (is_blank(*v)) ++v;
-      rc = list_add(&domains, v, strlen(v));
-    } else if (want_domains && strncmp(line, "search", 6) == 0) {
-      free_list(domains);
-      domains = nullptr;
-      domains_seen = true;
-      for (const char *p = line + 6; rc == 0 && *p != '\0';) {
-        while (is_blank(*p)) ++p;
-        const char *b = p;
-        while (*p != '\0' && !is_blank(*p)) ++p;
-        if (p > b) rc = list_add(&domains, b, (size_t)(p - b));
+    const size_t len = strlen(line);
+    const bool at_end = (len > 0 && line[len - 1] == '\n') || feof(f);
+    const bool whole = !in_long_line && at_end;
+    in_long_line = !at_end;
+    const char *p = line;
+    size_t n;
+    const char *key = whole ? conf_word(&p, &n) : nullptr;
+    if (key == nullptr) continue;
+    if (need_servers && conf_keyword(key, n, "nameserver")) {
+      const char *v = conf_word(&p, &n);
+      if (v != nullptr && numeric_address(v, n)) rc = list_add(&st->owned_servers, v, n);
+    } else if (want_domains && (conf_keyword(key, n, "domain") || conf_keyword(key, n, "search"))) {
+      // The last "domain" or "search" line wins; "domain" takes one word.
+      const bool search = *key == 's';
+      char **words = nullptr;
+      for (const char *v; rc == 0 && (v = conf_word(&p, &n)) != nullptr && (search || words == nullptr);)
+        rc = list_add(&words, v, n);
+      if (rc == 0 && words != nullptr) {
+        free_list(domains);
+        domains = words;
+      } else {
+        free_list(words);
       }
     }
   }
@@ -532,7 +570,7 @@ int ldap_dns_read_resolv_conf(ldap_dns_state *st, const char *path, int need_ser
     free_list(domains);
     return rc;
   }
-  if (domains_seen && domains != nullptr) {
+  if (domains != nullptr) {
     free_list(st->owned_domains);
     st->owned_domains = st->dns_domains = domains;
   }

@@ -321,6 +321,7 @@ TEST_F(DnsLocate, FileOnlyFileThenDnsAndFailureCodes) {
        0,
        "10{" + l1 + "}"},
       {"name server not numeric", {{"example.com"}, {"localhost"}}, LDAP_LOCAL_ERROR, ""},
+      {"name server not numeric, then one that is", {{"txt.test"}, {"localhost", "127.0.0.1"}}, 0, "10{" + l1 + "}"},
       {"connection refused",
        {.domains = {"example.com"}, .servers = {"127.0.0.3"}, .ctype = 2},
        LDAP_CONNECT_ERROR,

@@ -134,7 +134,7 @@ TEST(DnsAnswer, HostAttributesSetUrlTypeVendorAndInfo) {
 
 TEST(DnsConfig, ResolvConfLinesGiveServersAndDomains) {
   struct Case {
-    const char *content;
+    std::string content;
     int need_servers;
     int rc;
     const char *servers;
@@ -145,7 +145,15 @@ TEST(DnsConfig, ResolvConfLinesGiveServersAndDomains) {
        "a.example,b.example,"},
       {"search a.example\ndomain c.example\n# nameserver 1.2.3.4\n", 0, 0, "", "c.example,"},
       {"domain c.example\nsearch x y\nnameserver 10.0.0.1\n", 1, 0, "10.0.0.1,", "x,y,"},
-      {" nameserver 1.1.1.1\nNameserver 2.2.2.2\n", 1, LDAP_DNS_RESOLVE_ERROR, "", ""},
+      {" nameserver 1.1.1.1\nNameserver 2.2.2.2\n", 1, 0, "1.1.1.1,", ""},
+      {"nameserver 10.0.0.1 \nnameserver 10.0.0.2\r\nnameserver 10.0.0.3 # office\nnameserver 10.0.0.4;x\n"
+       "; nameserver 10.0.0.5\n# nameserver 10.0.0.6\nnameserver 10.0.0.7",
+       1, 0, "10.0.0.1,10.0.0.2,10.0.0.3,10.0.0.4,10.0.0.7,", ""},
+      {"nameserver ns.example\nnameserver\nnameservers 10.0.0.8\nnameserver10.0.0.9\noptions ndots:2\nx\n"
+       "nameserver ::1\n",
+       1, 0, "::1,", ""},
+      {"search a.example b.example # old\r\ndomain c.example d.example\r\ndomain\nsearch ;\n", 0, 0, "", "c.example,"},
+      {"#" + std::string(254, ' ') + "nameserver 10.0.0.1\nnameserver 10.0.0.2\n", 1, 0, "10.0.0.2,", ""},
       {"", 1, LDAP_DNS_RESOLVE_ERROR, "", ""},
       {"", 0, 0, "", ""},
   };
