@@ -5,14 +5,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "ldap-search.h"
+#include "ldap-ssl.h"
 #include "ldap-update.h"
 #include "ldap-utils.h"
+#include "process.h"
 #include "referral_servers.h"
+#include "trace_watch.h"
 
 using tavtest::ReferralServers;
 
@@ -38,6 +42,11 @@ std::set<std::string> dns_of(LDAP *ld, LDAPMessage *res) {
     ldap_memfree(dn);
   }
   return out;
+}
+
+std::string percent_slashes(std::string s) {
+  for (size_t at; (at = s.find('/')) != std::string::npos;) s.replace(at, 1, "%2F");
+  return s;
 }
 
 // The final result's code and text.
@@ -183,11 +192,17 @@ TEST_F(Referrals, UrlSearchRunsOnTheServerItNames) {
     int rc;
     size_t entries;
   };
+  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
   const Case cases[] = {
-      {"default server", ReferralServers::url(servers->port_a(), "ou=t1," + ReferralServers::kSuffix) + "??sub", 0, 6},
-      {"no host", "ldap:///ou=t1," + ReferralServers::kSuffix + "??one", 0, 3},
+      {"default server", ReferralServers::url(servers->port_a(), t1) + "??sub", 0, 6},
+      {"no host", "ldap:///" + t1 + "??one", 0, 3},
       {"server B", ReferralServers::url(servers->port_b(), ReferralServers::branch()) + "?cn?sub?(cn=b*)", 0, 2},
       {"not a URL", "http://x/", LDAP_PARAM_ERROR, 0},
+      // A's own ldapi socket, which would answer: a URL's host is never a path.
+      {"host naming a local socket", "ldap://" + percent_slashes(servers->a().ldapi_path()) + "/" + t1 + "??sub",
+       LDAP_PARAM_ERROR, 0},
+      // A's plain port: the scheme is kept, so nothing is sent without SSL.
+      {"ldaps without SSL", "ldaps://" + servers->a().host_port() + "/" + t1 + "??sub", LDAP_SSL_NOT_AVAILABLE, 0},
       {"bad scope", "ldap:///o=x??wide", LDAP_PARAM_ERROR, 0},
   };
   for (const Case &c : cases) {
@@ -260,6 +275,50 @@ TEST_F(Referrals, EveryFailingAllocationOfAChasedSearchEndsInADesignedCode) {
   }
   EXPECT_TRUE(chased);
   EXPECT_TRUE(codes.count(LDAP_NO_MEMORY));
+}
+
+// A's ou=secure refers to B by ldaps URLs: followed over SSL or not at all.
+// SSL is set up once a process, so the chase without it comes first.
+TEST(ReferralsOverSsl, LdapsReferralsAreChasedOverSslOrNotAtAll) {
+  ReferralServers servers(2, true);
+  ASSERT_TRUE(servers.started()) << servers.error();
+  tavtest::TempDir dir;
+  const std::string kdb = dir.file("b-ca.kdb"), kdb_pw = "kdb-pass";
+  for (const std::vector<std::string> &args :
+       {std::vector<std::string>{TAV_KEYDB_TOOL, "create", kdb, "-pw", kdb_pw},
+        {TAV_KEYDB_TOOL, "add-ca", kdb, "-pw", kdb_pw, "-label", "ca", "-cert", servers.b().tls_file("ca.pem")}}) {
+    const tavtest::ProcessResult r = tavtest::run_process(args);
+    ASSERT_EQ(r.exit_code, 0) << args[1] << ": " << r.err;
+  }
+  setenv("TAVLIB_LOCAL_INSTALL_MODE", "1", 1);  // the toolkit from the build
+  const std::string secure = "ou=secure," + ReferralServers::kSuffix;
+  const std::string portless = "ldaps://127.0.0.1/" + ReferralServers::branch() + "??sub";
+  const std::string to_636 = "host(127.0.0.1) port(636)";
+  const std::string to_b = "host(127.0.0.1) port(" + std::to_string(servers.b().tls_port()) + ")";
+  for (bool ssl : {false, true}) {
+    SCOPED_TRACE(ssl ? "SSL set up" : "no SSL");
+    int code = -1;
+    if (ssl) {
+      ASSERT_EQ(ldap_ssl_client_init(kdb.c_str(), kdb_pw.c_str(), 0, &code), 0) << code;
+    }
+    LDAP *ld = servers.session(true);
+    LDAPMessage *res = nullptr;
+    int rc = -1;
+    const std::string trace = tavtest::traced(
+        0xffff, [&] { rc = ldap_search_st(ld, secure.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res); });
+    EXPECT_EQ(rc, 0);
+    // B refuses anonymous readers: its entries show the re-bind went over SSL too.
+    EXPECT_EQ(dns_of(ld, res).size(), ssl ? 3u : 0u);
+    EXPECT_EQ(final_of(ld, res).second, ssl ? "" : "Referral:\n" + portless + "\n");
+    // Without SSL nothing is connected; with it the port-less URL means 636.
+    EXPECT_EQ(trace.find(to_636) != std::string::npos, ssl);
+    EXPECT_EQ(trace.find(to_b) != std::string::npos, ssl);
+    ldap_msgfree(res);
+    ldap_unbind(ld);
+    if (ssl) {
+      EXPECT_EQ(ldap_ssl_current_env()->count, 0u) << "the session let go of the environment it took";
+    }
+  }
 }
 
 }  // namespace

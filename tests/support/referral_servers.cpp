@@ -28,7 +28,7 @@ std::string unit(const std::string &dn, const std::string &ou) {
 
 }  // namespace
 
-ReferralServers::ReferralServers(int branch_entries) {
+ReferralServers::ReferralServers(int branch_entries, bool tls) {
   std::set<int> taken;
   for (int *p : {&port_a_, &port_b_, &port_c_, &dead_port_}) {
     do *p = free_port();
@@ -39,6 +39,7 @@ ReferralServers::ReferralServers(int branch_entries) {
   SlapdOptions b;
   b.port = port_b_;
   b.allow_v2 = true;
+  b.tls = tls;
   b.access =
       "access to attrs=userPassword by anonymous auth by * none\n"
       "access to * by users read by * none\n";
@@ -48,6 +49,10 @@ ReferralServers::ReferralServers(int branch_entries) {
   SlapdOptions c;
   c.port = port_c_;
   c.extra_ldif = unit("ou=dead," + s, "dead") + person("cn=c1,ou=dead," + s, "c1");
+  b_ = std::make_unique<SlapdServer>(b);
+  c_ = std::make_unique<SlapdServer>(c);
+  // A's referrals name B's ldaps port, known once B runs.
+  if (!b_->start(&error_) || !c_->start(&error_)) return;
   SlapdOptions a;
   a.port = port_a_;
   a.allow_v2 = true;
@@ -57,10 +62,11 @@ ReferralServers::ReferralServers(int branch_entries) {
                  referral("ou=loop," + s, "loop", {url(port_b_, "ou=loop," + s)}) +
                  referral("ou=dead," + s, "dead", {url(dead_port_, "ou=dead," + s), url(port_c_, "ou=dead," + s)}) +
                  referral("ou=nowhere," + s, "nowhere", {url(dead_port_, "ou=nowhere," + s)});
-  b_ = std::make_unique<SlapdServer>(b);
-  c_ = std::make_unique<SlapdServer>(c);
+  if (tls)
+    a.extra_ldif += referral("ou=secure," + s, "secure",
+                             {"ldaps://127.0.0.1/" + branch(), "ldaps://" + b_->ldaps_host_port() + "/" + branch()});
   a_ = std::make_unique<SlapdServer>(a);
-  started_ = b_->start(&error_) && c_->start(&error_) && a_->start(&error_);
+  started_ = a_->start(&error_);
 }
 
 int ReferralServers::rebind_proc(LDAP *, char **dn, char **pw, int *method, int freeit) {

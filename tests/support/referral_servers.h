@@ -3,6 +3,9 @@
 // referral ou=loop to B's ou=loop (which points back to A), ou=dead listing a
 // dead server and then C, ou=nowhere listing only the dead server, and a
 // default referral to C.  B refuses anonymous readers; C holds ou=dead.
+// With `tls`, B listens on ldaps too and A's ou=secure refers to B's
+// ou=branch first by a port-less ldaps URL (port 636, where no test server
+// listens) and then by B's ldaps port.
 #ifndef TAV_TEST_REFERRAL_SERVERS_H
 #define TAV_TEST_REFERRAL_SERVERS_H
 
@@ -19,7 +22,7 @@ class ReferralServers {
  public:
   static inline const std::string kSuffix = "dc=example,dc=com";
   // Extra entries for B's ou=branch (cn=bN), for larger chased searches.
-  explicit ReferralServers(int branch_entries = 2);
+  explicit ReferralServers(int branch_entries = 2, bool tls = false);
   bool started() const { return started_; }
   const std::string &error() const { return error_; }
 
