@@ -4,6 +4,7 @@
 // readability.
 #include <errno.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -232,7 +233,9 @@ long BerWrite(Sockbuf *sb, const char *bytes, long count) {
   }
   long n = count < (long)kMaxPlainWrite ? count : (long)kMaxPlainWrite;
   if (n <= 0) return 0;
-  ssize_t w = write(sb->sb_sd, bytes, (size_t)n);
+  // Never SIGPIPE: a server that has gone away must not end the program.
+  // (Local-domain sockets take send too.)
+  ssize_t w = send(sb->sb_sd, bytes, (size_t)n, MSG_NOSIGNAL);
   if (w < 0) return (errno == EAGAIN || errno == EWOULDBLOCK || errno == 0) ? -kWouldBlock : -1;
   return (long)w;
 }

@@ -2,11 +2,13 @@
 // reply may crash the client or pass for success, and each one gives the
 // request it answers a decoding error (84).
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <set>
 #include <string>
@@ -356,6 +358,26 @@ TEST(HostileServer, AServerClosingAtAnyByteGives81) {
       EXPECT_EQ(rc, LDAP_SERVER_DOWN);
       ldap_unbind(ld);
     }
+}
+
+// A server that closes as soon as it has accepted: the first request draws
+// its reset, and writing the second must end the call with 81, never the
+// program with SIGPIPE.
+TEST(HostileServer, WritingToAServerThatHasGoneGives81NotSigpipe) {
+  signal(SIGPIPE, SIG_DFL);
+  FakeServer fake;
+  fake.close();
+  fake.start();
+  LDAP *ld = ldap_open("127.0.0.1", fake.port());
+  ASSERT_NE(ld, nullptr);
+  ASSERT_TRUE(fake.wait_done());  // closed: the client's socket has its end
+  ASSERT_GT(ldap_search(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0), 0);
+  pollfd reset{ld->ld_defconn->lc_sb.sb_sd, 0, 0};
+  ASSERT_EQ(poll(&reset, 1, 10000), 1);  // the server's reset is in
+  LDAPMessage *res = nullptr;
+  EXPECT_EQ(ldap_search_s(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0, &res), LDAP_SERVER_DOWN);
+  ldap_msgfree(res);
+  ldap_unbind(ld);
 }
 
 // Other unsolicited messages do not pile up in the row nobody reads.
