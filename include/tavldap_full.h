@@ -44,6 +44,9 @@ extern "C" {
 #define LDAP_RES_COMPARE 0x6f
 #define LDAP_RES_SEARCH_REFERENCE 0x73
 #define LDAP_RES_EXTENDED 0x78
+/* An IntermediateResponse: handed out alone by LDAP_MSG_ONE, never final; a
+ * chain of LDAP_MSG_ALL (and the synchronous calls) leaves it out. */
+#define LDAP_RES_INTERMEDIATE 0x79
 /* ldap_result: any outstanding request; one message at a time or the whole chain. */
 #define LDAP_RES_ANY (-1)
 #define LDAP_MSG_ONE 0

@@ -197,6 +197,13 @@ typedef struct ldap LDAP;
 /* LDAP_OPT_ON (default) or LDAP_OPT_OFF: secure connections check that the
  * server's certificate names the host connected to. */
 #define LDAP_OPT_SSL_CHECK_HOSTNAME 0x46
+/* Session-wide time-outs (struct timeval *; NULL: none, the default):
+ * LDAP_OPT_TIMEOUT bounds calls that take no time-out of their own (the
+ * synchronous calls, ldap_result with NULL); LDAP_OPT_NETWORK_TIMEOUT
+ * bounds opening each connection (connect and SSL handshake).  Reading one
+ * gives a copy to free with ldap_memfree, or NULL. */
+#define LDAP_OPT_TIMEOUT 0x5002
+#define LDAP_OPT_NETWORK_TIMEOUT 0x5005
 #define LDAP_OPT_XLATE 0xe0
 /* Protocol-version-2 callers pass 0/1 options as the pointer value. */
 #define LDAP_OPT_ON ((void *)1)

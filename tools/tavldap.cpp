@@ -155,6 +155,10 @@ struct Options {
   // -o referral-credentials=yes: -D/-w go to the servers referrals lead to,
   // not only to the one named.
   bool referral_credentials = false;
+  // -o nettimeout=N, -o timeout=N: seconds for opening each connection and
+  // for each operation (-1: none).
+  long nettimeout = -1;
+  long optimeout = -1;
   bool verbose = false;
   bool keep_going = false;
   bool delete_old_rdn = false;
@@ -250,6 +254,9 @@ LDAP *open_session(Library &lib, Options &o, int *rc) {
   if (*rc == LDAP_SUCCESS && o.no_chase) *rc = lib.set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
   if (*rc == LDAP_SUCCESS && o.sizelimit >= 0) *rc = lib.set_option(ld, LDAP_OPT_SIZELIMIT, &o.sizelimit);
   if (*rc == LDAP_SUCCESS && o.timelimit >= 0) *rc = lib.set_option(ld, LDAP_OPT_TIMELIMIT, &o.timelimit);
+  struct timeval network = {o.nettimeout, 0}, operation = {o.optimeout, 0};
+  if (*rc == LDAP_SUCCESS && o.nettimeout >= 0) *rc = lib.set_option(ld, LDAP_OPT_NETWORK_TIMEOUT, &network);
+  if (*rc == LDAP_SUCCESS && o.optimeout >= 0) *rc = lib.set_option(ld, LDAP_OPT_TIMEOUT, &operation);
   if (*rc != LDAP_SUCCESS) {
     report(lib, "setting session options", *rc);
     lib.unbind(ld);
@@ -504,6 +511,19 @@ int cmd_update(Library &lib, Options &o, tavldif::Change default_change) {
 }
 
 // Usage goes to standard error after a mistake, to standard output when asked for.
+// "-o NAME=SECONDS": true when `arg` is NAME= followed by a whole number of
+// seconds, stored in *out.
+bool seconds_option(const char *arg, const char *name, long *out) {
+  const size_t n = strlen(name);
+  if (strncmp(arg, name, n) != 0 || arg[n] == '\0') return false;
+  char *end = nullptr;
+  errno = 0;
+  const long v = strtol(arg + n, &end, 10);
+  if (*end != '\0' || errno != 0 || v < 0) return false;
+  *out = v;
+  return true;
+}
+
 void usage(FILE *to = stderr) {
   fprintf(to,
           "usage: tavldap [-d LEVEL] COMMAND [OPTIONS] [ARGS]\n"
@@ -524,6 +544,8 @@ void usage(FILE *to = stderr) {
           "      anonymously)\n"
           "  -o referral-credentials=yes|no  yes: bind to the servers referrals lead to as -D/-w too,\n"
           "      handing them the password (default no)\n"
+          "  -o nettimeout=SECONDS  give up opening a connection (connect, SSL handshake) after that long\n"
+          "  -o timeout=SECONDS     give up waiting for each operation's answer after that long (code 85)\n"
           "  -f FILE (LDIF input)  -c (go on after errors)  -r (modrdn: delete the old RDN)\n"
           "  -v (verbose)  -d LEVEL (sets LDAP_DEBUG for the run)  -x (simple auth; the only kind)\n"
           "exit status: 0, or the LDAP result code of the first failure (89 for malformed LDIF)\n");
@@ -615,8 +637,11 @@ int parse_options(int argc, char **argv, Options &o) {
           o.referral_credentials = true;
         } else if (strcmp(optarg, "referral-credentials=no") == 0) {
           o.referral_credentials = false;
-        } else {
-          fprintf(stderr, "tavldap: unknown -o option \"%s\" (known: referral-credentials=yes|no)\n", optarg);
+        } else if (!seconds_option(optarg, "nettimeout=", &o.nettimeout) &&
+                   !seconds_option(optarg, "timeout=", &o.optimeout)) {
+          fprintf(stderr,
+                  "tavldap: unknown -o option \"%s\" (known: referral-credentials=yes|no, nettimeout=N, timeout=N)\n",
+                  optarg);
           return kUsage;
         }
         break;

@@ -105,6 +105,10 @@ TAV_INTERNAL void ldap_msg_row_link_before(ldap_msg_row *row, LDAPMessage *msg, 
 TAV_INTERNAL void ldap_msg_row_unlink(ldap_msg_row *row, LDAPMessage *msg);
 TAV_INTERNAL int ldap_msg_table_release_if_done(ldap_msg_table *table, int msgid);
 TAV_INTERNAL void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits);
+// Sends an AbandonRequest for `abandoned` on an open connection (never
+// opening one), without waiting past the call's deadline; the thread's error
+// record is left as it was.  A result code.
+TAV_INTERNAL int ldap_send_abandon(LDAP *ld, LDAPConn *conn, int abandoned);
 TAV_INTERNAL void ldap_msg_table_detach_referral(LDAP *ld, ldap_msg_table *table, int msgid);
 
 // Request transmission.
@@ -145,10 +149,16 @@ TAV_INTERNAL LDAPMessage *chase_v2_referrals(LDAP *ld, LDAPMessage *msg, const c
                                              int *error, int hops);
 TAV_INTERNAL LDAPMessage *chase_v3_referrals(LDAP *ld, char **urls, LDAPMessage *msg, struct timeval *timeout,
                                              int *error, int hops);
+// The first URL's connection that can be had, held for the caller
+// (ldap_conn_release).
 TAV_INTERNAL LDAPConn *get_referral_connection(LDAP *ld, char **urls, LDAPURLDesc **lud, int *error);
 TAV_INTERNAL int send_referral_bind_request(LDAP *ld, ldap_msg_table *table);
 // send_referral_bind_request the first time a connection is used for
-// referrals; later calls find it bound and return 0.
+// referrals and after the session's identity has changed; later calls find it
+// bound and return 0.  LDAP_CONN_RETIRED: it was bound for an older identity
+// while other requests were out on it (a bind would make the server drop
+// them), so it is retired; the caller looks up another connection.
+constexpr int LDAP_CONN_RETIRED = -3;
 TAV_INTERNAL int ldap_referral_rebind_once(LDAP *ld, ldap_msg_table *table);
 TAV_INTERNAL int reencode_and_send(LDAP *ld, ldap_msg_table *table, LDAPURLDesc *lud, LDAPMessage *msg,
                                    LDAPMessage **out, int *error);

@@ -155,6 +155,13 @@ struct ldapconn {
   // Opened over SSL whatever the session says: a connection an ldaps URL
   // asked for.  Set before the connection is opened.
   int lc_ssl;
+  // Threads holding the connection from ldap_get_connection_for_url until
+  // ldap_conn_release, before and besides any row of its table.
+  int lc_holders;  // ld_conn_mutex
+  // A referral connection bound for an identity the session has left while
+  // requests were out on it: a bind now would make the server drop them, so
+  // it is found no more and goes once unused, like a failed one.
+  int lc_retired;  // ld_conn_mutex
 };
 
 // The session handle.  A handle is live while ld_eyecatcher holds "LDAP HDL".
@@ -200,6 +207,11 @@ struct ldap {
   // Counts the binds sent on the session's default connection (atomic), so
   // that referral connections bound for an older identity are bound again.
   unsigned int ld_bind_generation;
+  // LDAP_OPT_TIMEOUT and LDAP_OPT_NETWORK_TIMEOUT (valid while *_on is 1).
+  struct timeval ld_op_timeout;
+  int ld_op_timeout_on;
+  struct timeval ld_net_timeout;
+  int ld_net_timeout_on;
 };
 
 #define LDAP_EYECATCHER "LDAP HDL"
@@ -238,11 +250,23 @@ TAV_INTERNAL int ldap_set_thread_connection(LDAP *ld, LDAPConn *conn);
 TAV_INTERNAL LDAPConn *ldap_get_connection(LDAP *ld, const char *host, int port, int open, int *rc,
                                            int include_default);
 // ldap_get_connection for a URL: `secure` (an ldaps URL) finds or opens only
-// a connection over SSL, and a port-less ldaps URL means port 636.
+// a connection over SSL, and a port-less ldaps URL means port 636.  A
+// connection other than the default one is held for the caller, who lets go
+// of it with ldap_conn_release.
 TAV_INTERNAL LDAPConn *ldap_get_connection_for_url(LDAP *ld, const char *host, int port, int secure, int *rc,
                                                    int include_default);
+// The session's LDAP_OPT_TIMEOUT or LDAP_OPT_NETWORK_TIMEOUT into *out:
+// true when it is set.
+TAV_INTERNAL bool ldap_session_timeout(LDAP *ld, int option, struct timeval *out);
 TAV_INTERNAL int ldap_conn_matches(LDAPConn *conn, const char *host, int port);
 TAV_INTERNAL void ldap_free_connection_if_idle(LDAP *ld, LDAPConn *conn);
+// Lets go of a connection (`held`: one taken by ldap_get_connection_for_url)
+// once the caller is done with it and its rows.  A failed connection that no
+// thread holds and no row uses is unlinked and freed; rows whose waiters gave
+// up on it are released first (nothing more will come for them).  Safe to
+// call for a connection another thread may have freed meanwhile: only one
+// still on the session's list is looked at.
+TAV_INTERNAL void ldap_conn_release(LDAP *ld, LDAPConn *conn, int held);
 
 // Message-ID table: creation and release.
 TAV_INTERNAL ldap_msg_table *ldap_msg_table_init(int rows);

@@ -79,7 +79,7 @@ bool has_credentials(const struct berval *cred) { return cred != nullptr && cred
 // Waits for the whole response of `id` and turns it into the result code.
 int wait_simple(LDAP *ld, int id) {
   LDAPMessage *res = nullptr;
-  if (ldap_result_int(ld, id, LDAP_MSG_ALL, nullptr, &res) == -1) return ldap_get_errno_direct(ld);
+  if (ldap_result_int(ld, id, LDAP_MSG_ALL, nullptr, &res) <= 0) return ldap_get_errno_direct(ld);
   return ldap_result2error_direct(ld, res, 1);
 }
 
@@ -406,7 +406,7 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct 
     return LDAP_SUCCESS;
   }
   LDAPMessage *res = nullptr;
-  if (ldap_result_int(ld, id, LDAP_MSG_ALL, nullptr, &res) == -1) return ldap_get_errno_direct(ld);
+  if (ldap_result_int(ld, id, LDAP_MSG_ALL, nullptr, &res) <= 0) return ldap_get_errno_direct(ld);
   LDAPControl **ctrls = nullptr;
   int prc = ldap_parse_result_direct(ld, res, nullptr, nullptr, nullptr, nullptr, &ctrls, 0);
   if (prc != LDAP_SUCCESS) {
@@ -455,7 +455,7 @@ int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mech, const st
   int rc = ldap_sasl_bind_encode_and_send(ld, dn, mech, cred, sctrls, cctrls, &id, nullptr);
   if (rc != LDAP_SUCCESS) return rc;
   LDAPMessage *res = nullptr;
-  if (ldap_result_int(ld, id, LDAP_MSG_ALL, nullptr, &res) == -1) return ldap_get_errno_direct(ld);
+  if (ldap_result_int(ld, id, LDAP_MSG_ALL, nullptr, &res) <= 0) return ldap_get_errno_direct(ld);
   return ldap_parse_sasl_bind_result_direct(ld, res, servercredp, 1);
 }
 }

@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -45,6 +46,32 @@ void set_thread_conns(LDAP *ld, ldap_thread_conn *head) {
   __atomic_store_n(&ld->ld_thread_conns, head, __ATOMIC_RELEASE);
 }
 
+// connect() that ends with the call's deadline: non-blocking, then a wait
+// for the outcome.  The socket is left in blocking mode, as a plain connect
+// leaves it.  0, or errno (ETIMEDOUT when the deadline came first).
+int connect_by_deadline(int s, const struct sockaddr *addr, socklen_t len) {
+  const int flags = fcntl(s, F_GETFL);
+  if (flags == -1 || fcntl(s, F_SETFL, flags | O_NONBLOCK) == -1) return errno != 0 ? errno : EBADF;
+  int err = 0;
+  if (connect(s, addr, len) != 0) {
+    err = errno;
+    while (err == EINPROGRESS || err == EINTR) {
+      struct pollfd p = {s, POLLOUT, 0};
+      const int n = poll(&p, 1, ldap_deadline_left_ms(ldap_call_deadline()));
+      if (n < 0 && errno == EINTR) continue;
+      if (n == 0) {
+        err = ETIMEDOUT;
+        break;
+      }
+      socklen_t size = sizeof err;
+      if (n < 0 || getsockopt(s, SOL_SOCKET, SO_ERROR, &err, &size) != 0) err = errno;
+      break;
+    }
+  }
+  if (err == 0 && fcntl(s, F_SETFL, flags) == -1) err = errno;
+  return err;
+}
+
 void free_addrinfo(struct addrinfo *ai) {
   if (ai != nullptr) freeaddrinfo(ai);
 }
@@ -76,7 +103,8 @@ bool conn_matches_cached(LDAPConn *conn, const char *host, int port, struct addr
   return match;
 }
 
-LDAPConn *get_connection(LDAP *ld, const char *host, int port, int open, int *rc, int include_default, bool secure) {
+LDAPConn *get_connection(LDAP *ld, const char *host, int port, int open, int *rc, int include_default, bool secure,
+                         bool hold) {
   int dummy = 0;
   if (rc == nullptr) rc = &dummy;
   *rc = LDAP_SUCCESS;
@@ -94,7 +122,8 @@ LDAPConn *get_connection(LDAP *ld, const char *host, int port, int open, int *rc
   LDAPConn *last = nullptr;
   for (LDAPConn *c = include_default == 1 ? ld->ld_defconn : ld->ld_defconn->lc_next; c != nullptr; c = c->lc_next) {
     // A connection that failed is never used again: a new one is opened.
-    if (c->lc_port == port && conn_closed(c) != 1 && (!secure || ld->ld_ssl == 1 || c->lc_ssl == 1) &&
+    if (c->lc_port == port && conn_closed(c) != 1 && c->lc_retired == 0 &&
+        (!secure || ld->ld_ssl == 1 || c->lc_ssl == 1) &&
         conn_matches_cached(c, host, port, &host_ai, &state)) {
       found = c;
       break;
@@ -121,8 +150,40 @@ LDAPConn *get_connection(LDAP *ld, const char *host, int port, int open, int *rc
       }
     }
   }
+  // Taken under the list's lock: a failed connection is not freed under a
+  // thread that has found it but has no row in it yet.
+  if (hold && found != nullptr && found != ld->ld_defconn) ++found->lc_holders;
   LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
   return found;
+}
+
+// Under ld_conn_mutex: takes a failed connection off the session's list when
+// no thread holds it and no row of its table is in use; whether it did.  Rows
+// whose waiters gave up (marked to be released when done) and rows no waiter
+// can reach (those not chased for a parent: a re-bind's, once nobody holds the
+// connection) are released first: their answers will never come now.
+bool unlink_if_failed_and_unused(LDAP *ld, LDAPConn *conn) {
+  LDAPConn *prev = ld->ld_servers;
+  while (prev != nullptr && prev->lc_next != conn) prev = prev->lc_next;
+  if (prev == nullptr || conn->lc_holders != 0 || (conn_closed(conn) != 1 && conn->lc_retired != 1)) return false;
+  ldap_msg_table *table = conn->lc_msgtable;
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return false;
+  for (uint32_t id = 1; id < table->size; ++id) {
+    const ldap_msg_row *row = &table->rows[id];
+    if ((row->flags & LDAP_ROW_IN_USE) && ((row->flags & LDAP_ROW_RELEASE_WHEN_DONE) || row->parent_link == nullptr))
+      ldap_msg_table_release_row(table, (int)id);
+  }
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  // Their parents are told before the table is looked at again.
+  ldap_msg_table_detach_released(table);
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return false;
+  const bool unused =
+      (uint32_t)table->free_count == table->size && table->detached == nullptr && table->waiters == nullptr;
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  if (!unused) return false;
+  prev->lc_next = conn->lc_next;
+  conn->lc_next = nullptr;
+  return true;
 }
 
 }  // namespace
@@ -150,16 +211,19 @@ int open_connection(Sockbuf *sb, const char *host, int port_net) {
       LDAP_LOG(LDAP_LOG_TRACE, "connect_to_host: setsockopt failed. errno = %d\n", errno);
       errno = 0;
     }
-    if (connect(s, ai->ai_addr, ai->ai_addrlen) == 0) {
+    const int err = connect_by_deadline(s, ai->ai_addr, ai->ai_addrlen);
+    if (err == 0) {
       LDAP_LOG(LDAP_LOG_TRACE, "open_connect: connect successful\n");
       sb->sb_sd = s;
       rc = LDAP_SUCCESS;
       break;
     }
-    int err = errno;
+    // The call's time is up: no other address is tried.
+    if (err == ETIMEDOUT && call_deadline_passed()) rc = LDAP_TIMEOUT;
     LDAP_LOG(LDAP_LOG_ERROR, "open_connection: [2]connect failed %d\n", err);
     LDAP_LOG(LDAP_LOG_TRACE, "Connect_to_host: connect() API failed: sock_desc=%i, errno=%i\n", s, err);
     close(s);
+    if (rc == LDAP_TIMEOUT) break;
   }
   freeaddrinfo(list);
   LDAP_LOG(LDAP_LOG_TRACE, "open_connection: returning rc=%d\n", rc);
@@ -246,12 +310,12 @@ int ldap_conn_matches(LDAPConn *conn, const char *host, int port) {
 }
 
 LDAPConn *ldap_get_connection(LDAP *ld, const char *host, int port, int open, int *rc, int include_default) {
-  return get_connection(ld, host, port, open, rc, include_default, false);
+  return get_connection(ld, host, port, open, rc, include_default, false, false);
 }
 
 LDAPConn *ldap_get_connection_for_url(LDAP *ld, const char *host, int port, int secure, int *rc, int include_default) {
   if (secure == 1 && port == LDAP_URL_PORT_DEFAULT_SECURE) port = LDAPS_PORT;
-  return get_connection(ld, host, port, 1, rc, include_default, secure == 1);
+  return get_connection(ld, host, port, 1, rc, include_default, secure == 1, true);
 }
 
 void ldap_free_connection_if_idle(LDAP *ld, LDAPConn *conn) {
@@ -291,5 +355,20 @@ void ldap_free_connection_if_idle(LDAP *ld, LDAPConn *conn) {
   while (last->lc_next != nullptr) last = last->lc_next;
   last->lc_next = conn;
   LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
+}
+
+void ldap_conn_release(LDAP *ld, LDAPConn *conn, int held) {
+  if (ld == nullptr || conn == nullptr || conn == ld->ld_defconn) return;
+  if (LDAP_MUTEX_LOCK(&ld->ld_conn_mutex) != 0) return;
+  // Another thread may have freed it since: only a listed record is looked at.
+  bool listed = false;
+  for (LDAPConn *c = ld->ld_servers; c != nullptr && !listed; c = c->lc_next) listed = c == conn;
+  if (listed && held && conn->lc_holders > 0) --conn->lc_holders;
+  const bool unlinked = listed && unlink_if_failed_and_unused(ld, conn);
+  LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
+  if (!unlinked) return;
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_conn_release: connection to %s:%d failed and is unused: freed\n",
+           conn->lc_host != nullptr ? conn->lc_host : "", conn->lc_port);
+  ldap_lc_free(conn);
 }
 }

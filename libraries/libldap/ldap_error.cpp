@@ -308,6 +308,12 @@ namespace {
 
 constexpr int kSearchEntry = 0x64, kSearchReference = 0x73, kBindResponse = 0x61, kExtendedResponse = 0x78;
 
+// Entries, references and IntermediateResponses carry no LDAPResult.
+bool not_a_result(const LDAPMessage *msg) {
+  return msg->lm_msgtype == kSearchEntry || msg->lm_msgtype == kSearchReference ||
+         msg->lm_msgtype == LDAP_RES_INTERMEDIATE;
+}
+
 struct BerCopy {
   BerElement *ber;
   explicit BerCopy(const LDAPMessage *msg) {
@@ -376,8 +382,7 @@ int ldap_parse_result_direct(LDAP *, LDAPMessage *res, int *errcodep, char **mat
   if (referralsp) *referralsp = nullptr;
   if (serverctrlsp) *serverctrlsp = nullptr;
   LDAPMessage *msg = res;
-  while (msg != nullptr && (msg->lm_msgtype == kSearchEntry || msg->lm_msgtype == kSearchReference))
-    msg = msg->lm_chain;
+  while (msg != nullptr && not_a_result(msg)) msg = msg->lm_chain;
   int rc = LDAP_SUCCESS, code = 0;
   char *matched = nullptr, *text = nullptr, **referrals = nullptr;
   LDAPControl **ctrls = nullptr;
@@ -436,7 +441,7 @@ int ldap_result2error_direct(LDAP *ld, LDAPMessage *res, int freeit) {
   LDAPMessage *last = res;
   while (last != nullptr && last->lm_chain != nullptr) last = last->lm_chain;
   int code;
-  if (last == nullptr || last->lm_msgtype == kSearchEntry || last->lm_msgtype == kSearchReference) {
+  if (last == nullptr || not_a_result(last)) {
     code = LDAP_PARAM_ERROR;
     ldap_set_errno_direct(ld, code, nullptr, nullptr);
   } else if (last->lm_flags & LDAP_MSG_UNDECODABLE) {

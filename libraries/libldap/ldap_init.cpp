@@ -353,6 +353,11 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
   if (ld == nullptr || lc == nullptr || lc->lc_host == nullptr) return LDAP_PARAM_ERROR;
   unique_cstr list(olx_strdup(lc->lc_host));
   if (!list) return LDAP_NO_MEMORY;
+  // Each connection (connect and SSL handshake, over the whole host list)
+  // within the session's network time-out, and within the call's deadline.
+  struct timeval network;
+  const bool bounded = ldap_session_timeout(ld, LDAP_OPT_NETWORK_TIMEOUT, &network);
+  const CallDeadline deadline(bounded ? &network : nullptr);
   // An empty list connects nothing: that is a failure, not a success.
   int rc = LDAP_SERVER_DOWN;
   char *save = nullptr;
@@ -371,6 +376,7 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
     unique_cstr peer(olx_strdup(host));
     if (!peer) return LDAP_NO_MEMORY;
     rc = open_connection(&lc->lc_sb, host, htons((uint16_t)port));
+    if (rc == LDAP_TIMEOUT) return rc;  // no time for the next host either
     if (rc != 0) continue;
     if (ld->ld_ssl == 1 || lc->lc_ssl == 1) {
       LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: SSL In use!\n");
@@ -381,6 +387,7 @@ int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
         LDAP_LOG(LDAP_LOG_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n", rc);
         close_connection(&lc->lc_sb);
         clear_conn_connected(lc);
+        if (call_deadline_passed()) return LDAP_TIMEOUT;
         continue;
       }
     }

@@ -34,6 +34,8 @@ int ldap_update_wait(LDAP *ld, int msgid, const char *failed_trace) {
     int rc = ldap_get_errno_direct(ld);
     LDAP_LOG(LDAP_LOG_ERROR, failed_trace, rc);
     if (res != nullptr) ldap_msgfree_direct(res);
+    // Nothing handed out: the rows go back now, or once their answers are complete.
+    if (res == nullptr) ldap_msg_table_mark_rows(ld, msgid, LDAP_ROW_RELEASE_WHEN_DONE);
     // Waiting without a time-out cannot end in 0; should a failure leave no
     // code behind, the caller must still not read it as success.
     if (rc == LDAP_SUCCESS) {

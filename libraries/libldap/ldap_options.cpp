@@ -268,6 +268,19 @@ int ldap_set_option_direct(LDAP *ld, int option, const void *value) {
     case LDAP_OPT_XLATE:
       rc = set_ranged(&ld->ld_xlate, v, 0, 1);
       break;
+    case LDAP_OPT_TIMEOUT:
+    case LDAP_OPT_NETWORK_TIMEOUT: {
+      const auto *tv = static_cast<const struct timeval *>(value);
+      struct timeval *field = option == LDAP_OPT_TIMEOUT ? &ld->ld_op_timeout : &ld->ld_net_timeout;
+      int *on = option == LDAP_OPT_TIMEOUT ? &ld->ld_op_timeout_on : &ld->ld_net_timeout_on;
+      if (tv != nullptr && (tv->tv_sec < 0 || tv->tv_usec < 0 || tv->tv_usec >= 1000000)) {
+        rc = LDAP_PARAM_ERROR;
+      } else {
+        if (tv != nullptr) *field = *tv;
+        *on = tv != nullptr ? 1 : 0;
+      }
+      break;
+    }
     case LDAP_OPT_SSL_CHECK_HOSTNAME:
       if (v != 0 && v != 1)
         rc = LDAP_PARAM_ERROR;
@@ -281,6 +294,14 @@ int ldap_set_option_direct(LDAP *ld, int option, const void *value) {
   }
   ldap_set_errno_direct(ld, rc, nullptr, nullptr);
   return rc;
+}
+
+bool ldap_session_timeout(LDAP *ld, int option, struct timeval *out) {
+  if (ld == nullptr) return false;
+  const bool op = option == LDAP_OPT_TIMEOUT;
+  if ((op ? ld->ld_op_timeout_on : ld->ld_net_timeout_on) != 1) return false;
+  *out = op ? ld->ld_op_timeout : ld->ld_net_timeout;
+  return true;
 }
 
 int ldap_get_option_direct(LDAP *ld, int option, void *out) {
@@ -335,6 +356,20 @@ int ldap_get_option_direct(LDAP *ld, int option, void *out) {
     case LDAP_OPT_SSL_CHECK_HOSTNAME:
       *iout = ld->ld_ssl_no_host_check == 1 ? 0 : 1;
       break;
+    case LDAP_OPT_TIMEOUT:
+    case LDAP_OPT_NETWORK_TIMEOUT: {
+      struct timeval tv;
+      struct timeval **tout = static_cast<struct timeval **>(out);
+      *tout = nullptr;
+      if (ldap_session_timeout(ld, option, &tv)) {
+        *tout = static_cast<struct timeval *>(olx_malloc(sizeof tv));
+        if (*tout == nullptr)
+          rc = LDAP_NO_MEMORY;
+        else
+          **tout = tv;
+      }
+      break;
+    }
     case LDAP_OPT_SERVER_CONTROLS:
       rc = ldap_copy_controls(static_cast<LDAPControl ***>(out), ld->ld_sctrls);
       break;

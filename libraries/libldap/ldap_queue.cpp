@@ -18,6 +18,9 @@ constexpr int kUnreadableId = -1;
 
 constexpr ber_tag_t kEnvelope = 0x30, kInteger = 0x02;
 constexpr int kSearchRequest = 0x63, kSearchEntry = 0x64, kSearchReference = 0x73;
+// RFC 4511 4.13: any request may be answered in part by IntermediateResponses
+// before its final response.
+constexpr int kIntermediate = 0x79;
 
 // Each request and the final response that answers it: bind, search, modify,
 // add, delete, modify DN, compare, extended.
@@ -27,7 +30,7 @@ constexpr struct {
                        {0x4A, 0x6B}, {0x6C, 0x6D}, {0x6E, 0x6F}, {0x77, 0x78}};
 
 bool is_response_type(ber_tag_t tag) {
-  if (tag == kSearchEntry || tag == kSearchReference) return true;
+  if (tag == kSearchEntry || tag == kSearchReference || tag == kIntermediate) return true;
   for (const auto &f : kFinalResponses)
     if (tag == (ber_tag_t)f.response) return true;
   return false;
@@ -43,7 +46,7 @@ int final_type_for(int request_type) {
 // Entries and references come before a search's final result; every other
 // request is answered by its final response alone.
 bool answers(int request_type, int response_type) {
-  if (response_type == final_type_for(request_type)) return true;
+  if (response_type == final_type_for(request_type) || response_type == kIntermediate) return true;
   return request_type == kSearchRequest && (response_type == kSearchEntry || response_type == kSearchReference);
 }
 
@@ -167,6 +170,22 @@ void keep_row0_bounded(ldap_msg_row *row) {
   }
 }
 
+// A request's row keeps only the newest kRow0Unread unread IntermediateResponses
+// too: a server cannot grow a row with them while nobody reads.  The walk
+// back from the tail stops at the first unread message.
+void keep_intermediates_bounded(ldap_msg_row *row) {
+  int seen = 0;
+  for (LDAPMessage *m = row->tail; m != nullptr; m = m->lm_prev) {
+    const bool oldest_unread = m == row->next_unread;
+    if (m->lm_msgtype == kIntermediate && ++seen > kRow0Unread) {
+      ldap_msg_row_unlink(row, m);
+      free_msg(m, 0);
+      return;
+    }
+    if (oldest_unread) return;
+  }
+}
+
 // A long run of search entries is read in batches: once kStreak entries or
 // references have come in a row, the socket's receive low-water mark is
 // raised to kBatch bytes, so the reader sleeps until a batch has arrived
@@ -187,18 +206,13 @@ void set_gathering(Sockbuf *sb, bool on) {
   if (setsockopt(sb->sb_sd, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark) == 0 || !on) sb->sb_gathering = on;
 }
 
-// Waits for readability until `deadline` (null: no limit); the select result.
-int wait_readable(Sockbuf *sb, const struct timeval *deadline) {
+// Waits for readability until `deadline` (kNoDeadline: no limit); the select result.
+int wait_readable(Sockbuf *sb, int64_t deadline) {
   struct timeval left = {0, 0};
-  auto time_left = [&] {
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    left = {0, 0};
-    if (timercmp(&now, deadline, <)) timersub(deadline, &now, &left);
-  };
+  auto time_left = [&] { ldap_deadline_left_tv(deadline, &left); };
   bool batch = sb->sb_streak >= kStreak && sb->sb_ssl == nullptr && sb->sb_rpos >= sb->sb_rlen;
   struct timeval gather = {0, kGatherUs};
-  if (batch && deadline != nullptr) {
+  if (batch && deadline != kNoDeadline) {
     // Too little time left to wait for a batch: take what comes.
     time_left();
     batch = !timercmp(&left, &gather, <);
@@ -211,7 +225,7 @@ int wait_readable(Sockbuf *sb, const struct timeval *deadline) {
     }
   }
   set_gathering(sb, false);
-  if (deadline == nullptr) return fber_select(sb, nullptr);
+  if (deadline == kNoDeadline) return fber_select(sb, nullptr);
   time_left();
   return fber_select(sb, &left);
 }
@@ -225,12 +239,10 @@ int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *state, struct t
   // the reader waits for readability the whole time-out (no short poll).  The
   // time-out bounds the whole element, not each wait for more of it: a server
   // sending a byte at a time must not stretch the caller's wait.
-  struct timeval deadline = {0, 0};
-  if (timeout != nullptr) {
-    gettimeofday(&deadline, nullptr);
-    timeradd(&deadline, timeout, &deadline);
-  }
-  int rc = wait_readable(&conn->lc_sb, timeout != nullptr ? &deadline : nullptr);
+  // The call's deadline bounds it too.
+  int64_t deadline = ldap_deadline_after(timeout);
+  if (ldap_call_deadline() < deadline) deadline = ldap_call_deadline();
+  int rc = wait_readable(&conn->lc_sb, deadline);
   if (rc < 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "wait_for_message: select failed with socket error: rc = %d, errno = %d\n", rc, errno);
     return -1;
@@ -240,7 +252,7 @@ int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *state, struct t
     ber_tag_t tag = fber_get_next_nb(&conn->lc_sb, *ber, state);
     if (tag == LBER_ERROR) return -1;
     if (tag != LDAP_WOULD_BLOCK) return 1;
-    rc = wait_readable(&conn->lc_sb, timeout != nullptr ? &deadline : nullptr);
+    rc = wait_readable(&conn->lc_sb, deadline);
     if (rc < 0) {
       LDAP_LOG(LDAP_LOG_ERROR, "wait_for_message: select 2 failed with socket error: rc=%d, errno=%d\n", rc, errno);
       return -1;
@@ -315,7 +327,10 @@ int put_msg_in_table(ldap_msg_table *table, LDAPMessage *msg) {
       stand_as_decoding_error(msg, final_type);
     }
   }
+  // Read first: a final response may release the row, and the message with it.
+  const bool intermediate = id != 0 && msg->lm_msgtype == kIntermediate;
   store_in_row(table, row, msg);
+  if (intermediate) keep_intermediates_bounded(row);
   return 0;
 }
 

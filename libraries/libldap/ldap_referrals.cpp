@@ -33,6 +33,11 @@ using BerPtr = std::unique_ptr<BerElement, BerDeleter>;
 
 const char *or_null(const char *s) { return s != nullptr ? s : "<NULL>"; }
 
+struct ConnRelease {
+  LDAP *ld;
+  void operator()(LDAPConn *conn) const { ldap_conn_release(ld, conn, 1); }
+};
+
 ldap_msg_table *table_of(const LDAPMessage *msg) {
   return msg != nullptr && msg->lm_conn != nullptr ? msg->lm_conn->lc_msgtable : nullptr;
 }
@@ -133,7 +138,10 @@ LDAPConn *referral_connection(LDAP *ld, char **urls, LDAPURLDesc **lud, int *err
       *err = LDAP_NO_MEMORY;
       return nullptr;
     }
-    if (rc != 0 && rc != LDAP_SERVER_DOWN) {
+    // A server whose SSL handshake failed (a certificate for another host,
+    // say) is one that cannot be reached: the next URL is tried.
+    const bool unreachable = rc == LDAP_SERVER_DOWN || rc == LDAP_SSL_HANDSHAKE_FAILED;
+    if (rc != 0 && !unreachable) {
       LDAP_LOG(LDAP_LOG_ERROR, "get_referral_connection: unknown err %d\n", rc);
       *err = LDAP_OTHER;
       return nullptr;
@@ -549,8 +557,22 @@ int ldap_referral_rebind_once(LDAP *ld, ldap_msg_table *table) {
   const unsigned int generation = __atomic_load_n(&ld->ld_bind_generation, __ATOMIC_ACQUIRE);
   int rc = 0;
   if (conn->lc_rebound != generation + 1) {
-    rc = send_referral_bind_request(ld, table);
-    if (rc == 0) conn->lc_rebound = generation + 1;
+    // Bound before, for another identity: servers drop what is in flight on a
+    // connection when a bind arrives (slapd does), so one that other chasers
+    // use is left to them and a new one is bound instead.
+    bool busy = conn->lc_rebound != 0 && conn->lc_holders > 1;
+    if (conn->lc_rebound != 0 && !busy && LDAP_MUTEX_LOCK(&table->table_mutex) == 0) {
+      busy = (uint32_t)table->free_count != table->size;
+      LDAP_MUTEX_UNLOCK(&table->table_mutex);
+    }
+    if (busy) {
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_referral_rebind_once: connection in use by an older identity: retired\n");
+      conn->lc_retired = 1;
+      rc = LDAP_CONN_RETIRED;
+    } else {
+      rc = send_referral_bind_request(ld, table);
+      if (rc == 0) conn->lc_rebound = generation + 1;
+    }
   }
   LDAP_MUTEX_UNLOCK(&ld->ld_conn_mutex);
   return rc;
@@ -560,6 +582,7 @@ int reencode_and_send(LDAP *ld, ldap_msg_table *table, LDAPURLDesc *lud, LDAPMes
   LDAP_LOG(LDAP_LOG_TRACE, "reencode_and_send: entered\n");
   int rc = ldap_referral_rebind_once(ld, table);
   if (rc == LDAP_SERVER_DOWN) return -2;
+  if (rc == LDAP_CONN_RETIRED) return LDAP_CONN_RETIRED;
   if (rc != 0) {
     *err = rc;
     return -1;
@@ -690,13 +713,19 @@ LDAPMessage *chase_v3_referrals(LDAP *ld, char **urls, LDAPMessage *msg, struct 
   LDAPURLDesc *lud = nullptr;
   LDAPConn *conn = referral_connection(ld, urls, &lud, err, &down);
   while (conn != nullptr) {
+    // Held until this chase is done with it: a failed connection is freed by
+    // its last user.
+    std::unique_ptr<LDAPConn, ConnRelease> held(conn, ConnRelease{ld});
     std::unique_ptr<LDAPURLDesc, void (*)(LDAPURLDesc *)> url(lud, ldap_free_urldesc);
     *err = 0;
     LDAPMessage *unused = nullptr;
     const int newid = reencode_and_send(ld, conn->lc_msgtable, lud, msg, &unused, err);
-    if (newid == -2) {
-      ldap_free_connection_if_idle(ld, conn);
+    if (newid == -2 || newid == LDAP_CONN_RETIRED) {
+      held.reset();
       url.reset();
+      // A retired connection's server is not down: its URL may be tried again
+      // (a new connection is bound for the current identity, never retired).
+      if (newid == LDAP_CONN_RETIRED) down.clear();
       conn = referral_connection(ld, urls, &lud, err, &down);
       continue;
     }
@@ -713,6 +742,10 @@ LDAPMessage *chase_v3_referrals(LDAP *ld, char **urls, LDAPMessage *msg, struct 
     LDAPMessage *got = nullptr;
     const int rc = ldap_return_one_msg(ld, newid, timeout, &got, ctable, err, 1, hops);
     if (rc < 0 && *err == 0) *err = ldap_get_errno_direct(ld) != 0 ? ldap_get_errno_direct(ld) : LDAP_SERVER_DOWN;
+    // The referred server went away before answering: nothing more can come
+    // for the chased row, which goes (and with it, the connection).
+    if (rc < 0 && got == nullptr && ldap_get_errno_direct(ld) == LDAP_SERVER_DOWN && conn_closed(conn) == 1)
+      ldap_msg_table_detach_referral(ld, ctable, newid);
     if (got == nullptr) return nullptr;
     ldap_msg_table_unlink_msg(got);
     const int finished = ldap_msg_table_release_if_done(ctable, newid);
@@ -777,6 +810,8 @@ int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct tim
   // A reply that could not be decoded is a decoding error for its request,
   // never a referral to follow.
   if (msg->lm_flags & LDAP_MSG_UNDECODABLE) return msg->lm_msgtype;
+  // An IntermediateResponse carries no result and no reference.
+  if (msg->lm_msgtype == LDAP_RES_INTERMEDIATE) return msg->lm_msgtype;
   // Read on a copy of the element's record: the message itself stays unread.
   BerElement reader;
   if (!ldap_msg_reader(msg, &reader)) return msg->lm_msgtype;

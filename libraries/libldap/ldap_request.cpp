@@ -171,7 +171,15 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *request) {
     return LDAP_SERVER_DOWN;
   }
   if (conn_connected(conn) == 0) {
-    if (open_ldap_connection(ld, conn) != 0) {
+    const int open_rc = open_ldap_connection(ld, conn);
+    if (open_rc == LDAP_TIMEOUT) {
+      // Only the time ran out: the connection is tried again by the next call.
+      LDAP_MUTEX_UNLOCK(&conn->lc_write_mutex);
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_write_msg: open_ldap_connection returned error!\n");
+      ldap_set_errno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
+      return LDAP_TIMEOUT;
+    }
+    if (open_rc != 0) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_write_msg: open_ldap_connection returned error!\n");
       // Closed before the lock is let go: a writer waiting for it must see it.
       set_conn_closed(conn);

@@ -49,13 +49,23 @@ int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessag
       }
       // A child that failed for good (its server gone) fails this row too.
       if (still_linked && rc < 0) {
+        // Nothing more can come for it: the chased row goes, and the
+        // connection with its last user.
+        LDAPConn *const cconn = ctable->conn;
+        if (ldap_get_errno_direct(ld) == LDAP_SERVER_DOWN && conn_closed(cconn) == 1) {
+          ldap_msg_table_detach_referral(ld, ctable, cid);
+          ldap_conn_release(ld, cconn, 0);
+        }
         trace_one(-1);
         return -1;
       }
       return ldap_return_one_msg(ld, msgid, timeout, result, table, error, chase, hops);
     }
     ldap_msg_table_unlink_msg(got);
+    LDAPConn *const cconn = ctable->conn;
     const int finished = ldap_msg_table_release_if_done(ctable, cid);
+    // The chased row may have been the last use of a connection that failed.
+    if (finished) ldap_conn_release(ld, cconn, 0);
     if (ldap_msg_table_merge_referral_msg(&got, table, msgid, finished)) {
       *result = got;
       trace_one(got->lm_msgtype);
@@ -80,6 +90,11 @@ int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessag
       return rc;
     }
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_return_one_msg: error at referral chasing. Continue with next referral (if any)\n");
+    // Referrals that fail fast still end with the call.
+    if (call_deadline_passed()) {
+      rc = 0;
+      break;
+    }
   }
   if (rc == 0) {
     trace_one(0);
@@ -96,27 +111,25 @@ int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessa
   LDAPMessage *first = nullptr;
   LDAPMessage *msg = nullptr;
   int rc;
-  struct timeval remaining, start;
-  if (timeout != nullptr) {
-    remaining = *timeout;
-    gettimeofday(&start, nullptr);
-  }
+  // The whole result within the one deadline: each message gets what is left.
+  const int64_t deadline = ldap_deadline_after(timeout);
   for (;;) {
-    rc = ldap_return_one_msg(ld, msgid, timeout ? &remaining : nullptr, &msg, table, error, chase, hops);
+    struct timeval remaining;
+    rc = ldap_return_one_msg(ld, msgid, ldap_deadline_left_tv(deadline, &remaining), &msg, table, error, chase, hops);
     if (rc <= 0) break;
+    // IntermediateResponses are for callers taking one message at a time: a
+    // whole result (and so every synchronous call) goes without them.
+    if (msg != nullptr && msg->lm_msgtype == LDAP_RES_INTERMEDIATE) {
+      ldap_msg_table_unlink_msg(msg);
+      free_msg(msg, 0);
+      msg = nullptr;
+    }
     // The referral chaser may deliver nothing for a message it consumed.
     if (first == nullptr) first = msg;
     if (is_last_msg(msg)) break;
-    if (timeout != nullptr) {
-      struct timeval now, spent;
-      gettimeofday(&now, nullptr);
-      timersub(&now, &start, &spent);
-      if (spent.tv_sec > remaining.tv_sec || (spent.tv_sec == remaining.tv_sec && spent.tv_usec >= remaining.tv_usec)) {
-        rc = 0;
-        break;
-      }
-      timersub(&remaining, &spent, &remaining);
-      start = now;
+    if (deadline != kNoDeadline && ldap_monotonic_ns() >= deadline) {
+      rc = 0;
+      break;
     }
   }
   if (rc > 0) {
@@ -188,11 +201,23 @@ int ldap_result_int(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPM
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
 
   int error = 0;
-  // Requests sent while chasing referrals are written within the time-out too.
+  // A wait without a time-out of its own takes the session's default
+  // operation time-out, when one is set.
+  struct timeval session_default;
+  if (timeout == nullptr && ldap_session_timeout(ld, LDAP_OPT_TIMEOUT, &session_default)) timeout = &session_default;
+  // Requests sent while chasing referrals (connects, re-binds, writes) are
+  // bounded by the time-out too.
   const CallDeadline deadline(timeout);
-  if (all != 0) return ldap_return_all_msgs(ld, msgid, timeout, result, table, &error, chase, hops);
-  int rc = ldap_return_one_msg(ld, msgid, timeout, result, table, &error, chase, hops);
-  if (*result != nullptr) (*result)->lm_flags |= LDAP_MSG_HANDED_ALONE;
+  int rc;
+  if (all != 0) {
+    rc = ldap_return_all_msgs(ld, msgid, timeout, result, table, &error, chase, hops);
+  } else {
+    rc = ldap_return_one_msg(ld, msgid, timeout, result, table, &error, chase, hops);
+    if (*result != nullptr) (*result)->lm_flags |= LDAP_MSG_HANDED_ALONE;
+  }
+  // A wait cut short by the call's deadline says so like one cut by its own.
+  if (rc == 0 && (timeout != nullptr || deadline.at() != kNoDeadline))
+    ldap_set_errno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
   return rc;
 }
 

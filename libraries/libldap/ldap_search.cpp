@@ -462,7 +462,12 @@ int wait_for_search(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **
   }
   if (got == -1) {
     const int code = ldap_get_errno_direct(ld);
-    if (*res == nullptr) return code != 0 ? code : LDAP_LOCAL_ERROR;
+    if (*res == nullptr) {
+      // Nothing was handed out (a chased server went away, say): the rows go
+      // back now, or as soon as their answers are complete.
+      ldap_msg_table_mark_rows(ld, msgid, LDAP_ROW_RELEASE_WHEN_DONE);
+      return code != 0 ? code : LDAP_LOCAL_ERROR;
+    }
   }
   return ldap_result2error_direct(ld, *res, 0);
 }

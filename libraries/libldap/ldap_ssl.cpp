@@ -20,6 +20,7 @@
 
 #include "fber-stream.h"
 #include "ldap-debug.h"
+#include "ldap-engine.h"
 #include "ldap-lock.h"
 #include "ldap-ssl.h"
 #include "ldap-utils.h"
@@ -268,6 +269,15 @@ int check_pkcs11(bool client, const char *kdb, LDAP_PKCS11_PARMS *p) {
   return 0;
 }
 
+// The handshake's budget is kept on the monotonic clock: a step of the
+// wall clock neither stretches nor cuts it.
+void monotonic_now(struct timeval *out) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  out->tv_sec = now.tv_sec;
+  out->tv_usec = now.tv_nsec / 1000;
+}
+
 // now - then, normalised; false when now is earlier.
 bool elapsed_since(const struct timeval *now, const struct timeval *then, struct timeval *out) {
   long sec = now->tv_sec - then->tv_sec;
@@ -287,10 +297,19 @@ bool elapsed_since(const struct timeval *now, const struct timeval *then, struct
 int handshake_wait(int fd, bool for_write, struct timeval *budget, struct timeval *last, const char *who,
                    struct timeval *waited) {
   struct timeval now;
-  gettimeofday(&now, nullptr);
+  monotonic_now(&now);
   if (ldap_ssl_budget_spend(budget, last, &now)) {
     LDAP_LOG(LDAP_LOG_ERROR, "%s: SSL handshake timed out after: %ld.%06ld sec\n", who,
              (long)LDAP_SSL_HANDSHAKE_BUDGET_SEC, (long)LDAP_SSL_HANDSHAKE_BUDGET_USEC);
+    errno = EIO;
+    return 0;
+  }
+  // The whole handshake ends with the call (and the network time-out), not
+  // only each callback with its budget.
+  struct timeval call_left;
+  const bool call_bounded = ldap_deadline_left_tv(ldap_call_deadline(), &call_left) != nullptr;
+  if (call_bounded && call_left.tv_sec == 0 && call_left.tv_usec == 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "%s: SSL handshake ended by the call's time-out\n", who);
     errno = EIO;
     return 0;
   }
@@ -301,8 +320,8 @@ int handshake_wait(int fd, bool for_write, struct timeval *budget, struct timeva
   fd_set set;
   FD_ZERO(&set);
   FD_SET(fd, &set);
-  *waited = *budget;
-  struct timeval wait = *budget;
+  *waited = call_bounded && timercmp(&call_left, budget, <) ? call_left : *budget;
+  struct timeval wait = *waited;
   int rc = for_write ? select(fd + 1, nullptr, &set, nullptr, &wait) : select(fd + 1, &set, nullptr, nullptr, &wait);
   if (rc < 0) return -1;
   if (rc == 0) {
@@ -586,7 +605,7 @@ int ssl_read(int fd, void *buffer, int length, char *user) {
   LDAP_LOG(LDAP_LOG_NET, "ssl_read: SSL handshake num_bytes=%d\n", length);
   struct timeval budget = {LDAP_SSL_HANDSHAKE_BUDGET_SEC, LDAP_SSL_HANDSHAKE_BUDGET_USEC};
   struct timeval last;
-  gettimeofday(&last, nullptr);
+  monotonic_now(&last);
   char *at = static_cast<char *>(buffer);
   int done = 0;
   while (done < length) {
@@ -635,7 +654,7 @@ int ssl_write(int fd, const void *buffer, int length, char *user) {
   LDAP_LOG(LDAP_LOG_NET, "ssl_write: SSL handshake num_bytes=%d\n", length);
   struct timeval budget = {LDAP_SSL_HANDSHAKE_BUDGET_SEC, LDAP_SSL_HANDSHAKE_BUDGET_USEC};
   struct timeval last;
-  gettimeofday(&last, nullptr);
+  monotonic_now(&last);
   const char *at = static_cast<const char *>(buffer);
   int done = 0;
   while (done < length) {

@@ -101,12 +101,14 @@ void take_ownership(ldap_msg_row *row) { row->owner_tid = my_tid(); }
 
 bool finished(const ldap_msg_row *row) { return (row->flags & LDAP_ROW_COMPLETE) && row->next_unread == nullptr; }
 
-// True once `elapsed` (since start) is past `limit`.
-bool past(const struct timeval &start, const struct timeval *limit) {
-  struct timeval now, el;
-  gettimeofday(&now, nullptr);
-  timersub(&now, &start, &el);
-  return el.tv_sec > limit->tv_sec || (el.tv_sec == limit->tv_sec && el.tv_usec > limit->tv_usec);
+// Condition variables that time out on the monotonic clock, as deadlines do.
+int monotonic_cond_init(pthread_cond_t *cond) {
+  pthread_condattr_t attr;
+  if (pthread_condattr_init(&attr) != 0) return -1;
+  int rc = pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+  if (rc == 0) rc = pthread_cond_init(cond, &attr);
+  pthread_condattr_destroy(&attr);
+  return rc;
 }
 
 }  // namespace
@@ -386,7 +388,7 @@ void wait_for_reader(ldap_msg_table *table, int id, const struct timeval *left) 
   } else {
     self = static_cast<ldap_table_waiter *>(olx_malloc(sizeof(ldap_table_waiter)));
     if (self == nullptr) return;  // then the caller simply looks again
-    if (pthread_cond_init(&self->cond, nullptr) != 0) {
+    if (monotonic_cond_init(&self->cond) != 0) {
       free(self);
       return;
     }
@@ -397,10 +399,8 @@ void wait_for_reader(ldap_msg_table *table, int id, const struct timeval *left) 
   table->waiters = self;
   struct timespec until = {0, 0};
   if (left != nullptr) {
-    struct timeval now, end;
-    gettimeofday(&now, nullptr);
-    timeradd(&now, left, &end);
-    until = {end.tv_sec, end.tv_usec * 1000};
+    const int64_t end = ldap_deadline_after(left);
+    until = {(time_t)(end / 1000000000), (long)(end % 1000000000)};
   }
   while (!self->woken) {
     const int rc = left != nullptr ? pthread_cond_timedwait(&self->cond, &table->table_mutex, &until)
@@ -481,8 +481,12 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     return rc;
   }
 
-  struct timeval start;
-  gettimeofday(&start, nullptr);
+  // One deadline for the whole wait: the caller's time-out, and the call's
+  // deadline when one is in scope (a re-bind for a referral, say, waits with
+  // no time-out of its own).
+  const int64_t own = ldap_deadline_after(timeout);
+  const int64_t call = ldap_call_deadline();
+  const int64_t deadline = own < call ? own : call;
   int rc = 0;
   auto deliver = [&]() -> bool {
     row = &table->rows[id];  // growth may have moved the rows
@@ -499,14 +503,9 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     if (deliver()) break;
     flush_queue(table);
     if (deliver()) break;
-    // Each read gets what is left of the caller's time-out, not all of it.
-    struct timeval left = {0, 0};
-    if (timeout != nullptr) {
-      struct timeval now, spent;
-      gettimeofday(&now, nullptr);
-      timersub(&now, &start, &spent);
-      if (timercmp(&spent, timeout, <)) timersub(timeout, &spent, &left);
-    }
+    // Each read gets what is left of the deadline, not all of it.
+    struct timeval left_value;
+    struct timeval *left = ldap_deadline_left_tv(deadline, &left_value);
     // One thread reads the connection at a time; the others sleep until it
     // has stored something for them (or leaves), then look at their rows.
     LDAPConn *conn = table->conn;
@@ -514,7 +513,7 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     if (reading) {
       LDAP_MUTEX_UNLOCK(&table->table_mutex);
       wakeups.signal();
-      const int soc_err = ldap_msg_table_read_locked(ld, table, timeout ? &left : nullptr);
+      const int soc_err = ldap_msg_table_read_locked(ld, table, left);
       LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
       if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
         ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
@@ -532,11 +531,11 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
       wake_waiters(table, kWakeFilled, &wakeups);
     } else {
       wakeups.signal();  // not to sleep on wake-ups still owed
-      wait_for_reader(table, id, timeout != nullptr ? &left : nullptr);
+      wait_for_reader(table, id, left);
     }
     flush_queue(table);
     if (deliver()) break;
-    if (timeout != nullptr && past(start, timeout)) {
+    if (deadline != kNoDeadline && ldap_monotonic_ns() >= deadline) {
       rc = 0;
       break;
     }
@@ -610,20 +609,34 @@ void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits) {
   while (table != nullptr && LDAP_MUTEX_LOCK(&table->table_mutex) == 0) {
     ldap_msg_table *next = nullptr;
     int next_id = 0;
+    LDAPConn *const here = table->conn;
+    bool released = false;
+    bool abandon = false;
     if (msgid > 0 && (uint32_t)msgid < table->size && (table->rows[msgid].flags & LDAP_ROW_IN_USE)) {
       ldap_msg_row *row = &table->rows[msgid];
       row->flags |= bits;
       if (row->child_link != nullptr) {
         next = row->child_link->rl_table;
         next_id = row->child_link->rl_msgid;
-      } else if ((bits & LDAP_ROW_RELEASE_WHEN_DONE) && (row->flags & LDAP_ROW_COMPLETE)) {
+      } else if ((bits & LDAP_ROW_RELEASE_WHEN_DONE) && ((row->flags & LDAP_ROW_COMPLETE) || conn_closed(here))) {
         // The final response may already be stored (read by this or another
-        // thread after the wait gave up): nothing will arrive to release it.
+        // thread after the wait gave up), or can no longer come: nothing
+        // will arrive to release it.
         ldap_msg_table_release_row(table, msgid);
+        released = true;
       }
+      // A caller that gives up on a request tells its server to stop, so the
+      // server neither goes on working nor sends what nobody will read.
+      abandon = (bits & LDAP_ROW_RELEASE_WHEN_DONE) && !released && !(row->flags & LDAP_ROW_COMPLETE);
     }
     LDAP_MUTEX_UNLOCK(&table->table_mutex);
-    ldap_msg_table_detach_released(table);
+    if (abandon) ldap_send_abandon(ld, here, msgid);
+    // A table this thread released nothing in is not touched again: its
+    // failed connection may be freed by its last user meanwhile.
+    if (released) {
+      ldap_msg_table_detach_released(table);
+      ldap_conn_release(ld, here, 0);
+    }
     table = next;
     msgid = next_id;
   }

@@ -32,6 +32,7 @@ struct Taken {
   int newid = -1, defid = -1;
   ldap_referral_link *child = nullptr, *parent = nullptr;
   BerElement *second = nullptr;
+  LDAPConn *srv = nullptr;  // held from ldap_get_connection_for_url
 
   explicit Taken(LDAP *l) : ld(l) {}
   ~Taken() {
@@ -44,6 +45,8 @@ struct Taken {
     if (newid > 0) ldap_msg_table_release_msgid(srv_table, newid);
     if (defid > 0 && def_table != srv_table) ldap_msg_table_release_msgid(def_table, defid);
     ldap_free_urldesc(lud);
+    // After its rows: a failed connection goes with its last user.
+    ldap_conn_release(ld, srv, 1);
   }
   int fail(int code) {
     if (code != 0) ldap_set_errno_direct(ld, code, nullptr, nullptr);
@@ -87,10 +90,22 @@ int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
     return t.fail(LDAP_SSL_NOT_AVAILABLE);
   }
   int rc = 0;
-  LDAPConn *srv = ldap_get_connection_for_url(ld, t.lud->lud_host, t.lud->lud_port, secure ? 1 : 0, &rc, 1);
-  if (srv == nullptr || srv->lc_msgtable == nullptr) {
-    LDAP_LOG(LDAP_LOG_ERROR, "ldap_url_search_direct: NULL server or table\n");
-    return t.fail(0);
+  LDAPConn *srv = nullptr;
+  // A connection retired at its re-bind (in use by an older identity) is
+  // replaced by a new one, which is never retired: at most two turns.
+  for (int turn = 0; turn < 2; ++turn) {
+    if (t.srv != nullptr) {
+      ldap_conn_release(ld, t.srv, 1);
+      t.srv = nullptr;
+    }
+    srv = ldap_get_connection_for_url(ld, t.lud->lud_host, t.lud->lud_port, secure ? 1 : 0, &rc, 1);
+    t.srv = srv;
+    if (srv == nullptr || srv->lc_msgtable == nullptr) {
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_url_search_direct: NULL server or table\n");
+      return t.fail(0);
+    }
+    rc = srv != def ? ldap_referral_rebind_once(ld, srv->lc_msgtable) : 0;
+    if (rc != LDAP_CONN_RETIRED) break;
   }
   t.def_table = def->lc_msgtable;
   t.srv_table = srv->lc_msgtable;
@@ -99,8 +114,7 @@ int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
   std::unique_ptr<BerElement, void (*)(BerElement *)> first(ber, fber_free);
   const bool other = srv != def;
   if (other) {
-    rc = ldap_referral_rebind_once(ld, t.srv_table);
-    if (rc == LDAP_SERVER_DOWN || rc == LDAP_NO_MEMORY) return t.fail(rc);
+    if (rc == LDAP_SERVER_DOWN || rc == LDAP_NO_MEMORY || rc == LDAP_CONN_RETIRED) return t.fail(rc);
     if (rc != 0) LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search_direct: Bind failed with error = %d. Ignoring.\n", rc);
     if ((t.second = ldap_alloc_ber_with_options(ld, 0)) == nullptr || (t.srv_req = ldap_msg_new(srv)) == nullptr ||
         (t.def_req = ldap_msg_new(def)) == nullptr)
@@ -233,6 +247,7 @@ int ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval 
         rc = LDAP_TIMEOUT;
       } else if (got == -1) {
         rc = ldap_get_errno_direct(ld);
+        if (*res == nullptr) ldap_msg_table_mark_rows(ld, msgid, LDAP_ROW_RELEASE_WHEN_DONE);
       } else {
         rc = 0;
       }

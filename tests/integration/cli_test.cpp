@@ -9,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "fake_server.h"
 #include "ldap-int.h"
 #include "process.h"
 #include "referral_servers.h"
@@ -153,8 +154,17 @@ TEST_F(Cli, FailuresExitWithTheResultCode) {
                                                                 {"modrdn", "only-a-dn"},
                                                                 {"search", "-s", "wide"},
                                                                 {"search", "-o", "referral-credentials=maybe"},
+                                                                {"search", "-o", "timeout=soon"},
                                                                 {"frobnicate"}})
     EXPECT_EQ(run(args[0], std::vector<std::string>(args.begin() + 1, args.end())).exit_code, 2) << args[0];
+  // -o timeout bounds the wait for a server that never answers.
+  tavtest::FakeServer silent;
+  silent.hold_until_closed();
+  silent.start();
+  auto quiet = tavtest::run_process({TAV_CLIENT, "search", "-o", "timeout=1", "-o", "nettimeout=1", "-H",
+                                     "ldap://127.0.0.1:" + std::to_string(silent.port()), "-b", "o=x"},
+                                    {{"TAVLDAP_LIBRARY", TAV_SHARED_OBJECT}});
+  EXPECT_EQ(quiet.exit_code, LDAP_TIMEOUT) << quiet.err;
   // -d traces the run; the password never reaches the trace.
   auto r = tavtest::run_process({TAV_CLIENT, "delete", "-d", "65535", "-H", slapd->url(), "-D", SlapdServer::kRootDn,
                                  "-w", SlapdServer::kRootPw, people("cn=Nobody")},

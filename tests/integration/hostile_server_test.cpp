@@ -396,6 +396,36 @@ TEST(HostileServer, UnsolicitedMessagesAreKeptOnlyAFew) {
   ldap_unbind(ld);
 }
 
+// IntermediateResponses belong to their request without ending it: handed
+// out one at a time, left out of whole results, and only the newest few kept
+// while nobody reads them (search 2's reader sorts search 1's flood).
+TEST(HostileServer, IntermediateResponsesAreHandedOutAloneAndNeverFinal) {
+  auto answer = [](int id, int intermediates) {
+    std::string a = tavtest::search_entry(id, "cn=a");
+    for (int i = 0; i < intermediates; ++i) a += tavtest::message(id, tlv(0x79, tlv(0x80, "1.2.3")));
+    return a + tavtest::search_entry(id, "cn=b") + tavtest::search_done(id);
+  };
+  FakeServer fake;
+  fake.on_request([](const std::string &) { return std::string(); })
+      .on_request([&](const std::string &) { return answer(1, 1000) + answer(2, 1); })
+      .hold_until_closed();
+  fake.start();
+  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  ASSERT_EQ(ldap_search(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0), 1);
+  LDAPMessage *res = nullptr;
+  EXPECT_EQ(ldap_search_s(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0, &res), 0);
+  EXPECT_EQ(ldap_count_entries(ld, res), 2);
+  EXPECT_EQ(ldap_count_messages(ld, res), 3);
+  ldap_msgfree(res);
+  std::vector<int> types, expected(18, LDAP_RES_INTERMEDIATE);
+  expected.front() = expected[17] = LDAP_RES_SEARCH_ENTRY;
+  expected.push_back(LDAP_RES_SEARCH_RESULT);
+  for (LDAPMessage *m = nullptr; ldap_result(ld, 1, LDAP_MSG_ONE, nullptr, &m) > 0; ldap_msgfree(m))
+    types.push_back(ldap_msgtype(m));
+  EXPECT_EQ(types, expected);
+  ldap_unbind(ld);
+}
+
 TEST(HostileServer, EveryAllocationFailureOnAReplyWithoutIdEndsInADocumentedCode) {
   const std::set<int> documented = {LDAP_DECODING_ERROR, LDAP_NO_MEMORY, LDAP_SERVER_DOWN, LDAP_LOCAL_ERROR};
   for (long n = 1; n < 200; ++n) {

@@ -2,6 +2,7 @@
 // B (which refuses anonymous readers), a loop runs A -> B -> A, a referral
 // list starts with a dead server and goes on to C, and names outside every
 // suffix follow A's default referral to C.
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -275,6 +276,40 @@ TEST_F(Referrals, EveryFailingAllocationOfAChasedSearchEndsInADesignedCode) {
   }
   EXPECT_TRUE(chased);
   EXPECT_TRUE(codes.count(LDAP_NO_MEMORY));
+}
+
+// B stops and starts again, twenty times: each chase once it is back finds
+// it, and the connections that failed are given back, so the session's
+// descriptors stay as many as before.
+TEST_F(Referrals, ConnectionsToARestartedServerAreGivenBack) {
+  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
+  LDAP *ld = servers->session(true);
+  auto chase = [&] {
+    LDAPMessage *res = nullptr;
+    ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
+    const size_t entries = dns_of(ld, res).size();
+    ldap_msgfree(res);
+    return entries;
+  };
+  auto descriptors = [] {
+    int n = 0;
+    DIR *dir = opendir("/proc/self/fd");
+    while (readdir(dir) != nullptr) ++n;
+    closedir(dir);
+    return n;
+  };
+  ASSERT_EQ(chase(), 6u);
+  const int before = descriptors();
+  for (int round = 0; round < 20; ++round) {
+    SCOPED_TRACE(round);
+    servers->b().stop();
+    EXPECT_LE(chase(), 3u);  // B's entries are not there
+    std::string error;
+    ASSERT_TRUE(servers->b().start(&error)) << error;
+    EXPECT_EQ(chase(), 6u);
+    EXPECT_NEAR(descriptors(), before, 1);
+  }
+  ldap_unbind(ld);
 }
 
 // A's ou=secure refers to B by ldaps URLs: followed over SSL or not at all.

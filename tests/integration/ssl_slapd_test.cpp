@@ -444,6 +444,24 @@ TEST_F(SslPeer, ServerThatNeverAnswersTheHandshakeFailsAfterTheBudget) {
   EXPECT_TRUE(server.wait_done());
 }
 
+// A server dripping its handshake a byte a second never takes a call past
+// its time-out, however each callback's budget is spent.
+TEST_F(SslPeer, AHandshakeEndsWithTheCallsTimeOut) {
+  tavtest::FakeServer server;
+  server.trickle(std::string(64, '\x16'), 1000);
+  server.start();
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
+  struct timeval wait = {2, 0};
+  LDAPMessage *res = nullptr;
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(ldap_search_st(ld, "o=x", LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 0, &wait, &res), LDAP_TIMEOUT);
+  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_LT(seconds, 3.5);
+  ldap_msgfree(res);
+  EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
 TEST_F(SslPeer, AbortInTheToolkitDuringTheHandshakeBecomes116) {
   setenv("TAVLIB_CLIENT_VERSION", "97", 1);
   tavtest::FakeServer server;

@@ -51,6 +51,14 @@ FakeServer &FakeServer::send_lazy(std::function<std::string()> make) {
   steps_.push_back({Step::kSend, [make](const std::string &) { return make(); }});
   return *this;
 }
+// An LDAPMessage whose operation is an AbandonRequest ([APPLICATION 16]).
+bool FakeServer::is_abandon(const std::string &pdu) {
+  size_t i = 2 + (pdu.size() > 1 && (pdu[1] & 0x80) ? (pdu[1] & 0x7F) : 0);
+  if (i + 2 > pdu.size() || pdu[i] != 0x02) return false;
+  i += 2 + (unsigned char)pdu[i + 1];
+  return i < pdu.size() && (unsigned char)pdu[i] == 0x50;
+}
+
 FakeServer &FakeServer::on_request(std::function<std::string(const std::string &)> reply) {
   steps_.push_back({Step::kRequest, std::move(reply)});
   return *this;
@@ -144,6 +152,12 @@ void FakeServer::run() {
           if (size_t len = ber_element_length(received_.substr(consumed_))) {
             element = received_.substr(consumed_, len);
             consumed_ += len;
+            // Servers never answer an AbandonRequest: it is no request of
+            // the script (it stays in received()).
+            if (is_abandon(element)) {
+              element.clear();
+              continue;
+            }
             break;
           }
         }

@@ -29,7 +29,9 @@ class FakeServer {
   // Bytes computed when the step runs (for replies that need what arrived earlier).
   FakeServer &send_lazy(std::function<std::string()> make);
   // Wait until one whole BER element more has arrived, then send what
-  // `reply` makes of it (which may be nothing).
+  // `reply` makes of it (which may be nothing).  AbandonRequests are passed
+  // over, as servers never answer them.
+  static bool is_abandon(const std::string &pdu);
   FakeServer &on_request(std::function<std::string(const std::string &request)> reply);
   // Stop here, reading nothing, until the test calls open_gate(): the test's
   // side of a hand-shake ("the client has seen X; go on").
