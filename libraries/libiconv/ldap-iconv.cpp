@@ -40,7 +40,11 @@ ldap_iconv_handle *ldap_iconv_open(const char *target, const char *source) {
   h->source = without_modifier(source);
   h->target = without_modifier(target);
   if (h->source != nullptr && h->target != nullptr) {
-    const char *local = is_utf8(h->target) || is_ucs2(h->target) ? h->source : h->target;
+    // The local side is the one that is not UCS-2; between UCS-2 and UTF-8
+    // it is UTF-8 itself (a UTF-8 local code page), the built-in converter.
+    const char *local = is_ucs2(h->source)                         ? h->target
+                        : is_utf8(h->target) || is_ucs2(h->target) ? h->source
+                                                                   : h->target;
     h->cv = ldap_cs_open(local);
   }
   if (h->cv == nullptr) {
@@ -75,7 +79,8 @@ int ldap_iconv(ldap_iconv_handle *h, const char **in, size_t *in_left, char **ou
         *o++ = static_cast<unsigned char>(*p >> 8);
         *o++ = static_cast<unsigned char>(*p);
       }
-      if (rc == 0 && i < i_end) rc = 1;
+      // A full output is rc 1; stopping with input left is ill-formed UTF-8.
+      if (rc == 0 && i < i_end) rc = 3;
     } else if (is_ucs2(h->source)) {
       size_t count = std::min<size_t>(2048, *in_left / 2);
       for (size_t k = 0; k < count; ++k) units[k] = static_cast<uint16_t>(i[2 * k] << 8 | i[2 * k + 1]);
@@ -94,7 +99,7 @@ int ldap_iconv(ldap_iconv_handle *h, const char **in, size_t *in_left, char **ou
   *out_left -= o - reinterpret_cast<unsigned char *>(*out);
   *out = reinterpret_cast<char *>(o);
   if (rc == 0) return 0;
-  errno = rc == 1 ? E2BIG : EINVAL;
+  errno = rc == 1 ? E2BIG : rc == 3 ? EILSEQ : EINVAL;
   return -1;
 }
 

@@ -61,8 +61,9 @@ TAV_INTERNAL long ldap_cs_from_ucs2(ldap_cs_converter *cv, const uint16_t *in, l
 TAV_INTERNAL char *ldap_cs_from_utf8_alloc(ldap_cs_converter *cv, const char *in, long len, long *count);
 TAV_INTERNAL char *ldap_cs_to_utf8_alloc(ldap_cs_converter *cv, const char *in, long len, long *count);
 
-// Direction functions: 0 all input consumed, 1 output full (positions stay
-// before the character that did not fit), 2 input ends inside a sequence.
+// Direction functions: 0 all input consumed (reading UTF-8 to UCS-2, 0 with
+// input left means it stopped at ill-formed UTF-8), 1 output full (positions
+// stay before the character that did not fit), 2 input ends inside a sequence.
 TAV_INTERNAL int ldap_cs_step_to_ucs2(ldap_cs_converter *cv, const unsigned char **in, const unsigned char *in_end,
                                       uint16_t **out, uint16_t *out_end);
 TAV_INTERNAL int ldap_cs_step_from_ucs2(ldap_cs_converter *cv, const uint16_t **in, const uint16_t *in_end,

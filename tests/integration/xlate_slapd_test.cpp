@@ -73,6 +73,17 @@ class XlateSlapd : public tavtest::SlapdSuite<XlateSlapd> {
     ldap_msgfree(res);
     return out;
   }
+  // The DN ldap_get_dn gives for the one entry a subtree search finds.
+  std::string dn_of(const std::string &base, const std::string &filter) {
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_search_s(ld, base.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0, &res), 0) << filter;
+    LDAPMessage *e = ldap_first_entry(ld, res);
+    char *dn = e != nullptr ? ldap_get_dn(ld, e) : nullptr;
+    std::string out = dn != nullptr ? dn : "<null>";
+    ldap_memfree(dn);
+    ldap_msgfree(res);
+    return out;
+  }
 };
 
 TEST_F(XlateSlapd, LocalCodePagesAddFindAndReadUtf8Entries) {
@@ -80,15 +91,18 @@ TEST_F(XlateSlapd, LocalCodePagesAddFindAndReadUtf8Entries) {
     const char *codepage, *glibc;
     std::string sn;  // UTF-8
     char subst;
+    bool unicode;  // LDAP_USE_UNICODE: through UCS-2, where beyond the BMP is "?"
   } cases[] = {
-      {"ISO8859-1", "ISO-8859-1", "M\xC3\xBCller Caf\xC3\xA9", '?'},
-      {"SJIS", "CP932", "\xE6\xBC\xA2\xE5\xAD\x97\xE3\x81\x8B\xE3\x81\xAA", '?'},
-      {"IBM-037", "IBM037", "Caf\xC3\xA9 \xC3\x86gir", '\x6f'},
+      {"ISO8859-1", "ISO-8859-1", "M\xC3\xBCller Caf\xC3\xA9", '?', false},
+      {"SJIS", "CP932", "\xE6\xBC\xA2\xE5\xAD\x97\xE3\x81\x8B\xE3\x81\xAA", '?', false},
+      {"IBM-037", "IBM037", "Caf\xC3\xA9 \xC3\x86gir", '\x6f', false},
+      {"UTF-8", "UTF-8", "Caf\xC3\xA9 \xE6\xBC\xA2", '?', true},
   };
   int i = 0;
   for (const auto &c : cases) {
     SCOPED_TRACE(c.codepage);
     ASSERT_EQ(ldap_set_iconv_local_codepage(c.codepage), 0);
+    setenv("LDAP_USE_UNICODE", c.unicode ? "yes" : "no", 1);
     xlate(ld, 0);
     auto L = [&](const std::string &utf8) { return local(c.glibc, utf8, c.subst); };
     const std::string cn = "xlate" + std::to_string(++i);
@@ -109,13 +123,17 @@ TEST_F(XlateSlapd, LocalCodePagesAddFindAndReadUtf8Entries) {
 
     // A filter in the local code page finds it, and the value reads back in it.
     EXPECT_EQ(sn_of(L(SlapdServer::kPeopleDn), L("(sn=") + sn_l + L(")"), sn_attr), std::vector<std::string>{sn_l});
+    EXPECT_EQ(dn_of(L(SlapdServer::kPeopleDn), L("(cn=" + cn + ")")), L(dn));
     // What the code page lacks comes back substituted.
-    EXPECT_EQ(sn_of(L(SlapdServer::kPeopleDn), L("(cn=Polyglot)"), sn_attr), std::vector<std::string>{L(kPolyglot)});
+    std::string polyglot = L(kPolyglot);
+    if (c.unicode) polyglot.replace(polyglot.find("\xF0\x9F\x98\x80"), 4, "?");
+    EXPECT_EQ(sn_of(L(SlapdServer::kPeopleDn), L("(cn=Polyglot)"), sn_attr), std::vector<std::string>{polyglot});
 
     // Untranslated, the session's bytes pass as they are.
     xlate(ld, 1);
     EXPECT_EQ(sn_of(SlapdServer::kPeopleDn, "(cn=Polyglot)", "sn"), std::vector<std::string>{kPolyglot});
   }
+  unsetenv("LDAP_USE_UNICODE");
 }
 
 }  // namespace

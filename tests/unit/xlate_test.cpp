@@ -50,6 +50,13 @@ TEST_F(Xlate, LocalCodePageFromCallEnvironmentAndLocale) {
   EXPECT_EQ(std::string(ldap_xlate_globals.codepage), "IBM-037");
   EXPECT_EQ(convert(0, "\xC1\x81\x5A"), "Aa!");
   EXPECT_EQ(convert(1, "Aa!"), "\xC1\x81\x5A");
+  // UTF-8 from the environment: the two-step path goes through UCS-2 both ways.
+  setenv("LDAP_CODEPAGE", "UTF-8", 1);
+  ASSERT_EQ(ldap_set_locale("C"), 0);
+  setenv("LDAP_USE_UNICODE", "yes", 1);
+  EXPECT_EQ(convert(1, "\xC3\xA9\xE2\x82\xAC"), "\xC3\xA9\xE2\x82\xAC");
+  EXPECT_EQ(convert(0, "\xC3\xA9\xE2\x82\xAC"), "\xC3\xA9\xE2\x82\xAC");
+  unsetenv("LDAP_USE_UNICODE");
 
   // Without it, the locale's code set (the C locale's ASCII, aliased to Latin-1).
   unsetenv("LDAP_CODEPAGE");
@@ -98,6 +105,7 @@ TEST_F(Xlate, TwoStepPathGivesTheSameText) {
       {"ISO8859-1", "M\xFCller", "M\xC3\xBCller"},
       {"SJIS", "\x82\xA0\x8A\xBF", "\xE3\x81\x82\xE6\xBC\xA2"},
       {"GB18030", "\xC4\xE3\xBA\xC3", "\xE4\xBD\xA0\xE5\xA5\xBD"},
+      {"UTF-8", "Caf\xC3\xA9 \xE6\xBC\xA2", "Caf\xC3\xA9 \xE6\xBC\xA2"},
   };
   for (const auto &c : cases) {
     ASSERT_EQ(ldap_set_iconv_local_codepage(c.codepage), 0);
@@ -112,27 +120,39 @@ TEST_F(Xlate, TwoStepPathGivesTheSameText) {
 }
 
 TEST_F(Xlate, PublicBufferFunctions) {
-  ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
   const struct {
+    const char *codepage;
     int (*fn)(const char *, size_t *, char *, size_t *);
     std::string in;
     size_t space;
     int rc;
     std::string out;
   } cases[] = {
-      {ldap_xlate_local_to_unicode, "A\xE9", 8, 0, std::string("\0A\0\xE9", 4)},
-      {ldap_xlate_unicode_to_local, std::string("\0A\x20\xAC", 4), 8, 0, "A?"},
-      {ldap_xlate_local_to_utf8, "\xE9\xE9", 8, 0, "\xC3\xA9\xC3\xA9"},
-      {ldap_xlate_local_to_utf8, "\xE9\xE9", 3, LDAP_XLATE_OUTPUT_OVERFLOW, "\xC3\xA9"},
-      {ldap_xlate_utf8_to_local, "a\xC3", 8, LDAP_XLATE_INPUT_TRUNCATED, "a"},
-      {ldap_xlate_utf8_to_local, "\xC3\xA9", 8, 0, "\xE9"},
+      {"ISO8859-1", ldap_xlate_local_to_unicode, "A\xE9", 8, 0, std::string("\0A\0\xE9", 4)},
+      {"ISO8859-1", ldap_xlate_unicode_to_local, std::string("\0A\x20\xAC", 4), 8, 0, "A?"},
+      {"ISO8859-1", ldap_xlate_local_to_utf8, "\xE9\xE9", 8, 0, "\xC3\xA9\xC3\xA9"},
+      {"ISO8859-1", ldap_xlate_local_to_utf8, "\xE9\xE9", 3, LDAP_XLATE_OUTPUT_OVERFLOW, "\xC3\xA9"},
+      {"ISO8859-1", ldap_xlate_utf8_to_local, "a\xC3", 8, LDAP_XLATE_INPUT_TRUNCATED, "a"},
+      {"ISO8859-1", ldap_xlate_utf8_to_local, "\xC3\xA9", 8, 0, "\xE9"},
+      // UTF-8 as the local code page: UCS-2 both ways, copies to and from UTF-8.
+      {"UTF-8", ldap_xlate_local_to_unicode, "a\xC3\xA9", 8, 0, std::string("\0a\0\xE9", 4)},
+      {"UTF-8", ldap_xlate_unicode_to_local, std::string("\0a\x20\xAC", 4), 8, 0, "a\xE2\x82\xAC"},
+      {"UTF-8", ldap_xlate_unicode_to_local, std::string("\0a\x20\xAC", 4), 3, LDAP_XLATE_OUTPUT_OVERFLOW, "a"},
+      {"UTF-8", ldap_xlate_local_to_utf8, "\xC3\xA9", 8, 0, "\xC3\xA9"},
+      {"UTF-8", ldap_xlate_utf8_to_local, "\xC3\xA9", 8, 0, "\xC3\xA9"},
+      // Ill-formed UTF-8 is bad input, not a full output.
+      {"UTF-8", ldap_xlate_local_to_unicode, "a\xFF", 8, LDAP_XLATE_BAD_INPUT_CHAR, std::string("\0a", 2)},
+      {"UTF-8", ldap_xlate_local_to_unicode, "\xC3(b", 8, LDAP_XLATE_BAD_INPUT_CHAR, ""},
+      {"UTF-8", ldap_xlate_local_to_unicode, "ab", 3, LDAP_XLATE_OUTPUT_OVERFLOW, std::string("\0a", 2)},
   };
   for (const auto &c : cases) {
+    ASSERT_EQ(ldap_set_iconv_local_codepage(c.codepage), 0);
     char out[16];
     size_t in_len = c.in.size(), space = c.space;
     EXPECT_EQ(c.fn(c.in.data(), &in_len, out, &space), c.rc) << testing::PrintToString(c.in);
     EXPECT_EQ(std::string(out, c.space - space), c.out) << testing::PrintToString(c.in);
   }
+  ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
   size_t n = 1, space = 1;
   char out[4];
   EXPECT_EQ(ldap_xlate_local_to_utf8(nullptr, &n, out, &space), LDAP_PARAM_ERROR);
