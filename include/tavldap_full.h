@@ -556,7 +556,7 @@ int ldap_set_iconv_local_charset(const char *charset);
 char *ldap_get_iconv_compliant_codepage(const char *name);
 /* Converts *in_len bytes of in into out, which has *out_space bytes;
  * *out_space is reduced by the bytes written.  Unicode here is UCS-2, as
- * 16-bit units in the machine's byte order. */
+ * big-endian byte pairs (high byte first) on every machine. */
 int ldap_xlate_local_to_utf8(const char *in, size_t *in_len, char *out, size_t *out_space);
 int ldap_xlate_utf8_to_local(const char *in, size_t *in_len, char *out, size_t *out_space);
 int ldap_xlate_local_to_unicode(const char *in, size_t *in_len, char *out, size_t *out_space);
