@@ -25,6 +25,8 @@ TAV_INTERNAL long olx_fail_alloc_at(long n);
 // and the filter encoder.  Strings they return are the caller's to free.
 TAV_INTERNAL char *ldap_get_default_config_path(char sep);
 TAV_INTERNAL char *ldap_make_path(const char *dir, const char *const *subdirs, const char *file);
+// The file name's extension (after the last `sep` past the last '/') becomes
+// `suffix`; a versioned name ("libx.so.1" for "so") is kept as it is.
 TAV_INTERNAL char *ldap_replace_extension(const char *path, char sep, const char *suffix);
 TAV_INTERNAL int ldap_file_exists(const char *path);
 // Splits a copy of `s` into at most `max` words (blank, tab, newline) stored

@@ -16,6 +16,9 @@ namespace {
 constexpr const char *kConfFile = "krvldap.conf";
 constexpr const char *kDefaultInit = "ldap_plugin_init";
 constexpr int kMaxPluginList = 64;
+// A larger file is refused: a few hundred plug-in lines fill a few kilobytes,
+// and each line costs a whole entry in memory for the life of the process.
+constexpr size_t kMaxConfBytes = 1024 * 1024;
 
 // Set under the configuration lock once the file was read; tested first
 // without it.
@@ -51,6 +54,29 @@ char *next_word(char **p) {
   if (*s != '\0') *s++ = '\0';
   *p = s;
   return word;
+}
+
+enum class LineRead { kEnd, kLine, kOverlong, kFileTooLarge };
+
+// The next line into `line` (at most LDAP_CONF_LINE_MAX characters, with its
+// newline when that fits).  A longer line is consumed whole and reported, so
+// its tail is never taken for a line of its own.  *total counts the file's
+// bytes so far.
+LineRead read_line(FILE *stream, char *line, size_t *total) {
+  size_t n = 0;
+  bool overlong = false;
+  int c = EOF;
+  while ((c = getc(stream)) != EOF) {
+    if (++*total > kMaxConfBytes) return LineRead::kFileTooLarge;
+    if (n < LDAP_CONF_LINE_MAX)
+      line[n++] = static_cast<char>(c);
+    else if (c != '\n')
+      overlong = true;
+    if (c == '\n') break;
+  }
+  line[n] = '\0';
+  if (c == EOF && n == 0) return LineRead::kEnd;
+  return overlong ? LineRead::kOverlong : LineRead::kLine;
 }
 
 bool same(const char *a, const char *b) { return a != nullptr && b != nullptr && strcmp(a, b) == 0; }
@@ -90,6 +116,36 @@ struct PblockFree {
   void operator()(LDAP_PBLOCK *pb) const { ldap_pblock_free(pb); }
 };
 
+// Under the configuration lock: undoes the last ldap_load_plugin.
+void unload_current_library() {
+  loaded_library *node = loaded_libraries;
+  if (node == nullptr || node->library != current_library) return;
+  loaded_libraries = node->next;
+  ldap_dlclose(node->library);
+  free(node);
+  current_library = loaded_libraries != nullptr ? loaded_libraries->library : nullptr;
+}
+
+// Under the configuration lock: initialises the library just loaded and
+// registers what it offers.
+int init_loaded_locked(ldap_plugin_info *info, LDAP_PBLOCK *pb) {
+  ldap_plugin_init_fn init = find_init(current_library, info);
+  if (init == nullptr) return LDAP_PLUGIN_FUNCTION_NOT_RESOLVED;
+  if (init(pb) != 0) return LDAP_PLUGIN_NOT_INITIALIZED;
+  void *bind = nullptr;
+  if (ldap_pblock_get(pb, LDAP_PLUGIN_BIND_FN, &bind) != 0 || bind == nullptr) return 1;
+  auto *e = static_cast<ldap_plugin_entry *>(olx_calloc(1, sizeof(ldap_plugin_entry)));
+  if (e == nullptr || !copy_strings(e, info)) {
+    free_entry(e);
+    return LDAP_NO_MEMORY;
+  }
+  e->bind_fn = reinterpret_cast<ldap_plugin_bind_fn>(bind);
+  e->init_fn = init;
+  e->library = current_library;
+  if (ldap_plugin_add(e) != LDAP_SUCCESS) free_entry(e);  // registered before: the first one stays
+  return LDAP_SUCCESS;
+}
+
 // Under the configuration lock.  The initialisation function gets a block
 // with the plug-in's type.
 int load_and_init_locked(ldap_plugin_info *info, int reg) {
@@ -106,21 +162,9 @@ int load_and_init_locked(ldap_plugin_info *info, int reg) {
   }
   int rc = ldap_load_plugin(info->path);
   if (rc != LDAP_SUCCESS) return rc;
-  ldap_plugin_init_fn init = find_init(current_library, info);
-  if (init == nullptr) return LDAP_PLUGIN_FUNCTION_NOT_RESOLVED;
-  if (init(pb.get()) != 0) return LDAP_PLUGIN_NOT_INITIALIZED;
-  void *bind = nullptr;
-  if (ldap_pblock_get(pb.get(), LDAP_PLUGIN_BIND_FN, &bind) != 0 || bind == nullptr) return 1;
-  auto *e = static_cast<ldap_plugin_entry *>(olx_calloc(1, sizeof(ldap_plugin_entry)));
-  if (e == nullptr || !copy_strings(e, info)) {
-    free_entry(e);
-    return LDAP_NO_MEMORY;
-  }
-  e->bind_fn = reinterpret_cast<ldap_plugin_bind_fn>(bind);
-  e->init_fn = init;
-  e->library = current_library;
-  if (ldap_plugin_add(e) != LDAP_SUCCESS) free_entry(e);  // registered before: the first one stays
-  return LDAP_SUCCESS;
+  rc = init_loaded_locked(info, pb.get());
+  if (rc != LDAP_SUCCESS) unload_current_library();  // a failed load keeps nothing
+  return rc;
 }
 
 // A memory failure sets *no_memory rather than passing for a missing file
@@ -186,27 +230,57 @@ int ldap_read_conf_file(ldap_conf_list *list) {
 
 int ldap_process_conf_data(FILE *stream, ldap_conf_list *list) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_process_conf_data()\n");
+  // Entries go to the list only once the whole file was read, so a failure
+  // leaves it as it was.
+  ldap_conf_list read = {nullptr, nullptr};
   ldap_conf_entry *spare = nullptr;
+  size_t total = 0;
+  int rc = LDAP_SUCCESS;
   for (;;) {
     if (spare == nullptr) {
       spare = static_cast<ldap_conf_entry *>(olx_calloc(1, sizeof(ldap_conf_entry)));
-      if (spare == nullptr) return LDAP_NO_MEMORY;
+      if (spare == nullptr) {
+        rc = LDAP_NO_MEMORY;
+        break;
+      }
     } else {
       memset(spare, 0, sizeof *spare);
     }
-    if (fgets(spare->line, sizeof spare->line, stream) == nullptr) {
-      free(spare);
-      return LDAP_SUCCESS;
+    LineRead got = read_line(stream, spare->line, &total);
+    if (got == LineRead::kEnd) break;
+    if (got == LineRead::kFileTooLarge) {
+      LDAP_LOG(LDAP_LOG_ERROR, "ldap_process_conf_data(): file over %lu bytes, not read\n",
+               (unsigned long)kMaxConfBytes);
+      rc = LDAP_PLUGIN_CONF_NOT_OPENED;
+      break;
+    }
+    if (got == LineRead::kOverlong) {
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_process_conf_data(): line over %d characters skipped\n", LDAP_CONF_LINE_MAX);
+      continue;
     }
     if (ldap_conf_parse_line(spare) != 0) continue;
-    spare->prev = list->tail;
-    if (list->tail != nullptr)
-      list->tail->next = spare;
+    spare->prev = read.tail;
+    if (read.tail != nullptr)
+      read.tail->next = spare;
     else
-      list->head = spare;
-    list->tail = spare;
+      read.head = spare;
+    read.tail = spare;
     spare = nullptr;
   }
+  free(spare);
+  if (rc != LDAP_SUCCESS) {
+    ldap_conf_list_free(&read);
+    return rc;
+  }
+  if (read.head != nullptr) {
+    read.head->prev = list->tail;
+    if (list->tail != nullptr)
+      list->tail->next = read.head;
+    else
+      list->head = read.head;
+    list->tail = read.tail;
+  }
+  return LDAP_SUCCESS;
 }
 
 int ldap_conf_parse_line(ldap_conf_entry *entry) {

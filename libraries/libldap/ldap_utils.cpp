@@ -74,6 +74,22 @@ namespace {
 constexpr const char *kInstallRoot = "/opt/KRV/ldap/V6.2";
 
 bool is_word_separator(char c) { return c == ' ' || c == '\t' || c == '\n'; }
+
+// "libx.so.1", "libx.so.1.2": the suffix followed only by numeric parts, the
+// name a versioned shared object is installed under.
+bool is_versioned(const char *name, char sep, const char *suffix) {
+  size_t n = strlen(suffix);
+  for (const char *p = strchr(name, sep); p != nullptr; p = strchr(p + 1, sep)) {
+    if (p == name || strncmp(p + 1, suffix, n) != 0 || p[1 + n] != sep) continue;
+    const char *q = p + 1 + n;
+    while (*q == sep && q[1] >= '0' && q[1] <= '9') {
+      ++q;
+      while (*q >= '0' && *q <= '9') ++q;
+    }
+    if (*q == '\0') return true;
+  }
+  return false;
+}
 }  // namespace
 
 extern "C" {
@@ -102,7 +118,13 @@ char *ldap_replace_extension(const char *path, char sep, const char *suffix) {
   if (path == nullptr || suffix == nullptr) return nullptr;
   size_t keep = strlen(path);
   if (sep != '\0') {
-    if (const char *last = strrchr(path, sep)) keep = last - path;
+    // Only the file name's extension counts: a dot in a directory is not one,
+    // and a leading dot marks a hidden file rather than an extension.
+    const char *slash = strrchr(path, '/');
+    const char *name = slash != nullptr ? slash + 1 : path;
+    if (is_versioned(name, sep, suffix)) return olx_strdup(path);
+    const char *last = strrchr(name, sep);
+    if (last != nullptr && last > name) keep = last - path;
   }
   char *out = static_cast<char *>(olx_malloc(keep + 1 + strlen(suffix) + 1));
   if (out == nullptr) return nullptr;

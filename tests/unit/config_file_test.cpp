@@ -1,5 +1,6 @@
 // The client configuration file: its word rules, look-ups, search order and
 // the path and word helpers it shares.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -9,12 +10,13 @@
 
 #include "ldap-plugin.h"
 #include "ldap-utils.h"
+#include "process.h"
 
 namespace {
 
 std::string str(const char *s) { return s != nullptr ? s : "(null)"; }
 
-// A configuration list read from `text`; 0 or 90 in rc.
+// A configuration list read from `text`; 0, 90 or 192 (too large) in rc.
 struct Conf {
   ldap_conf_list list = {nullptr, nullptr};
   int rc;
@@ -49,17 +51,30 @@ TEST(ConfigFile, WordRules) {
       {" #plugin sasl X /lib/x.so\n", "#plugin|sasl|X|/lib/x.so" + none},  // comments start in column 1
       {"\n", ""},
       {"plugin sasl Y /lib/y.so", "plugin|sasl|Y|/lib/y.so" + none},  // no final newline
+      // Up to 511 characters a line is whole; a longer one is dropped whole,
+      // so its tail never becomes a line of its own.
+      {"plugin sasl MAX /lib/m.so init " + std::string(511 - 31, 'a') + "\n",
+       "plugin|sasl|MAX|/lib/m.so|init|" + std::string(511 - 31, 'a')},
+      {"plugin sasl LONG /lib/l.so init " + std::string(600, 'a') + "\n", ""},
+      {"#" + std::string(510, ' ') + "plugin sasl PLAIN /path/x.so\n", ""},
+      {"#" + std::string(600, ' ') + "plugin sasl PLAIN /path/x.so", ""},
   };
   for (const auto &[line, want] : cases) {
     std::vector<std::string> got = Conf(line).lines();
     EXPECT_EQ(got, want.empty() ? std::vector<std::string>{} : std::vector<std::string>{want}) << line;
   }
-  // A longer line than 511 characters is read in 511-character pieces.
-  std::vector<std::string> got = Conf("plugin sasl LONG /lib/l.so init " + std::string(600, 'a') + "\n").lines();
-  ASSERT_EQ(got.size(), 1u);
-  EXPECT_EQ(got[0], "plugin|sasl|LONG|/lib/l.so|init|" + std::string(511 - 32, 'a'));
-  EXPECT_EQ(Conf("# c\na b c d\nshort\ne f g h\n").lines(),
+  EXPECT_EQ(Conf("# c\na b c d\nshort\n" + std::string(1000, 'x') + "\ne f g h\n").lines(),
             (std::vector<std::string>{"a|b|c|d" + none, "e|f|g|h" + none}));
+  // At most 1 MiB: a larger file is refused as one that cannot be opened.
+  const std::string line = "plugin sasl X /lib/x.so\n";
+  for (auto [size, rc] : {std::pair{size_t{1} << 20, 0}, {(size_t{1} << 20) + 1, 192}}) {
+    std::string text;
+    while (text.size() + line.size() <= size) text += line;
+    text.resize(size, '\n');
+    Conf conf(text);
+    EXPECT_EQ(conf.rc, rc) << size;
+    EXPECT_EQ(conf.list.head == nullptr, rc != 0) << size;
+  }
 }
 
 TEST(ConfigFile, LookupIsExactAndFirstInFileOrder) {
@@ -95,6 +110,12 @@ TEST(PathHelpers, ExtensionsPathsAndWords) {
   for (auto [path, sep, want] : {std::tuple{"/opt/p/libx.sl", '.', "/opt/p/libx.so"},
                                  {"/opt/p/libx", '.', "/opt/p/libx.so"},
                                  {"/opt/p/libx.so", '.', "/opt/p/libx.so"},
+                                 {"/opt/a.dir/plug", '.', "/opt/a.dir/plug.so"},
+                                 {"/opt/a.dir/plug.sl", '.', "/opt/a.dir/plug.so"},
+                                 {"/opt/p/.plug", '.', "/opt/p/.plug.so"},
+                                 {"/opt/p/libx.so.1", '.', "/opt/p/libx.so.1"},
+                                 {"libx.so.1.2", '.', "libx.so.1.2"},
+                                 {"/opt/p/libx.so.1a", '.', "/opt/p/libx.so.so"},
                                  {"name", '\0', "nameso"}}) {
     char *got = ldap_replace_extension(path, sep, "so");
     EXPECT_EQ(str(got), want) << path;
@@ -141,6 +162,25 @@ TEST(PathHelpers, AllocationFailuresGiveNinetyAndLeakNothing) {
     free(p);
     if (used < n) break;
   }
+}
+
+// Failed loads give back the memory and the library they took: a leak here
+// grew with every bind retried against a broken line.
+TEST(PluginLoad, FailuresKeepNothing) {
+  char sasl[] = "sasl", name[] = "LEAKCHECK", absent[] = "/nonexistent/libnothing.so", lib[] = "libbz2.so.1.0",
+       init[] = "no_such_init";
+  struct {
+    char *path;
+    int rc;
+  } cases[] = {{absent, LDAP_PLUGIN_NOT_LOADED}, {lib, LDAP_PLUGIN_FUNCTION_NOT_RESOLVED}};
+  for (auto c : cases) {
+    ldap_plugin_info info = {sasl, name, c.path, init, nullptr};
+    for (int i = 0; i < 10; ++i) ASSERT_EQ(ldap_register_plugin(&info), c.rc);  // the loader's own buffers
+    const size_t in_use = tavtest::heap_in_use();
+    for (int i = 0; i < 2000; ++i) ASSERT_EQ(ldap_register_plugin(&info), c.rc);
+    EXPECT_LT(tavtest::heap_in_use(), in_use + 1024) << c.path;
+  }
+  EXPECT_EQ(dlopen(lib, RTLD_NOW | RTLD_NOLOAD), nullptr);
 }
 
 TEST(ParameterBlock, SetReplacesGetFindsAndMissingIsOne) {
