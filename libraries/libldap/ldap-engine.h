@@ -217,16 +217,14 @@ TAV_INTERNAL int64_t ldap_monotonic_ns(void);
 TAV_INTERNAL int64_t ldap_deadline_after(const struct timeval *timeout);
 // The calling thread's call deadline, or kNoDeadline.
 TAV_INTERNAL int64_t ldap_call_deadline(void);
+// The earlier of `timeout` from now and the call's deadline.
+TAV_INTERNAL int64_t ldap_deadline_within_call(const struct timeval *timeout);
 // What is left of `deadline` (zero once passed): -1 for kNoDeadline, else
 // milliseconds rounded up and clamped to INT_MAX.
 TAV_INTERNAL int ldap_deadline_left_ms(int64_t deadline);
 // What is left of `deadline` as a timeval in *out (zero once passed); null
 // for kNoDeadline.
 TAV_INTERNAL struct timeval *ldap_deadline_left_tv(int64_t deadline, struct timeval *out);
-// The earlier of the call's deadline and `timeout` from now, as a timeval in
-// *out; null when neither bounds the wait.  For a step that takes a time-out
-// of its own, or none (null: only the call's deadline).
-TAV_INTERNAL struct timeval *ldap_bounded_wait(const struct timeval *timeout, struct timeval *out);
 
 class CallDeadline {
  public:

@@ -295,11 +295,9 @@ int host_attributes(LDAPServerInfo *s, char **strings) {
 // answer): the request's time-out from now, cut to the call's deadline.
 // Computed once per step; whatever the step retries only uses what is left.
 int64_t step_deadline(const ldap_dns_state *st) {
-  const int64_t call = ldap_call_deadline();
-  if (st->connection_timeout <= 0) return call;
+  if (st->connection_timeout <= 0) return ldap_call_deadline();
   const struct timeval tv = {st->connection_timeout, 0};
-  const int64_t own = ldap_deadline_after(&tv);
-  return own < call ? own : call;
+  return ldap_deadline_within_call(&tv);
 }
 
 // Waits for `events` on the socket; false once `deadline` has passed, even

@@ -240,8 +240,7 @@ int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *state, struct t
   // time-out bounds the whole element, not each wait for more of it: a server
   // sending a byte at a time must not stretch the caller's wait.
   // The call's deadline bounds it too.
-  int64_t deadline = ldap_deadline_after(timeout);
-  if (ldap_call_deadline() < deadline) deadline = ldap_call_deadline();
+  const int64_t deadline = ldap_deadline_within_call(timeout);
   int rc = wait_readable(&conn->lc_sb, deadline);
   if (rc < 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "wait_for_message: select failed with socket error: rc = %d, errno = %d\n", rc, errno);

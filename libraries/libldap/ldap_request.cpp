@@ -70,9 +70,9 @@ struct timeval *ldap_deadline_left_tv(int64_t deadline, struct timeval *out) {
   return out;
 }
 
-struct timeval *ldap_bounded_wait(const struct timeval *timeout, struct timeval *out) {
+int64_t ldap_deadline_within_call(const struct timeval *timeout) {
   const int64_t own = ldap_deadline_after(timeout);
-  return ldap_deadline_left_tv(own < call_deadline ? own : call_deadline, out);
+  return own < call_deadline ? own : call_deadline;
 }
 
 CallDeadline::CallDeadline(const struct timeval *timeout) : outer_(call_deadline) {

@@ -484,9 +484,7 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
   // One deadline for the whole wait: the caller's time-out, and the call's
   // deadline when one is in scope (a re-bind for a referral, say, waits with
   // no time-out of its own).
-  const int64_t own = ldap_deadline_after(timeout);
-  const int64_t call = ldap_call_deadline();
-  const int64_t deadline = own < call ? own : call;
+  const int64_t deadline = ldap_deadline_within_call(timeout);
   int rc = 0;
   auto deliver = [&]() -> bool {
     row = &table->rows[id];  // growth may have moved the rows
