@@ -385,7 +385,8 @@ bool valid_cipher_spec(const char *spec, size_t n) {
 int env_set_buffer(Env *e, int id, const std::string &v) {
   switch (id) {
     case TAV_KEYRING_FILE:
-      if (access(v.c_str(), R_OK) != 0) return TAV_KEYRING_OPEN_ERROR;
+      // Opened when the environment is initialised, where a missing file is
+      // reported (202), as a toolkit that reads its files then does.
       e->kdb = v;
       return 0;
     case TAV_KEYRING_PW:

@@ -241,8 +241,8 @@ TEST_F(SslSlapd, EnvironmentFailuresGiveTheirCodes) {
     int rc, code;
   } cases[] = {
       {"wrong password", keys->good(), "wrong", LDAP_SSL_INITIALIZE_FAILED, 106},
-      {"no key database given, none installed", "", kKdbPassword, LDAP_SSL_KEYRING_NOT_FOUND, 202},
-      {"named key database missing", keys->dir.file("missing.kdb"), kKdbPassword, LDAP_SSL_PARAM_ERROR, 202},
+      {"no key database given, none installed", "", kKdbPassword, LDAP_SSL_INITIALIZE_FAILED, 202},
+      {"named key database missing", keys->dir.file("missing.kdb"), kKdbPassword, LDAP_SSL_INITIALIZE_FAILED, 202},
       {"no password and no stash file", keys->nostash(), nullptr, LDAP_SSL_KEYRING_NOT_FOUND, 201},
   };
   for (const Case &c : cases) {
