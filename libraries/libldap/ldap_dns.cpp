@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "ldap-debug.h"
 #include "ldap-dns.h"
@@ -804,7 +805,9 @@ int ldap_dns_read_answer(ldap_dns_state *st) {
   }
 }
 
-int ldap_dns_parse_answers(ldap_dns_state *st, LDAPServerInfo *server, int type) {
+namespace {
+
+int parse_records(ldap_dns_state *st, LDAPServerInfo *server, int type) {
   size_t pos = st->answers_pos;
   const unsigned char *m = st->packet;
   for (int i = 0; i < st->answer_count; ++i) {
@@ -869,6 +872,29 @@ int ldap_dns_parse_answers(ldap_dns_state *st, LDAPServerInfo *server, int type)
   return 0;
 }
 
+}  // namespace
+
+int ldap_dns_parse_answers(ldap_dns_state *st, LDAPServerInfo *server, int type) {
+  if (server == nullptr) return parse_records(st, nullptr, type);
+  // Host attributes go to a copy first: a malformed answer costs this server
+  // its attributes, all or none, and never the servers already located.
+  LDAPServerInfo *copy = ldap_server_info_dup(server);
+  if (copy == nullptr) return LDAP_NO_MEMORY;
+  int rc = parse_records(st, copy, type);
+  if (rc == 0) {
+    LDAPServerInfo *prev = server->prev, *next = server->next;
+    std::swap(*server, *copy);
+    server->prev = prev;
+    server->next = next;
+  } else if (rc == LDAP_DNS_INVALID_DATA) {
+    LDAP_LOG(LDAP_LOG_TRACE, "ldapdns: invalid host information for %s\n", server->host);
+    rc = 0;
+  }
+  copy->prev = copy->next = nullptr;
+  ldap_server_info_free(copy);
+  return rc;
+}
+
 int ldap_dns_query_server(ldap_dns_state *st, const char *address, int transport) {
   int rc = 0;
   if (st->sock < 0) rc = ldap_dns_open(st, address, transport);
@@ -887,6 +913,7 @@ int ldap_dns_query_server(ldap_dns_state *st, const char *address, int transport
     LDAP_LOG(LDAP_LOG_TRACE, "ldapdns: requesting host information for %s\n", s->host);
     rc = ldap_dns_send_query(st, s->host, LDAP_DNS_TYPE_TXT);
     if (rc == 0) rc = ldap_dns_read_answer(st);
+    if (rc == LDAP_DNS_INVALID_DATA) rc = kNegative;  // this server's attributes only
     if (rc == 0) rc = ldap_dns_parse_answers(st, s, LDAP_DNS_TYPE_TXT);
     if (rc == kNegative) rc = 0;
     if (rc == 0 && s->port == 0) s->port = 389;
