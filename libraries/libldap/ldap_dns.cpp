@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <utility>
 
 #include "ldap-debug.h"
@@ -292,6 +294,28 @@ int host_attributes(LDAPServerInfo *s, char **strings) {
   return 0;
 }
 
+// A seed for ordering servers of equal weight.  Processes started together
+// and calls in the same second must not all pick the same server: the
+// generator is seeded from getrandom once per process (again after a fork).
+unsigned int order_seed() {
+  static std::mutex mu;
+  static uint64_t state = 0;
+  static pid_t owner = 0;
+  uint64_t z;
+  {
+    std::lock_guard<std::mutex> lock(mu);
+    if (owner != getpid()) {
+      owner = getpid();
+      if (getrandom(&state, sizeof state, GRND_NONBLOCK) != (ssize_t)sizeof state)
+        state ^= (uint64_t)time(nullptr) << 20 ^ (uint64_t)owner ^ (uint64_t)clock();
+    }
+    z = state += 0x9e3779b97f4a7c15ULL;
+  }
+  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
+  z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+  return (unsigned int)(z ^ (z >> 31));
+}
+
 // The deadline of one step (connecting, sending a query, reading its
 // answer): the request's time-out from now, cut to the call's deadline.
 // Computed once per step; whatever the step retries only uses what is left.
@@ -418,7 +442,7 @@ int file_lookup(ldap_dns_state *st) {
     LDAP_LOG(LDAP_LOG_TRACE, "ldapdns: no LDAP servers found in configuration file\n");
     return LDAP_DNS_SERVERS_FOUND;
   }
-  ldap_dns_order_servers(&found, (unsigned int)time(nullptr));
+  ldap_dns_order_servers(&found, order_seed());
   ldap_dns_append(&st->results, found);
   return 0;
 }
@@ -924,7 +948,7 @@ int ldap_dns_query_server(ldap_dns_state *st, const char *address, int transport
     return rc;
   }
   filter_suffix(&st->found, st->dn_filter);
-  ldap_dns_order_servers(&st->found, (unsigned int)time(nullptr));
+  ldap_dns_order_servers(&st->found, order_seed());
   ldap_dns_append(&st->results, st->found);
   st->found = nullptr;
   return 0;

@@ -357,11 +357,11 @@ void ldap_dns_order_servers(LDAPServerInfo **list, unsigned int seed) {
   while (cur != nullptr) {
     // Cut the run of equal priority.
     LDAPServerInfo *run = cur, *last = cur;
-    uint16_t total = cur->weight;
+    uint32_t total = cur->weight;  // 65535 servers of weight 65535 fit
     int count = 1;
     while (last->next != nullptr && last->next->priority == run->priority) {
       last = last->next;
-      total = (uint16_t)(total + last->weight);
+      total += last->weight;
       ++count;
     }
     cur = last->next;
@@ -382,12 +382,12 @@ void ldap_dns_order_servers(LDAPServerInfo **list, unsigned int seed) {
           }
         }
         if (pick == nullptr) continue;
-        LDAP_LOG(LDAP_LOG_TRACE, "ldapdns: loadBalance select: %d %f %d/%d %s\n", pick->priority, (double)r,
+        LDAP_LOG(LDAP_LOG_TRACE, "ldapdns: loadBalance select: %d %f %d/%u %s\n", pick->priority, (double)r,
                  pick->weight, total, pick->host);
         if (pick->prev != nullptr) pick->prev->next = pick->next;
         if (pick->next != nullptr) pick->next->prev = pick->prev;
         if (pick == run) run = pick->next;
-        total = (uint16_t)(total - pick->weight);
+        total -= pick->weight;
         append_one(&out, &out_tail, pick);
       }
     }
