@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "ldap-debug.h"
 #include "ldap-dns.h"
@@ -17,6 +18,8 @@ namespace {
 
 // Longest line of the file, without its newline.
 constexpr size_t kMaxLine = 1023;
+// Latest expiry time the file holds.
+constexpr unsigned long kMaxExpiry = 0xffffffffUL;
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
 bool is_end(char c) { return c == '\0' || c == '\n' || c == '\r'; }
@@ -158,17 +161,39 @@ int make_parent_dirs(const char *path) {
   return rc;
 }
 
-void write_quoted(FILE *f, const char *s) {
-  if (s == nullptr) {
-    fputs(" \"\"", f);
-    return;
+void append_quoted(std::string *line, const char *s) {
+  *line += " \"";
+  for (; s != nullptr && *s != '\0'; ++s) {
+    if (*s == '"' || *s == '\\') *line += '\\';
+    *line += *s;
   }
-  fputs(" \"", f);
-  for (; *s != '\0'; ++s) {
-    if (*s == '"' || *s == '\\') fputc('\\', f);
-    fputc(*s, f);
-  }
-  fputc('"', f);
+  *line += '"';
+}
+
+// A word the reader takes back whole: something, without blanks or line ends.
+bool word_fits(const char *w) {
+  if (w == nullptr || *w == '\0') return false;
+  for (; *w != '\0'; ++w)
+    if (is_blank(*w) || *w == '\n' || *w == '\r') return false;
+  return true;
+}
+
+// The line of one server, or false when the file cannot hold it: a
+// newline in a TXT value (legal in DNS) would end the line early.
+bool server_line(const LDAPServerInfo *s, std::string *line) {
+  if (!word_fits(s->service) || s->service[0] == '#' || !word_fits(s->domain) || !word_fits(s->host)) return false;
+  if (s->replica < 0 || s->sec_flag < 0) return false;
+  for (const char *str : {s->suffix, s->vendor, s->info})
+    if (str != nullptr && strchr(str, '\n') != nullptr) return false;
+  char numbers[80];
+  snprintf(numbers, sizeof numbers, " %d %d %d %d %d", s->priority, s->weight, s->port, s->replica, s->sec_flag);
+  *line = std::string(s->service) + " " + s->domain + " " + s->host + numbers;
+  append_quoted(line, s->suffix);
+  append_quoted(line, s->vendor);
+  append_quoted(line, s->info);
+  if (line->size() > kMaxLine) return false;
+  *line += '\n';
+  return true;
 }
 
 // The next component of a DN from the right: [*start, *end) trimmed of
@@ -253,7 +278,7 @@ int ldap_conf_read_servers(const char *filename, LDAPServerInfo **entries) {
       have_expiry = true;
       unsigned long expiry = 0;
       const char *q = p;
-      if (take_number(&q, 0xffffffffUL, &expiry) != Field::kOk || !is_end(*skip_blanks(q))) {
+      if (take_number(&q, kMaxExpiry, &expiry) != Field::kOk || !is_end(*skip_blanks(q))) {
         LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: invalid line in configuration file: %s", line);
         rc = LDAP_DNS_CONF_FILE_ERROR;
       } else if (expiry != 0 && (time_t)expiry < time(nullptr)) {
@@ -286,7 +311,10 @@ int ldap_server_cache_save(const char *filename, unsigned long ttl, LDAPServerIn
     LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: Error opening configuration file %s: rc = %d\n", path, errno);
     return LDAP_LOCAL_ERROR;
   }
-  unsigned long expiry = ttl == 0 ? 0 : (unsigned long)time(nullptr) + ttl;
+  // The reader takes expiry times up to 0xffffffff: a longer time to live
+  // is cut to that, not wrapped into the past.
+  const unsigned long now = (unsigned long)time(nullptr);
+  unsigned long expiry = ttl == 0 ? 0 : ttl > kMaxExpiry - now ? kMaxExpiry : now + ttl;
   fprintf(f,
           "# LDAP configuration file.\n# The following line hold the files expiration time, which is\n"
           "# a UNIX time_t value (time in seconds since January 1, 1970\n"
@@ -300,14 +328,13 @@ int ldap_server_cache_save(const char *filename, unsigned long ttl, LDAPServerIn
   fputs("# where:\n#\tservice = service_key[.enetwork_domain]\n", f);
   fputs("# Only service, domain and host are required\n", f);
   for (LDAPServerInfo *s = list; s != nullptr; s = s->next) {
-    // A record without its three words could not be read back.
-    if (s->service == nullptr || s->domain == nullptr || s->host == nullptr) continue;
-    fprintf(f, "%s %s %s %d %d %d %d %d", s->service, s->domain, s->host, s->priority, s->weight, s->port, s->replica,
-            s->sec_flag);
-    write_quoted(f, s->suffix);
-    write_quoted(f, s->vendor);
-    write_quoted(f, s->info);
-    fputc('\n', f);
+    // What the reader would refuse, and so fail the whole file with, is left out.
+    std::string line;
+    if (server_line(s, &line))
+      fputs(line.c_str(), f);
+    else
+      LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: server %s cannot be saved in the configuration file\n",
+               s->host != nullptr ? s->host : "NULL");
   }
   if (fclose(f) != 0) return LDAP_LOCAL_ERROR;
   return 0;

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -112,6 +113,50 @@ TEST(ServerInfoFile, SavedListReadsBackTheSame) {
   write_file(dir.file("file"), "");
   EXPECT_EQ(ldap_server_cache_save(dir.file("file/x/y").c_str(), 0, list), LDAP_LOCAL_ERROR);
   ldap_server_free_list(list);
+}
+
+TEST(ServerInfoFile, WhatIsSavedReadsBack) {
+  // Each row saves a good server and one changed by `spoil`; the file must
+  // read back, holding the good one and the other only when `kept`.
+  struct Case {
+    const char *name;
+    void (*spoil)(LDAPServerInfo *);
+    unsigned long ttl;
+    bool kept;
+  };
+  const Case cases[] = {
+      {"plain", [](LDAPServerInfo *) {}, 3600, true},
+      {"time to live 3e9", [](LDAPServerInfo *) {}, 3000000000ul, true},
+      {"time to live ULONG_MAX", [](LDAPServerInfo *) {}, ULONG_MAX, true},
+      {"newline in vendor", [](LDAPServerInfo *s) { s->vendor = strdup("line1\nline2"); }, 0, false},
+      {"carriage return in info", [](LDAPServerInfo *s) { s->info = strdup("a\rb"); }, 0, true},
+      {"newline in suffix", [](LDAPServerInfo *s) { s->suffix = strdup("o=a\n0"); }, 0, false},
+      {"blank in host", [](LDAPServerInfo *s) { s->host[1] = ' '; }, 0, false},
+      {"empty host", [](LDAPServerInfo *s) { s->host[0] = '\0'; }, 0, false},
+      {"service like a comment", [](LDAPServerInfo *s) { s->service[0] = '#'; }, 0, false},
+      {"negative replica", [](LDAPServerInfo *s) { s->replica = -1; }, 0, false},
+      {"line of 1023", [](LDAPServerInfo *s) { s->info = strdup(std::string(980, 'i').c_str()); }, 0, true},
+      {"line of 1024", [](LDAPServerInfo *s) { s->info = strdup(std::string(981, 'i').c_str()); }, 0, false},
+      {"escapes make it long", [](LDAPServerInfo *s) { s->info = strdup(std::string(500, '"').c_str()); }, 0, false},
+  };
+  TempDir dir;
+  const std::string path = dir.file("info.conf");
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    LDAPServerInfo *good = server("good", 1, 2, "o=x");
+    LDAPServerInfo *odd = server("odd.example", 3, 4);
+    c.spoil(odd);
+    LDAPServerInfo *list = ldap_server_info_dup(good);
+    ldap_dns_append(&list, odd);
+    if (c.kept) ldap_dns_append(&good, ldap_server_info_dup(odd));
+    ASSERT_EQ(ldap_server_cache_save(path.c_str(), c.ttl, list), 0);
+    LDAPServerInfo *back = nullptr;
+    EXPECT_EQ(ldap_conf_read_servers(path.c_str(), &back), 0) << read_file(path);
+    EXPECT_EQ(render(back), render(good));
+    ldap_server_free_list(back);
+    ldap_server_free_list(good);
+    ldap_server_free_list(list);
+  }
 }
 
 TEST(ServerSelection, SuffixFitsTheFilterOrLiesBelowIt) {
