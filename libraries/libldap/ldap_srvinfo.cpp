@@ -1,7 +1,10 @@
 // Server records: the server information file (reading and writing), the
 // DN-suffix filter, and the order in which located servers are offered.
+#include <fcntl.h>
 #include <strings.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -306,38 +309,65 @@ int ldap_server_cache_save(const char *filename, unsigned long ttl, LDAPServerIn
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_server_cache_save(%s, %lu, %p)\n", filename ? filename : "NULL", ttl, (void *)list);
   const char *path = filename != nullptr ? filename : LDAP_SERVER_INFO_FILE;
   if (make_parent_dirs(path) != 0) return LDAP_LOCAL_ERROR;
-  FILE *f = fopen(path, "w");
-  if (f == nullptr) {
-    LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: Error opening configuration file %s: rc = %d\n", path, errno);
-    return LDAP_LOCAL_ERROR;
-  }
   // The reader takes expiry times up to 0xffffffff: a longer time to live
   // is cut to that, not wrapped into the past.
   const unsigned long now = (unsigned long)time(nullptr);
-  unsigned long expiry = ttl == 0 ? 0 : ttl > kMaxExpiry - now ? kMaxExpiry : now + ttl;
-  fprintf(f,
-          "# LDAP configuration file.\n# The following line hold the files expiration time, which is\n"
-          "# a UNIX time_t value (time in seconds since January 1, 1970\n"
-          "# UTC). A value of 0 indicates that the file will not expire.\n%lu\n",
-          expiry);
-  fputs(
+  const unsigned long expiry = ttl == 0 ? 0 : ttl > kMaxExpiry - now ? kMaxExpiry : now + ttl;
+  std::string text =
+      "# LDAP configuration file.\n# The following line hold the files expiration time, which is\n"
+      "# a UNIX time_t value (time in seconds since January 1, 1970\n"
+      "# UTC). A value of 0 indicates that the file will not expire.\n" +
+      std::to_string(expiry) +
+      "\n"
       "# Each of the following lines in this file represents a known\n"
       "# LDAP server. The lines have the following format:\n"
-      "#\tservice domain host priority weight port replica sec_flag \"suffix\" \"vendor\" \"info\"\n",
-      f);
-  fputs("# where:\n#\tservice = service_key[.enetwork_domain]\n", f);
-  fputs("# Only service, domain and host are required\n", f);
+      "#\tservice domain host priority weight port replica sec_flag \"suffix\" \"vendor\" \"info\"\n"
+      "# where:\n#\tservice = service_key[.enetwork_domain]\n"
+      "# Only service, domain and host are required\n";
   for (LDAPServerInfo *s = list; s != nullptr; s = s->next) {
     // What the reader would refuse, and so fail the whole file with, is left out.
     std::string line;
     if (server_line(s, &line))
-      fputs(line.c_str(), f);
+      text += line;
     else
       LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: server %s cannot be saved in the configuration file\n",
                s->host != nullptr ? s->host : "NULL");
   }
-  if (fclose(f) != 0) return LDAP_LOCAL_ERROR;
-  return 0;
+  // Savers take turns on a lock file beside the target; each writes a
+  // temporary file in the same directory and renames it over the target, so
+  // a reader sees the old file or the new one, and a failed save leaves the
+  // old one whole.
+  const std::string target(path), lock_path = target + ".lock";
+  std::string temp = target + ".XXXXXX";
+  const int lock = open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (lock < 0 || flock(lock, LOCK_EX) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: Error opening configuration file %s: rc = %d\n", lock_path.c_str(), errno);
+    if (lock >= 0) close(lock);
+    return LDAP_LOCAL_ERROR;
+  }
+  int rc = 0;
+  const int fd = mkostemp(&temp[0], O_CLOEXEC);
+  if (fd < 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: Error opening configuration file %s: rc = %d\n", temp.c_str(), errno);
+    close(lock);
+    return LDAP_LOCAL_ERROR;
+  }
+  if (fchmod(fd, 0644) != 0) rc = errno;
+  for (size_t done = 0; rc == 0 && done < text.size();) {
+    const ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno != EINTR) rc = errno;
+    if (n == 0) rc = EIO;
+    if (n > 0) done += (size_t)n;
+  }
+  if (rc == 0 && fsync(fd) != 0) rc = errno;
+  if (close(fd) != 0 && rc == 0) rc = errno;
+  if (rc == 0 && rename(temp.c_str(), path) != 0) rc = errno;
+  if (rc != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: Error writing configuration file %s: rc = %d\n", path, rc);
+    unlink(temp.c_str());
+  }
+  close(lock);
+  return rc == 0 ? 0 : LDAP_LOCAL_ERROR;
 }
 
 int ldap_dns_suffix_fits(const char *suffix, const char *filter) {

@@ -28,12 +28,29 @@ std::string render(const LDAPServerInfo *s) {
   return out;
 }
 
-// Files in memory, named through /proc so the reader and writer open them by
-// path: nothing is left behind on disk.
+// The input as a file in memory, named through /proc so the reader opens it
+// by path.
 std::string scratch(const char *name) {
   int fd = memfd_create(name, 0);
   check(fd >= 0);
   return "/proc/self/fd/" + std::to_string(fd);
+}
+
+// The saved file needs a directory (it is renamed into place beside its
+// lock file); it and the directory go at exit.
+std::string save_dir;
+
+void remove_save_dir() {
+  for (const char *name : {"/out", "/out.lock"}) unlink((save_dir + name).c_str());
+  rmdir(save_dir.c_str());
+}
+
+std::string save_path() {
+  char dir[] = "/tmp/srvinfo_fuzz.XXXXXX";
+  check(mkdtemp(dir) != nullptr);
+  save_dir = dir;
+  atexit(remove_save_dir);
+  return save_dir + "/out";
 }
 
 // Whether a line of the input is long enough that, written back with every
@@ -52,7 +69,7 @@ bool may_grow_too_long(const std::string &text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // A C string's view of the input: the reader's lines end at a NUL.
   std::string text(reinterpret_cast<const char *>(data), strnlen(reinterpret_cast<const char *>(data), size));
-  static const std::string in = scratch("in"), out = scratch("out");
+  static const std::string in = scratch("in"), out = save_path();
   FILE *f = fopen(in.c_str(), "w");
   fwrite(text.data(), 1, text.size(), f);
   fclose(f);

@@ -2,11 +2,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ldap-dns.h"
@@ -157,6 +159,45 @@ TEST(ServerInfoFile, WhatIsSavedReadsBack) {
     ldap_server_free_list(good);
     ldap_server_free_list(list);
   }
+}
+
+TEST(ServerInfoFile, SavesReplaceTheFileWholeOrNotAtAll) {
+  TempDir dir;
+  LDAPServerInfo *a = server("a", 1, 1), *b = server("b", 2, 2);
+  ldap_dns_append(&b, server("b2", 3, 3));
+  // The temporary name (the target's and 7 more) is too long to create.
+  const std::string target = dir.file(std::string(250, 'f'));
+  const std::string before = "0\nldap example a 1 1\n";
+  write_file(target, before);
+  EXPECT_EQ(ldap_server_cache_save(target.c_str(), 0, b), LDAP_LOCAL_ERROR);
+  EXPECT_EQ(read_file(target), before);
+  // Two savers and a reader at once: the reader sees one list or the other.
+  const std::string path = dir.file("shared.conf");
+  ASSERT_EQ(ldap_server_cache_save(path.c_str(), 0, a), 0);
+  const std::string ra = render(a), rb = render(b);
+  std::atomic<int> failures{0};
+  std::thread savers[] = {std::thread([&] {
+                            for (int i = 0; i < 300; ++i) failures += ldap_server_cache_save(path.c_str(), 0, a) != 0;
+                          }),
+                          std::thread([&] {
+                            for (int i = 0; i < 300; ++i) failures += ldap_server_cache_save(path.c_str(), 0, b) != 0;
+                          })};
+  int torn = 0;
+  for (int i = 0; i < 300; ++i) {
+    LDAPServerInfo *back = nullptr;
+    const int rc = ldap_conf_read_servers(path.c_str(), &back);
+    const std::string got = render(back);
+    torn += rc != 0 || (got != ra && got != rb);
+    ldap_server_free_list(back);
+  }
+  for (std::thread &t : savers) t.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(torn, 0);
+  LDAPServerInfo *last = nullptr;
+  EXPECT_EQ(ldap_conf_read_servers(path.c_str(), &last), 0);
+  ldap_server_free_list(last);
+  ldap_server_free_list(b);
+  ldap_server_free_list(a);
 }
 
 TEST(ServerSelection, SuffixFitsTheFilterOrLiesBelowIt) {
