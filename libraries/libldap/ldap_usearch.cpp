@@ -18,6 +18,7 @@
 namespace {
 
 constexpr int kSearchRequest = 99;
+constexpr int kRetiredTurns = 64;
 constexpr int kSearchDone = 101;
 
 const char *or_null(const char *s) { return s != nullptr ? s : "<NULL>"; }
@@ -92,8 +93,9 @@ int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
   int rc = 0;
   LDAPConn *srv = nullptr;
   // A connection retired at its re-bind (in use by an older identity) is
-  // replaced by a new one, which is never retired: at most two turns.
-  for (int turn = 0; turn < 2; ++turn) {
+  // replaced by another.  A new one is retired only when the session binds
+  // again meanwhile, so a few turns are enough.
+  for (int turn = 0; turn < kRetiredTurns; ++turn) {
     if (t.srv != nullptr) {
       ldap_conn_release(ld, t.srv, 1);
       t.srv = nullptr;
@@ -114,7 +116,8 @@ int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
   std::unique_ptr<BerElement, void (*)(BerElement *)> first(ber, fber_free);
   const bool other = srv != def;
   if (other) {
-    if (rc == LDAP_SERVER_DOWN || rc == LDAP_NO_MEMORY || rc == LDAP_CONN_RETIRED) return t.fail(rc);
+    if (rc == LDAP_CONN_RETIRED) return t.fail(LDAP_BUSY);
+    if (rc == LDAP_SERVER_DOWN || rc == LDAP_NO_MEMORY) return t.fail(rc);
     if (rc != 0) LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search_direct: Bind failed with error = %d. Ignoring.\n", rc);
     if ((t.second = ldap_alloc_ber_with_options(ld, 0)) == nullptr || (t.srv_req = ldap_msg_new(srv)) == nullptr ||
         (t.def_req = ldap_msg_new(def)) == nullptr)
