@@ -152,6 +152,11 @@ TAV_INTERNAL LDAPMessage *chase_v3_referrals(LDAP *ld, char **urls, LDAPMessage 
 // The first URL's connection that can be had, held for the caller
 // (ldap_conn_release).
 TAV_INTERNAL LDAPConn *get_referral_connection(LDAP *ld, char **urls, LDAPURLDesc **lud, int *error);
+// Whether a server-supplied URL may be followed: never to a local socket
+// (LDAP_PARAM_ERROR), and an ldaps URL (*secure 1) only with SSL set up, the
+// session then holding the SSL environment (LDAP_SSL_NOT_AVAILABLE).  0 when
+// it may; failures are traced under `who`.
+TAV_INTERNAL int ldap_url_server_allowed(LDAP *ld, const LDAPURLDesc *lud, int *secure, const char *who);
 TAV_INTERNAL int send_referral_bind_request(LDAP *ld, ldap_msg_table *table);
 // send_referral_bind_request the first time a connection is used for
 // referrals and after the session's identity has changed; later calls find it

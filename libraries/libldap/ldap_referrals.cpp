@@ -107,23 +107,13 @@ LDAPConn *referral_connection(LDAP *ld, char **urls, LDAPURLDesc **lud, int *err
       }
       continue;
     }
-    // A server names hosts, never files here: a host that decodes to a path
-    // would be a local socket of this machine.
-    if (parsed->lud_host != nullptr && parsed->lud_host[0] == '/') {
-      LDAP_LOG(LDAP_LOG_ERROR, "get_referral_connection: %s names a local socket: not followed\n", urls[i]);
-      ldap_free_urldesc(parsed);
-      continue;
-    }
-    // An ldaps URL keeps its scheme: over SSL or not at all.
-    const bool secure = parsed->lud_scheme != nullptr && strcasecmp(parsed->lud_scheme, "ldaps") == 0;
-    if (secure && ldap_ssl_hold_env(ld) != 0) {
-      LDAP_LOG(LDAP_LOG_ERROR, "get_referral_connection: %s needs SSL, which is not initialised: not followed\n",
-               urls[i]);
+    int secure = 0;
+    if (ldap_url_server_allowed(ld, parsed, &secure, "get_referral_connection") != 0) {
       ldap_free_urldesc(parsed);
       continue;
     }
     int rc = 0;
-    LDAPConn *conn = ldap_get_connection_for_url(ld, parsed->lud_host, parsed->lud_port, secure ? 1 : 0, &rc, 0);
+    LDAPConn *conn = ldap_get_connection_for_url(ld, parsed->lud_host, parsed->lud_port, secure, &rc, 0);
     if (conn != nullptr) {
       if (down != nullptr) {
         if (down->size() <= i) down->resize(i + 1, false);
@@ -157,6 +147,22 @@ LDAPConn *referral_connection(LDAP *ld, char **urls, LDAPURLDesc **lud, int *err
 }  // namespace
 
 extern "C" {
+
+int ldap_url_server_allowed(LDAP *ld, const LDAPURLDesc *lud, int *secure, const char *who) {
+  // A server names hosts, never files here: a host that decodes to a path
+  // would be a local socket of this machine.
+  if (lud->lud_host != nullptr && lud->lud_host[0] == '/') {
+    LDAP_LOG(LDAP_LOG_ERROR, "%s: %s names a local socket: not followed\n", who, lud->lud_host);
+    return LDAP_PARAM_ERROR;
+  }
+  // An ldaps URL keeps its scheme: over SSL or not at all.
+  *secure = lud->lud_scheme != nullptr && strcasecmp(lud->lud_scheme, "ldaps") == 0 ? 1 : 0;
+  if (*secure == 1 && ldap_ssl_hold_env(ld) != 0) {
+    LDAP_LOG(LDAP_LOG_ERROR, "%s: an ldaps URL needs SSL, which is not initialised: not followed\n", who);
+    return LDAP_SSL_NOT_AVAILABLE;
+  }
+  return 0;
+}
 
 int ldap_request_to_response_tag(int tag) {
   switch (tag) {

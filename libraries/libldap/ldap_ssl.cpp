@@ -272,10 +272,9 @@ int check_pkcs11(bool client, const char *kdb, LDAP_PKCS11_PARMS *p) {
 // The handshake's budget is kept on the monotonic clock: a step of the
 // wall clock neither stretches nor cuts it.
 void monotonic_now(struct timeval *out) {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  out->tv_sec = now.tv_sec;
-  out->tv_usec = now.tv_nsec / 1000;
+  const int64_t now = ldap_monotonic_ns();
+  out->tv_sec = (time_t)(now / 1000000000);
+  out->tv_usec = (suseconds_t)(now % 1000000000 / 1000);
 }
 
 // now - then, normalised; false when now is earlier.

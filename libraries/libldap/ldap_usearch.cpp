@@ -79,18 +79,11 @@ int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_url_search_direct: NULL default server or table \n");
     return t.fail(LDAP_PARAM_ERROR);
   }
-  // A URL's host is a server's name, never a path: URLs to search often come
-  // from servers (references), and a path would open a local socket.
-  if (t.lud->lud_host != nullptr && t.lud->lud_host[0] == '/') {
-    LDAP_LOG(LDAP_LOG_ERROR, "ldap_url_search_direct: the URL names a local socket\n");
-    return t.fail(LDAP_PARAM_ERROR);
-  }
-  const bool secure = t.lud->lud_scheme != nullptr && strcasecmp(t.lud->lud_scheme, "ldaps") == 0;
-  if (secure && ldap_ssl_hold_env(ld) != 0) {
-    LDAP_LOG(LDAP_LOG_ERROR, "ldap_url_search_direct: an ldaps URL needs SSL, which is not initialised\n");
-    return t.fail(LDAP_SSL_NOT_AVAILABLE);
-  }
-  int rc = 0;
+  // URLs to search often come from servers (references): they get the
+  // referrals' rules.
+  int secure = 0;
+  int rc = ldap_url_server_allowed(ld, t.lud, &secure, "ldap_url_search_direct");
+  if (rc != 0) return t.fail(rc);
   LDAPConn *srv = nullptr;
   // A connection retired at its re-bind (in use by an older identity) is
   // replaced by another.  A new one is retired only when the session binds
@@ -100,7 +93,7 @@ int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
       ldap_conn_release(ld, t.srv, 1);
       t.srv = nullptr;
     }
-    srv = ldap_get_connection_for_url(ld, t.lud->lud_host, t.lud->lud_port, secure ? 1 : 0, &rc, 1);
+    srv = ldap_get_connection_for_url(ld, t.lud->lud_host, t.lud->lud_port, secure, &rc, 1);
     t.srv = srv;
     if (srv == nullptr || srv->lc_msgtable == nullptr) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_url_search_direct: NULL server or table\n");
