@@ -16,7 +16,7 @@ void check(bool ok) {
 }
 
 ldap_cs_converter **converters() {
-  static const char *kNames[] = {"ISO88591", "1252", "037", "1047", "943", "EUCJP", "939", "GB18030", "UTF8", "OS"};
+  static const char *kNames[] = {"ISO88591", "1255", "037", "1047", "943", "EUCJP", "939", "GB18030", "UTF8", "OS"};
   static ldap_cs_converter *cvs[10];
   static bool opened = false;
   if (!opened) {

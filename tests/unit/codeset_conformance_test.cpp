@@ -16,14 +16,30 @@ namespace {
 
 struct Table {
   const char *name, *glibc;
-  int kind;
+  int kind, longest;  // longest: bytes of the longest code, shifts left out
   unsigned char subst;
 };
+// CP1255 is read a byte at a time: glibc reads a Hebrew letter and its point
+// as one presentation form, a table reads each code alone.
 const Table kTables[] = {
-    {"ISO88591", "ISO-8859-1", 1, '?'}, {"ISO885915", "ISO-8859-15", 1, '?'}, {"1252", "CP1252", 1, '?'},
-    {"850", "IBM850", 1, '?'},          {"037", "IBM037", 8, 0x6F},           {"1047", "IBM1047", 8, 0x6F},
-    {"943", "CP932", 2, '?'},           {"EUCJP", "EUC-JP", 3, '?'},          {"939", "IBM939", 4, 0x6F},
-    {"GB18030", "GB18030", 10, '?'},
+    {"ISO88591", "ISO-8859-1", 1, 1, '?'}, {"ISO88592", "ISO-8859-2", 1, 1, '?'},
+    {"ISO88595", "ISO-8859-5", 1, 1, '?'}, {"ISO88596", "ISO-8859-6", 1, 1, '?'},
+    {"ISO88597", "ISO-8859-7", 1, 1, '?'}, {"ISO88598", "ISO-8859-8", 1, 1, '?'},
+    {"ISO88599", "ISO-8859-9", 1, 1, '?'}, {"ISO885915", "ISO-8859-15", 1, 1, '?'},
+    {"437", "IBM437", 1, 1, '?'},          {"850", "IBM850", 1, 1, '?'},
+    {"852", "IBM852", 1, 1, '?'},          {"857", "IBM857", 1, 1, '?'},
+    {"862", "IBM862", 1, 1, '?'},          {"866", "IBM866", 1, 1, '?'},
+    {"869", "IBM869", 1, 1, '?'},          {"TIS620", "TIS-620", 1, 1, '?'},
+    {"1250", "CP1250", 1, 1, '?'},         {"1251", "CP1251", 1, 1, '?'},
+    {"1252", "CP1252", 1, 1, '?'},         {"1253", "CP1253", 1, 1, '?'},
+    {"1254", "CP1254", 1, 1, '?'},         {"1256", "CP1256", 1, 1, '?'},
+    {"037", "IBM037", 8, 1, 0x6F},         {"1047", "IBM1047", 8, 1, 0x6F},
+    {"1255", "CP1255", 2, 1, '?'},         {"943", "CP932", 2, 2, '?'},
+    {"SJIS", "SJIS", 2, 2, '?'},           {"GBK", "GBK", 2, 2, '?'},
+    {"BIG5", "BIG5", 2, 2, '?'},           {"949", "CP949", 2, 2, '?'},
+    {"EUCJP", "EUC-JP", 3, 3, '?'},        {"EUCKR", "EUC-KR", 3, 2, '?'},
+    {"EUCCN", "EUC-CN", 3, 2, '?'},        {"939", "IBM939", 4, 2, 0x6F},
+    {"GB18030", "GB18030", 10, 4, '?'},
 };
 
 // glibc's answer for `in` in `to`, or nothing when it refuses it.
@@ -68,14 +84,14 @@ std::u16string utf16_of(uint32_t v) {
 std::vector<std::string> candidates(const Table &t) {
   std::vector<std::string> out;
   for (int a = 0; a < 256; ++a) out.push_back(std::string(1, static_cast<char>(a)));
-  if (t.kind == 1 || t.kind == 8) return out;
+  if (t.longest == 1) return out;
   const int first = t.kind == 4 ? 0x40 : 0x80;
   for (int a = first; a < 256; ++a)
     for (int b = 0; b < 256; ++b) {
       std::string s{static_cast<char>(a), static_cast<char>(b)};
       out.push_back(t.kind == 4 ? "\x0e" + s + "\x0f" : s);
     }
-  if (t.kind == 3)
+  if (t.longest == 3)
     for (int b = 0xA1; b < 0xFF; ++b)
       for (int c = 0xA1; c < 0xFF; ++c) out.push_back(std::string{'\x8f', static_cast<char>(b), static_cast<char>(c)});
   if (t.kind == 10)
@@ -129,7 +145,8 @@ TEST_P(Conformance, EveryCodeGlibcDefinesReadsAsGlibcReadsIt) {
       ldap_cs_to_utf8(cv_, text.data(), static_cast<long>(text.size()), whole.data(), static_cast<long>(whole.size())));
   EXPECT_TRUE(whole == text_utf8) << t.name;
   EXPECT_EQ(cv_->subst_count, 0);
-  EXPECT_GT(checked, t.kind == 1 || t.kind == 8 ? 200 : 7000);
+  EXPECT_GT(checked, t.longest == 1 ? 200 : 7000);
+  RecordProperty("compared", static_cast<int>(checked));
 }
 
 TEST_P(Conformance, EveryCharacterWritesAsGlibcWritesItOrAsTheCountedSubstitute) {
@@ -147,7 +164,9 @@ TEST_P(Conformance, EveryCharacterWritesAsGlibcWritesItOrAsTheCountedSubstitute)
     // glibc writes its SUB byte for some characters (the shift controls of a
     // stateful code set among them): they are unmappable here like any other.
     const std::string sub(1, t.kind == 4 || t.kind == 8 ? '\x3f' : '\x1a');
-    const bool known = glibc(cd, in, &ref) && (ref != sub || v == 0x1A);
+    // A kind 2 code holds two bytes: the two CP1255 forms glibc writes in
+    // three are unmappable.
+    const bool known = glibc(cd, in, &ref) && (ref != sub || v == 0x1A) && (t.kind != 2 || ref.size() <= 2);
     if (!known) ref = std::string(1, static_cast<char>(t.subst));
     std::u16string u = utf16_of(v);
     std::string s = utf8_of(v);
@@ -175,6 +194,7 @@ TEST_P(Conformance, EveryCharacterWritesAsGlibcWritesItOrAsTheCountedSubstitute)
   }
   EXPECT_GT(defined, 0);
   EXPECT_GT(substituted + defined, 60000);
+  RecordProperty("compared", static_cast<int>(substituted + defined));
 }
 
 INSTANTIATE_TEST_SUITE_P(Tables, Conformance, testing::ValuesIn(kTables),
