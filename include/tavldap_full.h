@@ -550,7 +550,8 @@ int ldap_set_locale(const char *locale);
 /* Sets the local code page ("ISO8859-1", "IBM-1047", ...; null: from the
  * environment and locale again); every converter is re-opened. */
 int ldap_set_iconv_local_codepage(const char *name);
-/* The same from a charset name (IANA spelling). */
+/* The same from a charset name (IANA spelling); 89 for a name it does not
+ * know, 161 for KRV864 and EUC-TW, which have no table (docs/codeset.md). */
 int ldap_set_iconv_local_charset(const char *charset);
 /* The converter's spelling of a code page name (ldap_memfree). */
 char *ldap_get_iconv_compliant_codepage(const char *name);

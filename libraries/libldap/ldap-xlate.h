@@ -53,6 +53,8 @@ TAV_INTERNAL int ldap_set_locale(const char *locale);
 TAV_INTERNAL int ldap_set_iconv_local_codepage(const char *name);
 TAV_INTERNAL char *ldap_get_iconv_compliant_codepage(const char *name);
 TAV_INTERNAL int ldap_set_iconv_local_charset(const char *charset);
+// The i-th name ldap_set_iconv_local_charset knows, null past the last.
+TAV_INTERNAL const char *ldap_charset_name(size_t i);
 TAV_INTERNAL char *ldap_get_default_locale_path(void);
 TAV_INTERNAL int ldap_set_locpath(void);
 TAV_INTERNAL char *ldap_get_local_codepage(void);

@@ -5,6 +5,7 @@
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "ldap-debug.h"
 #include "ldap-iconv.h"
@@ -25,6 +26,11 @@ void store_codepage(char *name) {
   ldap_xlate_note_codepage();
 }
 
+// The code page is the table ldap_cs_open reads.  A null one has no table
+// and is refused when set instead of failing every conversion after:
+// glibc's IBM864 reads 0x25 as U+066A, which no ASCII-based kind holds, and
+// EUC-TW needs more rows than the 256 KiB a table addresses
+// (docs/codeset.md, "Refused names").
 struct Charset {
   const char *charset, *codepage;
 };
@@ -42,7 +48,7 @@ const Charset kCharsets[] = {
     {"KRV852", "852"},
     {"KRV857", "857"},
     {"KRV862", "862"},
-    {"KRV864", "864"},
+    {"KRV864", nullptr},
     {"KRV866", "866"},
     {"KRV869", "869"},
     {"TIS-620", "TIS620"},
@@ -55,7 +61,7 @@ const Charset kCharsets[] = {
     {"EUC-JP", "EUCJP"},
     {"EUC-KR", "EUCKR"},
     {"EUC-CN", "EUCCN"},
-    {"EUC-TW", "EUCTW"},
+    {"EUC-TW", nullptr},
     {"Shift-JIS", "SJIS"},
     {"GBK", "GBK"},
     {"Big5", "BIG5"},
@@ -169,10 +175,16 @@ int ldap_set_iconv_local_charset(const char *charset) {
   if (charset == nullptr) return LDAP_PARAM_ERROR;
   LDAP_LOG(LDAP_LOG_XLATE, "ldap_set_iconv_local_charset : charset = %s\n", charset);
   if (ldap_xlate_globals.locale == nullptr) ldap_set_locale("");
-  for (const Charset &c : kCharsets)
-    if (strcmp(c.charset, charset) == 0) return ldap_set_iconv_local_codepage(c.codepage);
+  for (const Charset &c : kCharsets) {
+    if (strcmp(c.charset, charset) != 0) continue;
+    // 161 is the library's code for EINVAL, iconv_open's answer for a code set it lacks.
+    if (c.codepage == nullptr) return LDAP_XLATE_INPUT_TRUNCATED;
+    return ldap_set_iconv_local_codepage(c.codepage);
+  }
   return LDAP_PARAM_ERROR;
 }
+
+const char *ldap_charset_name(size_t i) { return i < std::size(kCharsets) ? kCharsets[i].charset : nullptr; }
 
 char *ldap_get_local_codepage(void) {
   return ldap_xlate_globals.codepage != nullptr ? olx_strdup(ldap_xlate_globals.codepage) : nullptr;
