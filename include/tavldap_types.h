@@ -204,6 +204,11 @@ typedef struct ldap LDAP;
  * gives a copy to free with ldap_memfree, or NULL. */
 #define LDAP_OPT_TIMEOUT 0x5002
 #define LDAP_OPT_NETWORK_TIMEOUT 0x5005
+/* LDAP_OPT_OFF (default) or LDAP_OPT_ON: a request on a session whose
+ * connection was lost opens a new one through the session's host list and
+ * repeats the session's last bind first.  Requests that were out when the
+ * connection died still fail with LDAP_SERVER_DOWN; none is sent again. */
+#define LDAP_OPT_RECONNECT 0x62
 #define LDAP_OPT_XLATE 0xe0
 /* Protocol-version-2 callers pass 0/1 options as the pointer value. */
 #define LDAP_OPT_ON ((void *)1)

@@ -36,6 +36,19 @@ struct ldapmsg {
 // ldap_msg_ber.  Most received messages are compact: a message holds its
 // bytes and little else.
 #define LDAP_MSG_COMPACT 0x10
+// lm_flags of a request: written whole to its connection (under the write
+// lock), so its answer can come only from that socket.
+#define LDAP_MSG_SENT 0x20
+// lm_flags: stands as the final response of a request that was out on a
+// connection lost and reopened since (LDAP_OPT_RECONNECT); every result
+// parser reads it as LDAP_SERVER_DOWN.  Its lm_ber is not to be read.
+#define LDAP_MSG_LOST 0x40
+// The code a stand-in final response gives (LDAP_MSG_UNDECODABLE,
+// LDAP_MSG_LOST), or 0 for a message the server sent.
+inline int ldap_msg_stand_in_code(const LDAPMessage *msg) {
+  if (msg->lm_flags & LDAP_MSG_UNDECODABLE) return LDAP_DECODING_ERROR;
+  return (msg->lm_flags & LDAP_MSG_LOST) ? LDAP_SERVER_DOWN : 0;
+}
 
 // Bytes the readers report when a socket has nothing more for now.
 #define LDAP_WOULD_BLOCK 11
@@ -131,6 +144,29 @@ TAV_INTERNAL void flush_queue(ldap_msg_table *table);
 // read made outside ldap_msg_table_get_message, which wakes them itself).
 TAV_INTERNAL void ldap_msg_table_wake_all(ldap_msg_table *table);
 TAV_INTERNAL int put_msg_in_table(ldap_msg_table *table, LDAPMessage *msg);
+// Under the connection's read lock: the whole elements left in a lost
+// connection's read-ahead go to their rows before the socket is let go.
+TAV_INTERNAL void ldap_conn_drain_read_ahead(LDAP *ld, LDAPConn *conn);
+// Every request written to the table's (lost) connection and not answered
+// gets 81 as its final response, and its waiter is woken: it is never sent
+// again on the connection that replaces it.
+TAV_INTERNAL void ldap_msg_table_fail_sent(ldap_msg_table *table);
+
+// Reconnection (LDAP_OPT_RECONNECT).
+// Before a request is written to the default connection: reopens it when it
+// was lost, or waits while another thread does.  0 or the code to fail with.
+TAV_INTERNAL int ldap_reconnect_gate(LDAP *ld, LDAPConn *conn, const LDAPMessage *request);
+// Whether ldap_reconnect_gate applies to this request on this connection.
+TAV_INTERNAL bool ldap_reconnect_applies(LDAP *ld, LDAPConn *conn, const LDAPMessage *request);
+// Under the write lock of a connected connection: whether the server has
+// closed it (end of stream or an error waiting on the socket).
+TAV_INTERNAL bool ldap_peer_gone(LDAPConn *conn);
+// The bind a reopened default connection repeats: LDAP_AUTH_SIMPLE (DN and
+// password) or LDAP_AUTH_SASL (DN; mechanism and credentials as recorded by
+// ldap_save_bind_info).  Without memory for the copy, nothing is repeated
+// and reconnection is refused rather than coming back as someone else.
+TAV_INTERNAL void ldap_record_replay_bind(LDAP *ld, int method, const char *dn, const char *password);
+TAV_INTERNAL void ldap_forget_replay_bind(LDAP *ld);
 
 // Result retrieval.
 TAV_INTERNAL int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result);

@@ -162,6 +162,19 @@ struct ldapconn {
   // requests were out on it: a bind now would make the server drop them, so
   // it is found no more and goes once unused, like a failed one.
   int lc_retired;  // ld_conn_mutex
+  // The session's default connection, reopened in place after it was lost
+  // (LDAP_OPT_RECONNECT): one thread at a time reopens and re-binds it;
+  // threads that come meanwhile wait on lc_reconnect_cond for that attempt
+  // and share its outcome (waiting in line for attempts of their own, one
+  // could be passed over for a whole outage).  lc_reconnect_mutex guards the
+  // attempt's bookkeeping only, never the attempt.
+  pthread_mutex_t lc_reconnect_mutex;
+  pthread_cond_t lc_reconnect_cond;  // CLOCK_MONOTONIC
+  // Kernel thread id of the thread reopening the connection, 0 when no
+  // attempt is under way (written under lc_reconnect_mutex, read atomically
+  // at the gate): its own re-bind passes the gate the others wait at.
+  int32_t lc_reconnector;
+  uint32_t lc_reconnect_tries;  // lc_reconnect_mutex: attempts so far
 };
 
 // The session handle.  A handle is live while ld_eyecatcher holds "LDAP HDL".
@@ -212,6 +225,15 @@ struct ldap {
   int ld_op_timeout_on;
   struct timeval ld_net_timeout;
   int ld_net_timeout_on;
+  // LDAP_OPT_RECONNECT: a request on a lost default connection reopens it.
+  int ld_reconnect;
+  // The last bind sent on the default connection, repeated on a reopened one
+  // (ld_mutex): LDAP_AUTH_SIMPLE with DN and password, LDAP_AUTH_SASL with
+  // DN (the mechanism and credentials are ld_bind_mech and ld_bind_cred), or
+  // 0 for none.
+  int ld_replay_method;
+  char *ld_replay_dn;
+  char *ld_replay_pw;
 };
 
 #define LDAP_EYECATCHER "LDAP HDL"

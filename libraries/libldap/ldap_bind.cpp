@@ -106,6 +106,8 @@ int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPCo
     ldap_set_errno_direct(ld, LDAP_ENCODING_ERROR, nullptr, nullptr);
     return LDAP_ENCODING_ERROR;
   }
+  // What a reopened default connection repeats (LDAP_OPT_RECONNECT).
+  if (conn == ld->ld_defconn) ldap_record_replay_bind(ld, LDAP_AUTH_SIMPLE, dn, passwd);
   return send_bind(ld, conn, msgidp, "ldap_simple_bind_direct", false, [&](BerElement *ber, int id, int version) {
     if (fber_printf(ber, "{it{ists}", id, (ber_tag_t)kBindRequest, version, dn ? dn : "", (ber_tag_t)LDAP_AUTH_SIMPLE,
                     passwd ? passwd : "") != 0)
@@ -376,14 +378,18 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct 
   if (mech == nullptr || *mech == '\0') {
     rc = ldap_sasl_bind_direct(ld, dn, "", cred, sctrls, &id, nullptr);
   } else {
+    // What a reopened default connection repeats (LDAP_OPT_RECONNECT).
+    const bool on_default = get_default_connection(ld) == ld->ld_defconn;
     if (is_external(mech)) {
       if (dn != nullptr || has_credentials(cred)) {
         ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
         return LDAP_PARAM_ERROR;
       }
       ldap_save_bind_info(ld, kSaslMethod, "EXTERNAL", sctrls, cctrls, nullptr);
+      if (on_default) ldap_record_replay_bind(ld, LDAP_AUTH_SASL, nullptr, nullptr);
     } else {
       ldap_save_bind_info(ld, kSaslMethod, mech, sctrls, cctrls, cred);
+      if (on_default) ldap_record_replay_bind(ld, LDAP_AUTH_SASL, dn, nullptr);
       if (!async) {
         rc = ldap_sasl_bind_call_plugin(ld, dn, mech, cred, sctrls, cctrls, servercredp, xlate, 0, &id);
         if (rc != LDAP_UNAVAILABLE_CRITICAL_EXTENSION && rc != LDAP_PLUGIN_CONF_NOT_OPENED) {

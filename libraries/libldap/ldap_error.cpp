@@ -389,8 +389,8 @@ int ldap_parse_result_direct(LDAP *, LDAPMessage *res, int *errcodep, char **mat
   if (msg == nullptr) {
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_result: NULLMSG passed\n");
     rc = 1;
-  } else if (msg->lm_flags & LDAP_MSG_UNDECODABLE) {
-    rc = LDAP_DECODING_ERROR;
+  } else if (const int stand_in = ldap_msg_stand_in_code(msg); stand_in != 0) {
+    rc = stand_in;
   } else {
     BerCopy copy(msg);
     const char *op_end = nullptr;
@@ -444,8 +444,8 @@ int ldap_result2error_direct(LDAP *ld, LDAPMessage *res, int freeit) {
   if (last == nullptr || not_a_result(last)) {
     code = LDAP_PARAM_ERROR;
     ldap_set_errno_direct(ld, code, nullptr, nullptr);
-  } else if (last->lm_flags & LDAP_MSG_UNDECODABLE) {
-    code = LDAP_DECODING_ERROR;
+  } else if (const int stand_in = ldap_msg_stand_in_code(last); stand_in != 0) {
+    code = stand_in;
     ldap_set_errno_direct(ld, code, nullptr, nullptr);
   } else {
     BerCopy copy(last);
@@ -487,8 +487,8 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
   }
   int code = 0, rc = LDAP_SUCCESS;
   char *matched = nullptr, *text = nullptr;
-  if (res->lm_flags & LDAP_MSG_UNDECODABLE) {
-    rc = LDAP_DECODING_ERROR;
+  if (const int stand_in = ldap_msg_stand_in_code(res); stand_in != 0) {
+    rc = stand_in;
   } else {
     BerCopy copy(res);
     const char *op_end = nullptr;
@@ -549,8 +549,9 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
   int code = 0, rc = LDAP_SUCCESS;
   char *matched = nullptr, *text = nullptr;
   const char *op_end = nullptr;
-  if ((res->lm_flags & LDAP_MSG_UNDECODABLE) || !enter_op(ber, &op_end) ||
-      read_head(ber, &code, &matched, &text) != 0) {
+  if (ldap_msg_stand_in_code(res) != 0) {
+    rc = ldap_msg_stand_in_code(res);
+  } else if (!enter_op(ber, &op_end) || read_head(ber, &code, &matched, &text) != 0) {
     rc = LDAP_DECODING_ERROR;
   } else if (code != 0) {
     rc = code;

@@ -50,6 +50,8 @@ void ldap_lc_free(LDAPConn *lc) {
   pthread_mutex_destroy(&lc->lc_read_mutex);
   pthread_mutex_destroy(&lc->lc_write_mutex);
   pthread_mutex_destroy(&lc->lc_bind_ctrls_mutex);
+  pthread_mutex_destroy(&lc->lc_reconnect_mutex);
+  pthread_cond_destroy(&lc->lc_reconnect_cond);
   memset(lc, 0, sizeof *lc);
   free(lc);
 }
@@ -71,6 +73,7 @@ void ldap_ld_free(LDAP *ld) {
   ld->ld_servers = ld->ld_defconn = nullptr;
 
   free(ld->ld_bind_mech);
+  ldap_forget_replay_bind(ld);
   if (ld->ld_bind_cred != nullptr) {
     free(ld->ld_bind_cred->bv_val);
     free(ld->ld_bind_cred);

@@ -167,9 +167,25 @@ LDAPConn *ldap_lc_init(const char *host, int port, int table_size) {
     made = 2;
     rc = pthread_mutex_init(&lc->lc_bind_ctrls_mutex, nullptr);
   }
+  if (rc == 0) {
+    made = 3;
+    rc = pthread_mutex_init(&lc->lc_reconnect_mutex, nullptr);
+  }
+  if (rc == 0) {
+    made = 4;
+    pthread_condattr_t monotonic;
+    rc = pthread_condattr_init(&monotonic);
+    if (rc == 0) {
+      rc = pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
+      if (rc == 0) rc = pthread_cond_init(&lc->lc_reconnect_cond, &monotonic);
+      pthread_condattr_destroy(&monotonic);
+    }
+  }
   if (rc != 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_lc_init: failed to initialize mutex rc = %d - File %s line %d\n", rc, __FILE__,
              __LINE__);
+    if (made >= 4) pthread_mutex_destroy(&lc->lc_reconnect_mutex);
+    if (made >= 3) pthread_mutex_destroy(&lc->lc_bind_ctrls_mutex);
     if (made >= 2) pthread_mutex_destroy(&lc->lc_write_mutex);
     if (made >= 1) pthread_mutex_destroy(&lc->lc_read_mutex);
     ldap_msg_table_free(lc->lc_msgtable);

@@ -287,6 +287,12 @@ int ldap_set_option_direct(LDAP *ld, int option, const void *value) {
       else
         ld->ld_ssl_no_host_check = v == 1 ? 0 : 1;
       break;
+    case LDAP_OPT_RECONNECT:
+      if (v != 0 && v != 1)
+        rc = LDAP_PARAM_ERROR;
+      else
+        __atomic_store_n(&ld->ld_reconnect, v, __ATOMIC_RELAXED);
+      break;
     default:
       // Read-only options and unknown numbers alike.
       rc = LDAP_PARAM_ERROR;
@@ -355,6 +361,9 @@ int ldap_get_option_direct(LDAP *ld, int option, void *out) {
       break;
     case LDAP_OPT_SSL_CHECK_HOSTNAME:
       *iout = ld->ld_ssl_no_host_check == 1 ? 0 : 1;
+      break;
+    case LDAP_OPT_RECONNECT:
+      *iout = __atomic_load_n(&ld->ld_reconnect, __ATOMIC_RELAXED);
       break;
     case LDAP_OPT_TIMEOUT:
     case LDAP_OPT_NETWORK_TIMEOUT: {

@@ -477,6 +477,32 @@ int ldap_get_msg(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   return rc;
 }
 
+void ldap_conn_drain_read_ahead(LDAP *ld, LDAPConn *conn) {
+  LDAPMessage *msg = nullptr;
+  while (take_whole_element(ld, conn, &msg) > 0) received(conn->lc_msgtable, conn, msg);
+  flush_queue(conn->lc_msgtable);
+}
+
+void ldap_msg_table_fail_sent(ldap_msg_table *table) {
+  if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return;
+  for (uint32_t id = 1; id < table->size; ++id) {
+    ldap_msg_row *row = &table->rows[id];
+    if (row->request == nullptr || !(row->request->lm_flags & LDAP_MSG_SENT) || (row->flags & LDAP_ROW_COMPLETE))
+      continue;
+    const int final_type = final_type_for(row->request->lm_msgtype);
+    if (final_type == 0) continue;
+    LDAPMessage *marker = ldap_msg_new(table->conn);
+    if (marker == nullptr) break;  // the row's waiter then waits out its own time-out
+    marker->lm_msgid = (int32_t)id;
+    marker->lm_msgtype = final_type;
+    marker->lm_flags |= LDAP_MSG_LOST;
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_fail_sent: msgid=%d was out on the lost connection\n", (int)id);
+    store_in_row(table, row, marker);
+  }
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  ldap_msg_table_wake_all(table);
+}
+
 int ldap_msg_table_read_locked(LDAP *ld, ldap_msg_table *table, struct timeval *timeout) {
   LDAPConn *conn = table->conn;
   if (int rc = readable_connection(ld, conn); rc != 0) return rc;

@@ -814,8 +814,8 @@ int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct tim
   *out = msg;
   *err = 0;
   // A reply that could not be decoded is a decoding error for its request,
-  // never a referral to follow.
-  if (msg->lm_flags & LDAP_MSG_UNDECODABLE) return msg->lm_msgtype;
+  // and one standing for a lost connection is 81: never referrals to follow.
+  if (ldap_msg_stand_in_code(msg) != 0) return msg->lm_msgtype;
   // An IntermediateResponse carries no result and no reference.
   if (msg->lm_msgtype == LDAP_RES_INTERMEDIATE) return msg->lm_msgtype;
   // Read on a copy of the element's record: the message itself stays unread.

@@ -153,19 +153,38 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *request) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_write_msg entered: ld=%p, lm=%p\n", (void *)ld, (void *)request);
   if (request == nullptr || request->lm_conn == nullptr) return LDAP_PARAM_ERROR;
   LDAPConn *conn = request->lm_conn;
-  if (conn_closed(conn) == 1) {
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_write_msg: Socket connection was closed earlier\n");
-    ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-    return LDAP_SERVER_DOWN;
-  }
-  if (LDAP_MUTEX_LOCK(&conn->lc_write_mutex) != 0) {
-    ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-    return LDAP_LOCK_ERROR;
-  }
-  // Another writer may have failed (and closed the connection) while this one
-  // waited for the lock: a failed connection is never tried again.
-  if (conn_closed(conn) == 1) {
+  // With LDAP_OPT_RECONNECT a lost default connection is reopened first; a
+  // connection lost again meanwhile gets one more turn.
+  const bool may_reconnect = ldap_reconnect_applies(ld, conn, request);
+  for (int turn = 0;; ++turn) {
+    if (may_reconnect) {
+      const int grc = ldap_reconnect_gate(ld, conn, request);
+      if (grc != 0) {
+        ldap_set_errno_direct(ld, grc, nullptr, nullptr);
+        return grc;
+      }
+    }
+    if (conn_closed(conn) == 1) {
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_write_msg: Socket connection was closed earlier\n");
+      ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+      return LDAP_SERVER_DOWN;
+    }
+    if (LDAP_MUTEX_LOCK(&conn->lc_write_mutex) != 0) {
+      ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+      return LDAP_LOCK_ERROR;
+    }
+    // Another writer may have failed (and closed the connection) while this
+    // one waited for the lock: a failed connection is never tried again.
+    // A server that closed an idle connection (restarted, say) is noticed
+    // here when reconnection is on, before a request is lost to it.
+    bool lost = conn_closed(conn) == 1;
+    if (!lost && may_reconnect && conn_connected(conn) == 1 && ldap_peer_gone(conn)) {
+      set_conn_closed(conn);
+      lost = true;
+    }
+    if (!lost) break;
     LDAP_MUTEX_UNLOCK(&conn->lc_write_mutex);
+    if (may_reconnect && turn == 0) continue;
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_write_msg: Socket connection was closed earlier\n");
     ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
     return LDAP_SERVER_DOWN;
@@ -218,6 +237,7 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *request) {
       }
     }
   }
+  if (rc == 0) request->lm_flags |= LDAP_MSG_SENT;
   LDAP_MUTEX_UNLOCK(&conn->lc_write_mutex);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_write_msg: returning %d\n", rc);
   return rc;

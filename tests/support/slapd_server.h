@@ -54,6 +54,7 @@ class SlapdServer {
   void stop();
 
   int port() const { return port_; }
+  pid_t pid() const { return pid_; }  // to freeze (SIGSTOP) or kill the server mid-test
   std::string host_port() const { return "127.0.0.1:" + std::to_string(port_); }
   std::string url() const { return "ldap://" + host_port(); }
   std::string ldapi_path() const { return dir_ + "/ldapi"; }
