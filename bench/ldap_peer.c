@@ -5,7 +5,12 @@
 static int peer_search(LDAP *ld, const char *base, int scope, const char *filter, LDAPMessage **res) {
   return ldap_search_ext_s(ld, base, scope, filter, NULL, 0, NULL, NULL, NULL, 0, res);
 }
+static int peer_search_t(LDAP *ld, const char *base, int scope, const char *filter, struct timeval *wait,
+                         LDAPMessage **res) {
+  return ldap_search_ext_s(ld, base, scope, filter, NULL, 0, NULL, NULL, wait, 0, res);
+}
 #define SB_SEARCH peer_search
+#define SB_SEARCH_T peer_search_t
 #define SB_BER_FREE(c) ber_free((c), 0)
 #include "search_bench_work.h"
 
@@ -30,6 +35,11 @@ int main(int argc, char **argv) {
   if (getenv("SB_REBIND_DN") && getenv("SB_REBIND_PW")) {
     ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_ON);
     ldap_set_rebind_proc(ld, peer_rebind, NULL);
+  }
+  /* A bound session (libldap has no reconnection to turn on). */
+  if (getenv("SB_BIND_DN") && getenv("SB_BIND_PW")) {
+    struct berval pw = {strlen(getenv("SB_BIND_PW")), getenv("SB_BIND_PW")};
+    if (ldap_sasl_bind_s(ld, getenv("SB_BIND_DN"), LDAP_SASL_SIMPLE, &pw, NULL, NULL, NULL) != 0) return 1;
   }
   int rc = sb_main(ld, argc - 3, argv + 3);
   ldap_unbind_ext_s(ld, NULL, NULL);

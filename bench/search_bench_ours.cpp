@@ -15,6 +15,7 @@ namespace {
 LDAP *(*ldap_init)(const char *, int);
 int (*ldap_unbind)(LDAP *);
 int (*ldap_set_option)(LDAP *, int, const void *);
+int (*ldap_simple_bind_s)(LDAP *, const char *, const char *);
 int (*search_st)(LDAP *, const char *, int, const char *, char **, int, struct timeval *, LDAPMessage **);
 int (*ldap_count_entries)(LDAP *, LDAPMessage *);
 LDAPMessage *(*ldap_first_entry)(LDAP *, LDAPMessage *);
@@ -52,7 +53,8 @@ bool load() {
     return false;
   }
   return bind(so, ldap_init, "tav_ldap_init") && bind(so, ldap_unbind, "tav_ldap_unbind") &&
-         bind(so, ldap_set_option, "tav_ldap_set_option") && bind(so, search_st, "tav_ldap_search_st") &&
+         bind(so, ldap_set_option, "tav_ldap_set_option") &&
+         bind(so, ldap_simple_bind_s, "tav_ldap_simple_bind_s") && bind(so, search_st, "tav_ldap_search_st") &&
          bind(so, ldap_count_entries, "tav_ldap_count_entries") && bind(so, ldap_first_entry, "tav_ldap_first_entry") &&
          bind(so, ldap_next_entry, "tav_ldap_next_entry") && bind(so, ldap_get_dn, "tav_ldap_get_dn") &&
          bind(so, ldap_first_attribute, "tav_ldap_first_attribute") &&
@@ -65,6 +67,9 @@ bool load() {
 int our_search(LDAP *ld, const char *base, int scope, const char *filter, LDAPMessage **res) {
   return search_st(ld, base, scope, filter, nullptr, 0, nullptr, res);
 }
+int our_search_t(LDAP *ld, const char *base, int scope, const char *filter, struct timeval *wait, LDAPMessage **res) {
+  return search_st(ld, base, scope, filter, nullptr, 0, wait, res);
+}
 
 // Referrals are chased binding as SB_REBIND_DN / SB_REBIND_PW when set.
 int our_rebind(LDAP *, char **dn, char **pw, int *method, int freeit) {
@@ -76,6 +81,7 @@ int our_rebind(LDAP *, char **dn, char **pw, int *method, int freeit) {
 }
 }  // namespace
 #define SB_SEARCH our_search
+#define SB_SEARCH_T our_search_t
 #define SB_BER_FREE(c) ldap_ber_free(c)
 #include "search_bench_work.h"
 
@@ -85,6 +91,11 @@ int main(int argc, char **argv) {
   if (ld == nullptr) return 1;
   if (getenv("SB_REBIND_DN") && getenv("SB_REBIND_PW"))
     ldap_set_option(ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(&our_rebind));
+  // A bound session that reopens its connection after an outage.
+  if (getenv("SB_BIND_DN") && getenv("SB_BIND_PW")) {
+    ldap_set_option(ld, LDAP_OPT_RECONNECT, LDAP_OPT_ON);
+    if (ldap_simple_bind_s(ld, getenv("SB_BIND_DN"), getenv("SB_BIND_PW")) != 0) return 1;
+  }
   int rc = sb_main(ld, argc - 3, argv + 3);
   ldap_unbind(ld);
   return rc;

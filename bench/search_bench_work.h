@@ -7,11 +7,13 @@
 #define SEARCH_BENCH_WORK_H
 
 #include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <time.h>
+#include <unistd.h>
 
 static double sb_cpu_seconds(void) {
   struct rusage ru;
@@ -102,7 +104,129 @@ static int sb_threads_mode(LDAP *ld, const char *dn_format, int threads, double 
   return failures == 0 ? 0 : 1;
 }
 
-/* argv: host port mode ...; walk <base> <filter> | threads <dn-format> <n> <seconds> */
+/* Outage mode (clients that define SB_SEARCH_T, a search with a time-out):
+ * each thread's tally of a run through a server restart. */
+#ifdef SB_SEARCH_T
+struct sb_outage {
+  LDAP *ld;
+  const char *dn_format;
+  int index;
+  double until;
+  long calls, ok;
+  long codes[256]; /* by code + 128 */
+  double longest, longest_at, first_fail, recovered;
+};
+
+/* When the driver saw the restarted server answer (its SIGUSR1), in
+ * nanoseconds of CLOCK_MONOTONIC; 0 before. */
+static volatile long sb_restart_ns;
+/* When the driver killed the server (its SIGUSR2). */
+static volatile long sb_kill_ns;
+
+static void sb_on_signal(int sig) {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  if (sig == SIGUSR1)
+    sb_restart_ns = ts.tv_sec * 1000000000L + ts.tv_nsec;
+  else
+    sb_kill_ns = ts.tv_sec * 1000000000L + ts.tv_nsec;
+}
+
+static void *sb_outage_main(void *arg) {
+  struct sb_outage *t = (struct sb_outage *)arg;
+  char dn[256];
+  for (long i = 0; sb_wall_seconds() < t->until; ++i) {
+    snprintf(dn, sizeof dn, t->dn_format, (int)((t->index + i) % 5) + 1);
+    LDAPMessage *res = NULL;
+    struct timeval wait = {5, 0};
+    double w0 = sb_wall_seconds();
+    int rc = SB_SEARCH_T(t->ld, dn, 0, "(objectClass=*)", &wait, &res);
+    double w1 = sb_wall_seconds();
+    ldap_msgfree(res);
+    ++t->calls;
+    if (w1 - w0 > t->longest) {
+      t->longest = w1 - w0;
+      t->longest_at = w0;
+    }
+    t->codes[(rc < -128 || rc > 127 ? 127 : rc) + 128]++;
+    const double restart = sb_restart_ns / 1e9;
+    if (rc == 0) {
+      ++t->ok;
+      if (restart > 0 && w1 >= restart && t->recovered == 0) t->recovered = w1;
+    } else if (t->first_fail == 0) {
+      t->first_fail = w1;
+    }
+  }
+  return NULL;
+}
+
+static long sb_status_kb(const char *key) {
+  FILE *f = fopen("/proc/self/status", "r");
+  char line[256];
+  long kb = -1;
+  size_t n = strlen(key);
+  while (f != NULL && fgets(line, sizeof line, f) != NULL)
+    if (strncmp(line, key, n) == 0) kb = atol(line + n + 1);
+  if (f != NULL) fclose(f);
+  return kb;
+}
+
+static int sb_open_fds(void) {
+  int n = 0;
+  for (int fd = 0; fd < 65536; ++fd) {
+    char path[64], target[256];
+    snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    if (readlink(path, target, sizeof target) > 0) ++n;
+  }
+  return n;
+}
+
+/* `threads` threads (at most 64) do base searches with a 5 s time-out for
+ * `seconds` while the driver kills and restarts the server.  Prints calls,
+ * successes, every code seen, the longest call, the clock (CLOCK_MONOTONIC
+ * seconds) of the first failure, of the restart and of the first success
+ * after it, and the process's RSS and descriptors at the end. */
+static int sb_outage_mode(LDAP *ld, const char *dn_format, int threads, double seconds) {
+  static struct sb_outage ts[64];
+  pthread_t ids[64];
+  if (threads > 64) threads = 64;
+  signal(SIGUSR1, sb_on_signal);
+  signal(SIGUSR2, sb_on_signal);
+  double w0 = sb_wall_seconds();
+  for (int i = 0; i < threads; ++i) {
+    memset(&ts[i], 0, sizeof ts[i]);
+    ts[i].ld = ld;
+    ts[i].dn_format = dn_format;
+    ts[i].index = i;
+    ts[i].until = w0 + seconds;
+    pthread_create(&ids[i], NULL, sb_outage_main, &ts[i]);
+  }
+  long calls = 0, ok = 0, codes[256] = {0};
+  double longest = 0, longest_at = 0, first_fail = 0, recovered = 0;
+  for (int i = 0; i < threads; ++i) {
+    pthread_join(ids[i], NULL);
+    calls += ts[i].calls;
+    ok += ts[i].ok;
+    for (int c = 0; c < 256; ++c) codes[c] += ts[i].codes[c];
+    if (ts[i].longest > longest) {
+      longest = ts[i].longest;
+      longest_at = ts[i].longest_at;
+    }
+    if (ts[i].first_fail > 0 && (first_fail == 0 || ts[i].first_fail < first_fail)) first_fail = ts[i].first_fail;
+    if (ts[i].recovered > 0 && (recovered == 0 || ts[i].recovered < recovered)) recovered = ts[i].recovered;
+  }
+  printf("calls=%ld ok=%ld longest_s=%.3f longest_at=%.6f first_fail=%.6f kill=%.6f restart=%.6f recovered=%.6f rss_kb=%ld fds=%d",
+         calls, ok, longest, longest_at, first_fail, sb_kill_ns / 1e9, sb_restart_ns / 1e9, recovered, sb_status_kb("VmRSS:"),
+         sb_open_fds());
+  for (int c = 0; c < 256; ++c)
+    if (codes[c] != 0) printf(" code_%d=%ld", c - 128, codes[c]);
+  printf("\n");
+  return 0;
+}
+#endif
+
+/* argv: host port mode ...; walk <base> <filter> | threads <dn-format> <n> <seconds>
+ * | outage <dn-format> <n> <seconds> */
 static int sb_main(LDAP *ld, int argc, char **argv) {
   if (argc >= 3 && strcmp(argv[0], "walk") == 0) return sb_walk_mode(ld, argv[1], argv[2]);
   if (argc >= 4 && strcmp(argv[0], "threads") == 0) {
@@ -114,7 +238,10 @@ static int sb_main(LDAP *ld, int argc, char **argv) {
     ldap_msgfree(res);
     return sb_threads_mode(ld, argv[1], atoi(argv[2]), atof(argv[3]));
   }
-  fprintf(stderr, "usage: host port walk <base> <filter> | threads <dn-format> <n> <seconds>\n");
+#ifdef SB_SEARCH_T
+  if (argc >= 4 && strcmp(argv[0], "outage") == 0) return sb_outage_mode(ld, argv[1], atoi(argv[2]), atof(argv[3]));
+#endif
+  fprintf(stderr, "usage: host port walk <base> <filter> | threads|outage <dn-format> <n> <seconds>\n");
   return 2;
 }
 
