@@ -42,14 +42,15 @@ void wipe_free(char *s) {
 // connection leaves at once; one waiting on a half-open socket is woken by
 // shutting the socket down.
 void take_read_lock(LDAPConn *conn) {
+  // (A wall-clock step can only lengthen or shorten the grace.)
   struct timespec at;
-  clock_gettime(CLOCK_MONOTONIC, &at);
+  clock_gettime(CLOCK_REALTIME, &at);
   at.tv_nsec += kReaderGraceNs;
   if (at.tv_nsec >= 1000000000) {
     at.tv_nsec -= 1000000000;
     ++at.tv_sec;
   }
-  if (pthread_mutex_clocklock(&conn->lc_read_mutex, CLOCK_MONOTONIC, &at) == 0) return;
+  if (pthread_mutex_timedlock(&conn->lc_read_mutex, &at) == 0) return;
   if (conn->lc_sb.sb_sd >= 0) shutdown(conn->lc_sb.sb_sd, SHUT_RDWR);
   LDAP_MUTEX_LOCK(&conn->lc_read_mutex);
 }
