@@ -25,8 +25,8 @@ install(TARGETS tavldap tavkeydb RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # "/usr/lib/64/" under the system prefix; the toolkit is never found by the
 # loader's default path, so the lib/64 below any prefix is as good.
 install(TARGETS tav7ssl_64 LIBRARY DESTINATION lib/64)
-install(FILES include/tavldap.h include/tavldap_types.h include/tavldap_full.h include/tavldap_plugin.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/tavldap.h include/tavldap_types.h include/tavldap_full.h include/tavldap_compat.h
+  include/tavldap_plugin.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES tools/tavldap.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES README.md DESTINATION ${TAV_DOC_DIR})
 install(DIRECTORY docs/ DESTINATION ${TAV_DOC_DIR}/docs)

@@ -569,4 +569,6 @@ int ldap_xlate_local_to_utf8_wrp(const char *string, char **out);
 }
 #endif
 
+#include "tavldap_compat.h"
+
 #endif
