@@ -286,6 +286,14 @@ static inline int ldap_parse_sortresponse_control(LDAP *ld, LDAPControl *ctrl, b
   return rc;
 }
 
+/* The classic rename with the old RDN's fate: this library's ldap_modrdn. */
+static inline int ldap_modrdn2(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn) {
+  return ldap_modrdn(ld, dn, newrdn, deleteoldrdn);
+}
+static inline int ldap_modrdn2_s(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn) {
+  return ldap_modrdn_s(ld, dn, newrdn, deleteoldrdn);
+}
+
 /* The scheme of an LDAP URL (after an optional "<" and "URL:"), in any
  * case: 1 ldap://, 2 ldaps://, 3 ldapi://, 0 none. */
 static inline int tavldap_compat_url_scheme(const char *url) {
