@@ -27,13 +27,15 @@ install(TARGETS tavldap tavkeydb RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS tav7ssl_64 LIBRARY DESTINATION lib/64)
 install(FILES include/tavldap.h include/tavldap_types.h include/tavldap_full.h include/tavldap_compat.h
   include/tavldap_plugin.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# <ldap.h> and <lber.h> in a folder of their own, never beside the system's.
+install(FILES include/compat/ldap.h include/compat/lber.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tav8ldap_64_compat)
 install(FILES tools/tavldap.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES README.md DESTINATION ${TAV_DOC_DIR})
 install(DIRECTORY docs/ DESTINATION ${TAV_DOC_DIR}/docs)
 install(DIRECTORY examples/ DESTINATION ${TAV_DOC_DIR}/examples)
 
 # pkg-config and find_package.
-foreach(_pc tav8ldap_64 tav8ldap_64_full)
+foreach(_pc tav8ldap_64 tav8ldap_64_full tav8ldap_64_compat)
   configure_file(cmake/${_pc}.pc.in ${CMAKE_BINARY_DIR}/packaging/${_pc}.pc @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/packaging/${_pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
