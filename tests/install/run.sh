@@ -39,10 +39,12 @@ fail() {
 stage "cmake --install into a temporary prefix"
 cmake --install "$build" --prefix "$prefix" >/dev/null
 for f in bin/tavldap bin/tavkeydb lib/libtav8ldap_64.so lib/libtav8ldap_64_full.a lib/libtavsasl.so \
-  lib/64/libtav7ssl_64.so include/tavldap.h include/tavldap_types.h include/tavldap_full.h include/tavldap_plugin.h \
-  lib/pkgconfig/tav8ldap_64.pc lib/pkgconfig/tav8ldap_64_full.pc lib/cmake/Tav8Ldap/Tav8LdapConfig.cmake \
-  lib/cmake/Tav8Ldap/Tav8LdapConfigVersion.cmake share/man/man1/tavldap.1 share/tav8ldap_64/codeset/aliases \
-  share/tav8ldap_64/codeset/ISO88591 share/tav8ldap_64/etc/krvldap.conf share/doc/libtav8ldap_64/docs/guide.md \
+  lib/64/libtav7ssl_64.so include/tavldap.h include/tavldap_types.h include/tavldap_full.h include/tavldap_compat.h \
+  include/tavldap_plugin.h include/tav8ldap_64_compat/ldap.h include/tav8ldap_64_compat/lber.h \
+  lib/pkgconfig/tav8ldap_64.pc lib/pkgconfig/tav8ldap_64_full.pc lib/pkgconfig/tav8ldap_64_compat.pc \
+  lib/cmake/Tav8Ldap/Tav8LdapConfig.cmake lib/cmake/Tav8Ldap/Tav8LdapConfigVersion.cmake share/man/man1/tavldap.1 \
+  share/tav8ldap_64/codeset/aliases share/tav8ldap_64/codeset/ISO88591 share/tav8ldap_64/etc/krvldap.conf \
+  share/doc/libtav8ldap_64/docs/guide.md \
   share/doc/libtav8ldap_64/examples/Makefile share/doc/libtav8ldap_64/examples/CMakeLists.txt; do
   [ -e "$prefix/$f" ] || fail "not installed: $f"
 done
@@ -92,6 +94,26 @@ TISDIR="$prefix/share/tav8ldap_64" KRVLDAP_CONF="$prefix/share/tav8ldap_64/etc" 
   "$with_slapd" --tls --sasl -- bash "$here/examples.sh" "$work/make" "$work/cmake" || fail "examples"
 unshare --net --mount --propagation private -- bash "$here/locate.sh" "$with_slapd" "$work" "$work/make" "$work/cmake" ||
   fail "locate_servers"
+
+stage "programs written for the common C API: built for OpenLDAP and for us, the same output"
+mkdir "$work/common_api"
+for src in "$here"/common_api/*.c; do
+  name=$(basename "$src" .c)
+  cc -std=c99 -Wall -Wextra -pedantic -Werror -o "$work/common_api/ol_$name" "$src" -lldap -llber ||
+    fail "$name with OpenLDAP"
+  # Only the include lines change.
+  sed -e 's|^#include <ldap.h>$|#include <tavldap_full.h>|' -e '/^#include <lber.h>$/d' "$src" \
+    >"$work/common_api/$name.c"
+  # shellcheck disable=SC2046
+  cc -std=c99 -Wall -Wextra -pedantic -Werror $(pkg-config --cflags tav8ldap_64_full) -o "$work/common_api/tav_$name" \
+    "$work/common_api/$name.c" $(pkg-config --libs tav8ldap_64_full) || fail "$name with tavldap_full.h"
+  # And unchanged, through the <ldap.h> of the compat module.
+  # shellcheck disable=SC2046
+  cc -std=c99 -Wall -Wextra -pedantic -Werror $(pkg-config --cflags tav8ldap_64_compat) \
+    -o "$work/common_api/cmp_$name" "$src" $(pkg-config --libs tav8ldap_64_compat) ||
+    fail "$name unchanged with tav8ldap_64_compat"
+done
+"$with_slapd" -- bash "$here/common_api/compare.sh" "$work/common_api" || fail "common C API programs"
 
 stage "the Debian package"
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/deb" >"$work/cpack.log" 2>&1 || {
