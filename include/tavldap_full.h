@@ -196,6 +196,14 @@ LDAP *ldap_open(const char *host, int port);
 int ldap_unbind(LDAP *ld);
 int ldap_unbind_s(LDAP *ld);
 int ldap_unbind_ext(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls);
+int ldap_unbind_ext_s(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls);
+/* A session on a list of URIs separated by blanks or commas, tried in order
+ * when the connection is opened: ldap://host[:port] (389), ldaps://host[:port]
+ * (636; needs ldap_ssl_client_init first, and every URI must be ldaps),
+ * ldapi://%2Fpath%2Fto%2Fsocket.  Nothing is connected yet.  0 with *ldp, or
+ * LDAP_PARAM_ERROR for a URI it cannot use, LDAP_SSL_NOT_AVAILABLE for ldaps
+ * without an SSL environment. */
+int ldap_initialize(LDAP **ldp, const char *uris);
 
 /* Options (LDAP_OPT_*).  A null ld addresses the process-wide defaults that
  * new sessions start from.  0, 89 for a value out of range, -1 when the
@@ -319,6 +327,52 @@ int ldap_rename(LDAP *ld, const char *dn, const char *newrdn, const char *newsup
 int ldap_rename_s(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior, int deleteoldrdn,
                   LDAPControl **sctrls, LDAPControl **cctrls);
 int ldap_modrdn(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn);
+/* Compares one value of an attribute: the synchronous forms return
+ * LDAP_COMPARE_TRUE (6) or LDAP_COMPARE_FALSE (5) when the server could
+ * compare, else its or the library's code. */
+int ldap_compare_ext(LDAP *ld, const char *dn, const char *attr, struct berval *value, LDAPControl **sctrls,
+                     LDAPControl **cctrls, int *msgidp);
+int ldap_compare_ext_s(LDAP *ld, const char *dn, const char *attr, struct berval *value, LDAPControl **sctrls,
+                       LDAPControl **cctrls);
+int ldap_compare(LDAP *ld, const char *dn, const char *attr, const char *value);
+int ldap_compare_s(LDAP *ld, const char *dn, const char *attr, const char *value);
+/* Tells the server to stop working on msgid and gives the request up: what
+ * nobody has read is freed and later answers are dropped; a thread waiting
+ * on it in ldap_result gets -1 with LDAP_USER_CANCELLED (88).  0 (also for
+ * a request already answered or unknown), or a code; ldap_abandon gives 0 or
+ * -1. */
+int ldap_abandon_ext(LDAP *ld, int msgid, LDAPControl **sctrls, LDAPControl **cctrls);
+int ldap_abandon(LDAP *ld, int msgid);
+/* Extended operations: the request's OID and optional value.  The
+ * synchronous form returns the server's code and, on success, the
+ * response's OID and value (free with ldap_memfree and ber_bvfree /
+ * ldap_bvfree); asynchronous answers are read with
+ * ldap_parse_extended_result. */
+int ldap_extended_operation(LDAP *ld, const char *oid, struct berval *data, LDAPControl **sctrls,
+                            LDAPControl **cctrls, int *msgidp);
+int ldap_extended_operation_s(LDAP *ld, const char *oid, struct berval *data, LDAPControl **sctrls,
+                              LDAPControl **cctrls, char **retoidp, struct berval **retdatap);
+/* Who am I? (RFC 4532): the session's authorization identity ("dn:...",
+ * "u:...", empty when anonymous), a new berval for ber_bvfree. */
+int ldap_whoami(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
+int ldap_whoami_s(LDAP *ld, struct berval **authzid, LDAPControl **sctrls, LDAPControl **cctrls);
+int ldap_parse_whoami(LDAP *ld, LDAPMessage *res, struct berval **authzid);
+/* Password modify (RFC 3062): user, old and new password each optional (a
+ * null or null-valued berval leaves it out).  A password the server
+ * generated comes back in *newpasswd (bv_val to free with ldap_memfree;
+ * empty when none). */
+int ldap_passwd(LDAP *ld, struct berval *user, struct berval *oldpw, struct berval *newpw, LDAPControl **sctrls,
+                LDAPControl **cctrls, int *msgidp);
+int ldap_passwd_s(LDAP *ld, struct berval *user, struct berval *oldpw, struct berval *newpw, struct berval *newpasswd,
+                  LDAPControl **sctrls, LDAPControl **cctrls);
+int ldap_parse_passwd(LDAP *ld, LDAPMessage *res, struct berval *newpasswd);
+/* StartTLS (RFC 4513) on the session's open connection, with the SSL
+ * environment of ldap_ssl_client_init and the same server-name check as
+ * ldaps.  Refused (LDAP_LOCAL_ERROR) while TLS is on or requests are
+ * outstanding.  A server that refuses the operation leaves the connection
+ * as it was and gives its code; a failed handshake closes the connection
+ * (later calls get 81) and gives the SSL code (116 for a name mismatch). */
+int ldap_start_tls_s(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls);
 int ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn);
 /* Frees every modification (type, values, record) and, with freemods, the list. */
 void ldap_mods_free(LDAPMod **mods, int freemods);

@@ -122,6 +122,14 @@ TAV_INTERNAL void ldap_msg_table_mark_rows(LDAP *ld, int msgid, uint32_t bits);
 // opening one), without waiting past the call's deadline; the thread's error
 // record is left as it was.  A result code.
 TAV_INTERNAL int ldap_send_abandon(LDAP *ld, LDAPConn *conn, int abandoned);
+TAV_INTERNAL int ldap_send_abandon_ctrls(LDAP *ld, LDAPConn *conn, int abandoned, LDAPControl **sctrls);
+// ldap_abandon's side of the table.  commit 0: whether `msgid` is a request
+// still going (its server is to be told).  commit 1: the row is given up:
+// messages nobody has read are freed, later answers dropped
+// (LDAP_ROW_ABANDONED), and the row released now unless a thread owns it
+// (it then gets LDAP_USER_CANCELLED and releases it) or the caller still
+// holds messages of it (ldap_msgfree releases it).  A result code.
+TAV_INTERNAL int ldap_msg_table_abandon_row(ldap_msg_table *table, int msgid, int commit);
 TAV_INTERNAL void ldap_msg_table_detach_referral(LDAP *ld, ldap_msg_table *table, int msgid);
 
 // Request transmission.

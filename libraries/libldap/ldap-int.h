@@ -72,6 +72,10 @@ typedef struct ldap_msg_row {
   struct ldap_referral_link *child_link;
   char *ref_text;
   LDAPMessage *held_result;
+  // Which use of the row this is (from the table's counter, never 0): a
+  // thread waiting on a row that was abandoned and handed out again sees it
+  // changed.
+  uint32_t use;
 } ldap_msg_row;
 
 #define LDAP_ROW_IN_USE 0x1
@@ -79,6 +83,8 @@ typedef struct ldap_msg_row {
 #define LDAP_ROW_REF_FIXED 0x4
 #define LDAP_ROW_CHASE 0x8
 #define LDAP_ROW_RELEASE_WHEN_DONE 0x20
+// Given up by ldap_abandon: complete, nothing more is stored or handed out.
+#define LDAP_ROW_ABANDONED 0x40
 
 #define LDAP_MSG_TABLE_GROWTH 256
 #define LDAP_MSG_TABLE_MAX 65536
@@ -117,6 +123,7 @@ typedef struct ldap_msg_table {
   // Parent links of child rows released while their parent's table lock could
   // not be taken; their parents are cleared after this table's lock is let go.
   struct ldap_referral_link *detached;  // table_mutex
+  uint32_t uses;                        // table_mutex: rows handed out so far
 } ldap_msg_table;
 
 // Ties a chased request's row (child) to the row that referred (parent).
@@ -175,6 +182,9 @@ struct ldapconn {
   // at the gate): its own re-bind passes the gate the others wait at.
   int32_t lc_reconnector;
   uint32_t lc_reconnect_tries;  // lc_reconnect_mutex: attempts so far
+  // TLS started on this connection by ldap_start_tls_s: reconnection does
+  // not reopen it (it would come back in clear).
+  int lc_starttls;
 };
 
 // The session handle.  A handle is live while ld_eyecatcher holds "LDAP HDL".

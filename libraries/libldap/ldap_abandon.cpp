@@ -11,7 +11,9 @@ constexpr int kAbandonRequest = 0x50;  // [APPLICATION 16], primitive
 
 extern "C" {
 
-int ldap_send_abandon(LDAP *ld, LDAPConn *conn, int abandoned) {
+int ldap_send_abandon(LDAP *ld, LDAPConn *conn, int abandoned) { return ldap_send_abandon_ctrls(ld, conn, abandoned, nullptr); }
+
+int ldap_send_abandon_ctrls(LDAP *ld, LDAPConn *conn, int abandoned, LDAPControl **sctrls) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_send_abandon: msgid(%d)\n", abandoned);
   // Only an open connection is told: abandoning must not connect anywhere.
   if (conn == nullptr || conn->lc_msgtable == nullptr || conn_closed(conn) == 1 || conn_connected(conn) == 0)
@@ -32,7 +34,8 @@ int ldap_send_abandon(LDAP *ld, LDAPConn *conn, int abandoned) {
   msg->lm_ber = ldap_alloc_ber_with_options(ld, 0);
   if (msg->lm_ber == nullptr)
     rc = LDAP_NO_MEMORY;
-  else if (fber_printf(msg->lm_ber, "{iti}", id, (ber_tag_t)kAbandonRequest, abandoned) != 0)
+  else if (fber_printf(msg->lm_ber, "{iti", id, (ber_tag_t)kAbandonRequest, abandoned) != 0 ||
+           put_ctrls_into_ber(msg->lm_ber, sctrls) != 0 || fber_printf(msg->lm_ber, "}") != 0)
     rc = LDAP_ENCODING_ERROR;
   else
     rc = ldap_write_msg(ld, msg);
@@ -42,4 +45,30 @@ int ldap_send_abandon(LDAP *ld, LDAPConn *conn, int abandoned) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_send_abandon: returning rc=%d\n", rc);
   return rc;
 }
+
+int ldap_abandon_ext(LDAP *ld, int msgid, LDAPControl **sctrls, LDAPControl **cctrls) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_abandon_ext: ld(%p) msgid(%d)\n", (void *)ld, msgid);
+  int rc = ldap_start_operation(ld);
+  if (rc != LDAP_SUCCESS) return rc;
+  LDAPConn *conn = get_default_connection(ld);
+  int substituted = 0;
+  rc = msgid > 0 && conn != nullptr ? ldap_apply_default_controls(ld, &sctrls, cctrls, &substituted) : LDAP_PARAM_ERROR;
+  if (rc == LDAP_SUCCESS) {
+    // The server is told first (only about a request still going); then the
+    // row goes, with what nobody has read, and late answers are dropped.
+    if (ldap_msg_table_abandon_row(conn->lc_msgtable, msgid, 0) == 1) {
+      const int sent = ldap_send_abandon_ctrls(ld, conn, msgid, sctrls);
+      // A connection that is down has dropped the request already.
+      if (sent != LDAP_SUCCESS && sent != LDAP_SERVER_DOWN) rc = sent;
+    }
+    ldap_msg_table_abandon_row(conn->lc_msgtable, msgid, 1);
+  }
+  if (substituted) ldap_controls_free(sctrls);
+  ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+  ldap_end_operation(ld);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_abandon_ext: returning rc=%d\n", rc);
+  return rc;
+}
+
+int ldap_abandon(LDAP *ld, int msgid) { return ldap_abandon_ext(ld, msgid, nullptr, nullptr) == LDAP_SUCCESS ? 0 : -1; }
 }

@@ -5,10 +5,12 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "ldap-debug.h"
 #include "ldap-engine.h"
@@ -426,4 +428,70 @@ int open_default_connection(LDAP *ld) {
   if (lc == nullptr) return LDAP_LOCK_ERROR;
   return open_ldap_connection(ld, lc);
 }
+}
+
+namespace {
+// One URI of an ldap_initialize list as a host-list entry: "host:port" for
+// ldap and ldaps (389 and 636 when none is written), the decoded socket path
+// for ldapi.  *scheme: 0 ldap, 1 ldaps, 2 ldapi; false for anything else.
+bool uri_entry(const std::string &uri, int *scheme, std::string *entry) {
+  static const char *const kSchemes[] = {"ldap://", "ldaps://", "ldapi://"};
+  *scheme = -1;
+  for (int i = 0; i < 3 && *scheme < 0; ++i)
+    if (strncasecmp(uri.c_str(), kSchemes[i], strlen(kSchemes[i])) == 0) *scheme = i;
+  if (*scheme < 0) return false;
+  std::string rest = uri.substr(strlen(kSchemes[*scheme]));
+  rest = rest.substr(0, rest.find('/'));
+  if (*scheme == 2) {
+    // The path is percent-encoded in the host part.
+    std::string path;
+    for (size_t i = 0; i < rest.size(); ++i) {
+      if (rest[i] == '%' && i + 2 < rest.size() && isxdigit((unsigned char)rest[i + 1]) &&
+          isxdigit((unsigned char)rest[i + 2])) {
+        path += (char)strtol(rest.substr(i + 1, 2).c_str(), nullptr, 16);
+        i += 2;
+      } else {
+        path += rest[i];
+      }
+    }
+    if (path.empty() || path[0] != '/') return false;
+    *entry = path;
+    return true;
+  }
+  if (rest.empty()) rest = "localhost";
+  const size_t close = rest.rfind(']');
+  const size_t colon = rest.rfind(':');
+  const bool has_port = colon != std::string::npos && (close == std::string::npos || colon > close);
+  *entry = has_port ? rest : rest + (*scheme == 1 ? ":636" : ":389");
+  return true;
+}
+}  // namespace
+
+extern "C" int ldap_initialize(LDAP **ldp, const char *uris) {
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_initialize: uris(%s)\n", uris != nullptr ? uris : "(null)");
+  if (ldp == nullptr) return LDAP_PARAM_ERROR;
+  *ldp = nullptr;
+  if (uris == nullptr) return LDAP_PARAM_ERROR;
+  // Blank- or comma-separated URIs, tried in order when connecting.
+  std::string list;
+  int secure = -1;
+  const std::string text(uris);
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find_first_of(" \t,", at), text.size());
+    if (end > at) {
+      int scheme = -1;
+      std::string entry;
+      if (!uri_entry(text.substr(at, end - at), &scheme, &entry)) return LDAP_PARAM_ERROR;
+      // A session is secure or not as a whole: ldaps cannot be mixed with others.
+      if (secure >= 0 && secure != (scheme == 1 ? 1 : 0)) return LDAP_PARAM_ERROR;
+      secure = scheme == 1 ? 1 : 0;
+      list += (list.empty() ? "" : " ") + entry;
+    }
+    at = end + 1;
+  }
+  if (list.empty()) return LDAP_PARAM_ERROR;
+  LDAP *ld = secure == 1 ? ldap_ssl_init(list.c_str(), LDAPS_PORT, nullptr) : ldap_init(list.c_str(), LDAP_PORT);
+  if (ld == nullptr) return secure == 1 ? LDAP_SSL_NOT_AVAILABLE : LDAP_PARAM_ERROR;
+  *ldp = ld;
+  return LDAP_SUCCESS;
 }

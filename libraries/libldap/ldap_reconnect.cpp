@@ -136,6 +136,11 @@ int share_attempt(LDAPConn *conn) {
 
 int reconnect(LDAP *ld, LDAPConn *conn) {
   if (LDAP_MUTEX_LOCK(&conn->lc_reconnect_mutex) != 0) return LDAP_LOCK_ERROR;
+  // A connection StartTLS secured would come back in clear: it stays lost.
+  if (__atomic_load_n(&conn->lc_starttls, __ATOMIC_ACQUIRE) == 1 && conn_closed(conn) == 1) {
+    LDAP_MUTEX_UNLOCK(&conn->lc_reconnect_mutex);
+    return LDAP_SERVER_DOWN;
+  }
   if (conn->lc_reconnector != 0 || conn_closed(conn) != 1) {
     const int shared = conn->lc_reconnector != 0 ? share_attempt(conn) : 0;
     LDAP_MUTEX_UNLOCK(&conn->lc_reconnect_mutex);

@@ -150,6 +150,7 @@ int ldap_msg_table_get_next_msgid(ldap_msg_table *table) {
     if (!(table->rows[i].flags & LDAP_ROW_IN_USE)) id = (int)i;
   if (id > 0) {
     table->rows[id].flags = LDAP_ROW_IN_USE;
+    table->rows[id].use = ++table->uses != 0 ? table->uses : ++table->uses;
     table->rows[id].refhops = -1;
     --table->free_count;
     table->last_msgid = id;
@@ -249,6 +250,10 @@ int verify_acquire_row(LDAP *ld, ldap_msg_row *row, int msgid, int all) {
   }
   if (row->owner_tid != 0 && !owned_by_me(row)) {
     ldap_set_errno_direct(ld, LDAP_LOCAL_ERROR, nullptr, nullptr);
+    return -1;
+  }
+  if (row->flags & LDAP_ROW_ABANDONED) {
+    ldap_set_errno_direct(ld, LDAP_USER_CANCELLED, nullptr, nullptr);
     return -1;
   }
   take_ownership(row);
@@ -497,10 +502,17 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
   };
   bool reading = false;  // whether this thread's last turn read the connection
   Wakeups wakeups;       // signalled once the table lock is let go
+  const uint32_t use = table->rows[id].use;
   for (;;) {
     if (deliver()) break;
     flush_queue(table);
     if (deliver()) break;
+    // Abandoned by another thread meanwhile (and perhaps handed out again).
+    if (id != 0 && (table->rows[id].use != use || (table->rows[id].flags & LDAP_ROW_ABANDONED))) {
+      ldap_set_errno_direct(ld, LDAP_USER_CANCELLED, nullptr, nullptr);
+      rc = -1;
+      break;
+    }
     // Each read gets what is left of the deadline, not all of it.
     struct timeval left_value;
     struct timeval *left = ldap_deadline_left_tv(deadline, &left_value);
@@ -511,6 +523,10 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int *msgid, stru
     if (reading) {
       LDAP_MUTEX_UNLOCK(&table->table_mutex);
       wakeups.signal();
+      // The reader looks up at least every 100 ms: another thread may abandon
+      // its request, and nothing on the socket would wake it for that.
+      struct timeval slice = {0, 100000};
+      if (id != 0 && (left == nullptr || timercmp(left, &slice, >))) left = &slice;
       const int soc_err = ldap_msg_table_read_locked(ld, table, left);
       LDAP_MUTEX_UNLOCK(&conn->lc_read_mutex);
       if (LDAP_MUTEX_LOCK(&table->table_mutex) != 0) {
@@ -584,6 +600,32 @@ void ldap_msg_table_unlink_msg(LDAPMessage *msg) {
     ldap_msg_row_unlink(&table->rows[msg->lm_msgid], msg);
   msg->lm_chain = msg->lm_prev = nullptr;
   LDAP_MUTEX_UNLOCK(&table->table_mutex);
+}
+
+int ldap_msg_table_abandon_row(ldap_msg_table *table, int msgid, int commit) {
+  if (table == nullptr || LDAP_MUTEX_LOCK(&table->table_mutex) != 0) return 0;
+  int going = 0;
+  if (msgid > 0 && (uint32_t)msgid < table->size && (table->rows[msgid].flags & LDAP_ROW_IN_USE) &&
+      table->rows[msgid].request != nullptr && !(table->rows[msgid].flags & LDAP_ROW_ABANDONED)) {
+    ldap_msg_row *row = &table->rows[msgid];
+    going = (row->flags & LDAP_ROW_COMPLETE) ? 0 : 1;
+    if (commit) {
+      while (row->next_unread != nullptr) {
+        LDAPMessage *unread = row->next_unread;
+        ldap_msg_row_unlink(row, unread);
+        free_msg(unread, 0);
+      }
+      row->flags |= LDAP_ROW_COMPLETE | LDAP_ROW_ABANDONED;
+      LDAP_LOG(LDAP_LOG_TRACE, "ldap_msg_table_abandon_row: msgid=%d abandoned\n", msgid);
+      // A thread waiting on it sees the row's use change and gets 88.
+      if (row->head == nullptr && row->child_link == nullptr) ldap_msg_table_release_msgid_direct(table, msgid);
+    }
+  }
+  Wakeups wakeups;
+  if (commit) wake_waiters(table, kWakeAll, &wakeups);
+  LDAP_MUTEX_UNLOCK(&table->table_mutex);
+  wakeups.signal();
+  return going;
 }
 
 int ldap_msg_table_release_if_done(ldap_msg_table *table, int msgid) {

@@ -55,4 +55,8 @@ int ldap_unbind_ext(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_unbind_ext\n");
   return ldap_unbind(ld);
 }
+
+int ldap_unbind_ext_s(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls) {
+  return ldap_unbind_ext(ld, sctrls, cctrls);
+}
 }

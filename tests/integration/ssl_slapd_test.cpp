@@ -232,6 +232,22 @@ TEST_F(SslSlapd, DeprecatedStartMakesAPlainSessionSecure) {
   EXPECT_EQ(ldap_ssl_start(nullptr, nullptr, nullptr, nullptr), LDAP_PARAM_ERROR);
 }
 
+TEST_F(SslSlapd, StartTlsSecuresThePlainConnectionOnlyWhenNothingIsOut) {
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  LDAP *ld = ldap_init("127.0.0.1", slapd->port());
+  const int id = ldap_search(ld, SlapdServer::kSuffix, LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 0);
+  EXPECT_EQ(ldap_start_tls_s(ld, nullptr, nullptr), LDAP_LOCAL_ERROR) << "a request is out";
+  LDAPMessage *res = nullptr;
+  ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), LDAP_RES_SEARCH_RESULT);
+  ldap_msgfree(res);
+  ASSERT_EQ(ldap_start_tls_s(ld, nullptr, nullptr), 0);
+  EXPECT_NE(ld->ld_defconn->lc_sb.sb_ssl, nullptr);
+  ASSERT_EQ(ldap_simple_bind_s(ld, SlapdServer::user_dn(1).c_str(), SlapdServer::user_password(1).c_str()), 0);
+  EXPECT_EQ(tavtest::whoami(ld), "dn:" + SlapdServer::user_dn(1));
+  EXPECT_EQ(ldap_start_tls_s(ld, nullptr, nullptr), LDAP_LOCAL_ERROR) << "TLS is on already";
+  EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
 // Set-up failures: the result and the toolkit's own code.
 TEST_F(SslSlapd, EnvironmentFailuresGiveTheirCodes) {
   struct Case {
@@ -412,6 +428,29 @@ TEST_F(SslExpiredServer, ExpiredServerCertificateFailsTheHandshake) {
 }
 
 // Servers that are not slapd: certificates and key database made here.
+// The server's certificate names another host: StartTLS fails the way ldaps
+// does, and the connection is closed rather than left in clear.
+class SslMisnamedServer : public tavtest::SlapdSuite<SslMisnamedServer> {
+ public:
+  static tavtest::SlapdOptions options() {
+    tavtest::SlapdOptions o;
+    o.tls = true;
+    o.tls_server_names = "DNS:elsewhere.example";
+    return o;
+  }
+};
+
+TEST_F(SslMisnamedServer, StartTlsToTheWrongNameClosesTheConnection) {
+  load_from_build();
+  KeyDatabases keys(slapd->dir() + "/tls");
+  ASSERT_EQ(keys.error, "");
+  ASSERT_EQ(ldap_ssl_environment_init(keys.good().c_str(), kKdbPassword, 0, nullptr), 0);
+  EXPECT_EQ(ldap_start_tls_s(ld, nullptr, nullptr), LDAP_SSL_HANDSHAKE_FAILED);
+  EXPECT_EQ(ldap_simple_bind_s(ld, SlapdServer::user_dn(1).c_str(), SlapdServer::user_password(1).c_str()),
+            LDAP_SERVER_DOWN)
+      << "no password goes out in clear";
+}
+
 class SslPeer : public testing::Test {
  protected:
   void SetUp() override {

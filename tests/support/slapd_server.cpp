@@ -101,7 +101,7 @@ std::string make_signed_certificate(const std::string &dir, const std::string &n
   return run_openssl(sign);
 }
 
-std::string make_test_certificates(const std::string &dir, bool server_expired) {
+std::string make_test_certificates(const std::string &dir, bool server_expired, const std::string &server_names) {
   auto ca = [&](const std::string &name, const std::string &subject) {
     std::vector<std::string> a = {"req", "-x509"};
     for (const std::string &k : new_key(false)) a.push_back(k);
@@ -112,7 +112,7 @@ std::string make_test_certificates(const std::string &dir, bool server_expired) 
   const std::string san = "DNS:localhost,IP:127.0.0.1";
   for (const std::string &e :
        {ca("ca", "/CN=tav test CA"), ca("other-ca", "/CN=tav other CA"),
-        make_signed_certificate(dir, "server", "/CN=localhost", san, server_expired ? "-1" : "2"),
+        make_signed_certificate(dir, "server", "/CN=localhost", server_names, server_expired ? "-1" : "2"),
         make_signed_certificate(dir, "client", "/O=Example/CN=tls-client", san)})
     if (!e.empty()) return e;
   return "";
@@ -138,7 +138,7 @@ bool SlapdServer::start(std::string *error) {
   if (options_.allow_v2) conf += "allow bind_v2\n";
   if (options_.tls) {
     if (mkdir((dir_ + "/tls").c_str(), 0700) != 0) return fail("mkdir tls failed");
-    std::string e = make_test_certificates(dir_ + "/tls", options_.tls_server_expired);
+    std::string e = make_test_certificates(dir_ + "/tls", options_.tls_server_expired, options_.tls_server_names);
     if (!e.empty()) return fail(e);
     conf += tls_config(dir_ + "/tls", options_.tls_cipher_suite);
   }

@@ -33,6 +33,7 @@ struct SlapdOptions {
   bool tls = false;
   bool tls_server_expired = false;  // the server certificate expired yesterday
   std::string tls_cipher_suite;     // slapd's TLSCipherSuite, when set
+  std::string tls_server_names = "DNS:localhost,IP:127.0.0.1";  // the server certificate's subjectAltName
 };
 
 class SlapdServer {
@@ -84,7 +85,8 @@ int free_port();
 // Whether something accepts connections on 127.0.0.1:port.
 bool port_answers(int port);
 // Makes the certificates of SlapdOptions::tls in `dir`; "" or the failure.
-std::string make_test_certificates(const std::string &dir, bool server_expired);
+std::string make_test_certificates(const std::string &dir, bool server_expired,
+                                   const std::string &server_names = "DNS:localhost,IP:127.0.0.1");
 // A certificate `name`.pem/.key in `dir`, signed by the CA there, with the
 // subjectAltName given (e.g. "DNS:a.example,IP:127.0.0.1"; empty: none).
 std::string make_signed_certificate(const std::string &dir, const std::string &name, const std::string &subject,
