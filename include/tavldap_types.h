@@ -209,6 +209,10 @@ typedef struct ldap LDAP;
  * repeats the session's last bind first.  Requests that were out when the
  * connection died still fail with LDAP_SERVER_DOWN; none is sent again. */
 #define LDAP_OPT_RECONNECT 0x62
+/* Read only: the calling thread's last server message and matched DN on the
+ * session (copies to free with ldap_memfree, or NULL). */
+#define LDAP_OPT_DIAGNOSTIC_MESSAGE 0x5032
+#define LDAP_OPT_MATCHED_DN 0x5033
 #define LDAP_OPT_XLATE 0xe0
 /* Protocol-version-2 callers pass 0/1 options as the pointer value. */
 #define LDAP_OPT_ON ((void *)1)

@@ -365,6 +365,14 @@ int ldap_get_option_direct(LDAP *ld, int option, void *out) {
     case LDAP_OPT_RECONNECT:
       *iout = __atomic_load_n(&ld->ld_reconnect, __ATOMIC_RELAXED);
       break;
+    case LDAP_OPT_DIAGNOSTIC_MESSAGE:
+    case LDAP_OPT_MATCHED_DN: {
+      char *matched = nullptr, *message = nullptr;
+      ldap_get_error_info_direct(ld, &matched, &message);
+      *static_cast<char **>(out) = option == LDAP_OPT_MATCHED_DN ? matched : message;
+      free(option == LDAP_OPT_MATCHED_DN ? message : matched);
+      break;
+    }
     case LDAP_OPT_TIMEOUT:
     case LDAP_OPT_NETWORK_TIMEOUT: {
       struct timeval tv;

@@ -40,6 +40,12 @@ TEST_F(Everyday, CompareAnswersTrueFalseOrTheServersCode) {
   };
   for (const Row &r : rows) {
     EXPECT_EQ(ldap_compare_s(ld, r.dn.c_str(), r.attr, r.value), r.code) << r.attr << "=" << r.value;
+    if (r.code == LDAP_NO_SUCH_OBJECT) {
+      char *matched = nullptr;
+      ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_MATCHED_DN, &matched), 0);
+      EXPECT_STREQ(matched, SlapdServer::kPeopleDn) << "the server's matched DN, as the common API reads it";
+      ldap_memfree(matched);
+    }
     // The asynchronous form: its answer read as any other result.
     const int id = ldap_compare(ld, r.dn.c_str(), r.attr, r.value);
     if (r.code == LDAP_PARAM_ERROR) {
