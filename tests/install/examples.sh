@@ -41,6 +41,8 @@ for dir in "$@"; do
   expect "$dir" paged_search '^8 entries in 3 pages$' "$TAVLDAP_TEST_URL" "$TAVLDAP_TEST_BASE" 3
   expect "$dir" persistent_search '^the server ended the search: Success \(0\)$' "$TAVLDAP_TEST_URL" "$people" 5
   expect "$dir" ldaps_search '^5 entries$' 127.0.0.1 "$TAVLDAP_TEST_LDAPS_PORT" "$kdb" client "$people"
+  expect "$dir" starttls_compare "^uid=user1,$people mail user1@example.com: true\$" "$TAVLDAP_TEST_URL" "$kdb" \
+    "uid=user1,$people" pass1 "uid=user1,$people" mail user1@example.com
   expect "$dir" scram_bind '^modify uid=user2,.* as that identity: Success \(0\)$' \
     "$TAVLDAP_TEST_URL" user2 pass2 "uid=user2,$people"
   expect "$dir" latin1_xlate 'found by a Latin-1 filter: yes; surname read back in Latin-1: yes' \

@@ -8,6 +8,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -27,6 +29,23 @@ std::unique_ptr<SlapdServer> start_slapd(SlapdOptions options) {
   std::string error;
   EXPECT_TRUE(s->start(&error)) << error;
   return s;
+}
+
+// SIGSTOP takes effect asynchronously: wait until every thread of the
+// server is stopped, so that nothing it has not answered yet gets answered.
+void freeze(const SlapdServer &s) {
+  kill(s.pid(), SIGSTOP);
+  const std::string tasks = "/proc/" + std::to_string(s.pid()) + "/task";
+  for (bool stopped = false; !stopped; std::this_thread::yield()) {
+    stopped = true;
+    for (const auto &task : std::filesystem::directory_iterator(tasks)) {
+      std::ifstream stat(task.path() / "stat");
+      std::string line;
+      std::getline(stat, line);
+      const size_t close = line.rfind(')');
+      if (close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'T') stopped = false;
+    }
+  }
 }
 
 void kill_now(SlapdServer &s) {
@@ -72,7 +91,7 @@ TEST(Reconnect, ASessionReopensRebindsAndNeverResends) {
     ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_RECONNECT, r.reconnect ? LDAP_OPT_ON : LDAP_OPT_OFF), 0);
     ASSERT_EQ(ldap_simple_bind_s(ld, SlapdServer::user_dn(1).c_str(), SlapdServer::user_password(1).c_str()), 0);
     // A request the frozen server never answers is out when it dies.
-    kill(first->pid(), SIGSTOP);
+    freeze(*first);
     const int in_flight = tavtest::send_search(ld, SlapdServer::kSuffix, LDAP_SCOPE_BASE);
     ASSERT_GT(in_flight, 0);
     kill_now(*first);
