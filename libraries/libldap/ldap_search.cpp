@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <strings.h>
 
 #include "ldap-debug.h"
 #include "ldap-search.h"
@@ -174,21 +175,30 @@ int put_substring_filter(BerElement *ber, char *attr, char *value) {
   return fber_printf_raw(ber, "}}") != 0 ? -1 : 0;
 }
 
+// RFC 4515: attr [":dn"] [":" rule] ":=" value, or [":dn"] ":" rule ":=" value;
+// "before" is everything ahead of ":=".  A "dn" part is the dnAttributes flag,
+// never a rule, whether a rule follows it or not.
 int put_extensible_filter(BerElement *ber, char *before, char *value) {
   LDAP_LOG(LDAP_LOG_TRACE, "put_extensible_filter \"%s=%s\"\n", before, value);
-  char *colon = strchr(before, ':');
-  if (colon == nullptr) return -1;
-  *colon = '\0';
-  const char *attr = *before != '\0' ? before : nullptr;
-  char *p = colon + 1;
-  if (*p == ':') return -1;
+  const char *attr = *before != '\0' && *before != ':' ? before : nullptr;
+  char *rest = strchr(before, ':');
+  if (rest != nullptr) *rest++ = '\0';
   int dn = 0;
-  if (strncmp(p, "dn:", 3) == 0) {
-    dn = 1;
-    p += 3;
-    if (*p == ':') return -1;
+  const char *rule = nullptr;
+  if (rest != nullptr) {
+    char *next = strchr(rest, ':');
+    if (next != nullptr) *next++ = '\0';
+    if (strcasecmp(rest, "dn") == 0) {
+      dn = 1;
+      rule = next;
+    } else if (next == nullptr) {
+      rule = rest;
+    } else {
+      return -1;
+    }
+    if (rule != nullptr && (*rule == '\0' || strchr(rule, ':') != nullptr)) return -1;
   }
-  const char *rule = *p != '\0' ? p : nullptr;
+  if (attr == nullptr && rule == nullptr) return -1;
   if (fber_printf_raw(ber, "t{", (ber_tag_t)0xA9) != 0) return -1;
   if (rule != nullptr && fber_printf_raw(ber, "ts", (ber_tag_t)0x81, rule) != 0) return -1;
   if (attr != nullptr && fber_printf_raw(ber, "ts", (ber_tag_t)0x82, attr) != 0) return -1;

@@ -81,6 +81,8 @@ TEST_F(Search, EveryFilterFormSelectsExactlyItsEntries) {
                                                          {"(ou:dn:caseIgnoreMatch:=filters)", "0: f1 f2 f3"},
                                                          {"(:dn:caseIgnoreMatch:=filters)", "0: f1 f2 f3"},
                                                          {"(:caseIgnoreMatch:=bob stone)", "0: f2"},
+                                                         {"(ou:dn:=Filters)", "0: f1 f2 f3"},
+                                                         {"(sn:=Lee)", "0: f1 f3"},
                                                          {"(description=a\\2ab)", "0: f1"},
                                                          {"(description=\\00)", "0: f2"},
                                                          {"(cn=\\41nn Lee)", "0: f1"},

@@ -69,6 +69,12 @@ TEST(FilterEncoder, EveryFilterFormEncodesAsTheProtocolDefines) {
       {"(:2.5.13.5:=x)", ext("2.5.13.5", "", "x", false)},
       {"(cn:caseExactMatch:=A\\2a)", ext("caseExactMatch", "cn", "A\\2a", false)},
       {"(:dn:2.5.13.5:=x)", ext("2.5.13.5", "", "x", true)},
+      // RFC 4515: a "dn" part is the flag even when no rule follows; no rule at all is allowed.
+      {"(ou:dn:=People)", ext("", "ou", "People", true)},
+      {"(ou:DN:=People)", ext("", "ou", "People", true)},
+      {"(sn:=Smith)", ext("", "sn", "Smith", false)},
+      {"(cn:dn:caseExactMatch:=x)", ext("caseExactMatch", "cn", "x", true)},
+      {"(:caseExactMatch:=x)", ext("caseExactMatch", "", "x", false)},
       {"", ""}};
   for (const auto &[filter, bytes] : cases) EXPECT_EQ(tavtest::hex(encode(filter)), tavtest::hex(bytes)) << filter;
 }
@@ -85,7 +91,8 @@ TEST(FilterEncoder, MalformedFiltersAreRefused) {
   const char *bad[] = {"(cn=a\\)b)",  // "\\)" is no hex pair
                        "(a=1))",     "(a=1",     "a",           "(a)",          "(&(a=1)",
                        "(&(a=1)x)",  ")",        "(cn=\\zz)",   "(cn=\\4)",     "(cn=\\",
-                       "(cn=x\\",    "(cn:=x)",  "(cn::r:=x)",  "(cn:dn:::=x)", "((a=1)",
+                       "(cn=x\\",    "(:=x)",    "(cn::r:=x)",  "(cn:dn:::=x)", "((a=1)",
+                       "(:dn:=x)",   "(cn::=x)", "(cn:dn::=x)", "(cn:r:s:=x)",
                        "(&(a=1)))",  "(a=\\g0)", "(cn=a*\\q*)", "(!(a=1)(b)",   "(|(a=1)((b=2))"};
   for (const char *f : bad) EXPECT_EQ(encode(f), "refused") << f;
 }
