@@ -50,6 +50,21 @@ static inline void ber_bvfree(struct berval *bv) { fber_bvfree(bv); }
 static inline void ber_bvecfree(struct berval **bvec) { fber_bvecfree(bvec); }
 /* Every string and buffer the library hands out is released the same way. */
 static inline void ber_memfree(void *p) { ldap_memfree(p); }
+/* Copies and records for values, as liblber makes them: ber_bvdup and
+ * ber_dupbv copy; ber_str2bv / ber_mem2bv fill bv (a new record when bv is
+ * NULL; ber_str2bv takes strlen when len is 0) and copy the bytes when dup is
+ * non-zero.  New records and bytes are freed with ber_bvfree / ber_memfree;
+ * a BerVarray (records up to one with a NULL bv_val) with ber_bvarray_free. */
+struct berval *ber_bvdup(const struct berval *bv);
+struct berval *ber_dupbv(struct berval *dst, struct berval *src);
+struct berval *ber_str2bv(const char *s, ber_len_t len, int dup, struct berval *bv);
+struct berval *ber_mem2bv(const char *s, ber_len_t len, int dup, struct berval *bv);
+char *ber_strdup(const char *s);
+void *ber_memalloc(ber_len_t size);
+void *ber_memcalloc(ber_len_t count, ber_len_t size);
+void *ber_memrealloc(void *p, ber_len_t size);
+void ber_memvfree(void **vector);
+void ber_bvarray_free(struct berval *array);
 
 /* ------------------------------------------------------------------------
  * Versions, ports, limits, authentication. */

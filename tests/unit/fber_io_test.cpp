@@ -95,3 +95,25 @@ TEST(FberMask, PasswordValuesAreBlankedInEveryLayout) {
     EXPECT_EQ(hex(copy), hex(out));
   }
 }
+
+// The common API's value helpers: what they copy and what they only point at.
+TEST(FberValues, CommonApiHelpersCopyOnlyWhenAsked) {
+  const char text[] = "value";
+  struct berval *owned = ber_str2bv(text, 0, 1, nullptr);
+  ASSERT_NE(owned, nullptr);
+  EXPECT_EQ(owned->bv_len, 5u);
+  EXPECT_NE(owned->bv_val, text);
+  struct berval borrowed;
+  ASSERT_EQ(ber_mem2bv(text, 3, 0, &borrowed), &borrowed);
+  EXPECT_EQ(borrowed.bv_val, text);
+  EXPECT_EQ(borrowed.bv_len, 3u);
+  struct berval *copy = ber_bvdup(&borrowed);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_EQ(std::string(copy->bv_val), "val") << "copies end with a zero byte";
+  auto *array = static_cast<struct berval *>(ber_memcalloc(2, sizeof(struct berval)));
+  ASSERT_EQ(ber_dupbv(&array[0], owned), &array[0]);
+  ber_bvarray_free(array);
+  ber_bvfree(copy);
+  ber_bvfree(owned);
+  EXPECT_EQ(ber_str2bv(nullptr, 0, 1, nullptr), nullptr);
+}
