@@ -94,7 +94,7 @@ TEST_F(XlateSlapd, LocalCodePagesAddFindAndReadUtf8Entries) {
     bool unicode;  // LDAP_USE_UNICODE: through UCS-2, where beyond the BMP is "?"
   } cases[] = {
       {"ISO8859-1", "ISO-8859-1", "M\xC3\xBCller Caf\xC3\xA9", '?', false},
-      {"SJIS", "CP932", "\xE6\xBC\xA2\xE5\xAD\x97\xE3\x81\x8B\xE3\x81\xAA", '?', false},
+      {"SJIS", "SJIS", "\xE6\xBC\xA2\xE5\xAD\x97\xE3\x81\x8B\xE3\x81\xAA", '?', false},
       {"IBM-037", "IBM037", "Caf\xC3\xA9 \xC3\x86gir", '\x6f', false},
       {"UTF-8", "UTF-8", "Caf\xC3\xA9 \xE6\xBC\xA2", '?', true},
   };
