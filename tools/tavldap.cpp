@@ -1,10 +1,11 @@
-// tavldap: command-line client for libtav8ldap_64.
+// tavldap: command-line client for libtav8ldap_64, with the option letters,
+// output and exit codes of OpenLDAP's ldap-utils so that scripts written for
+// ldapsearch, ldapmodify and their siblings work with it unchanged.
 //
-// It loads the library with dlopen and calls only the exported functions.
-// The library is looked for in TAVLDAP_LIBRARY, then next to the program
-// (../lib/libtav8ldap_64.so), then on the loader's search path.
-#include "tavldap.h"
-
+// It is linked with the full interface (the static archive), which offers
+// controls, StartTLS, compare, extended operations and the server's error
+// text.  Only "info" loads the shared object, to say which one a program
+// using the exported interface would get.
 #include <dlfcn.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -17,50 +18,16 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "ldif.h"
+#include "tavldap_full.h"
 
 namespace {
 
-// The exported interface as this program uses it; entries stay null when the
-// library lacks them, and only the commands that need them refuse to run.
-struct Library {
-  void *handle = nullptr;
-  char *(*loaded_from)(void) = nullptr;
-  void (*memfree)(void *) = nullptr;
-  const char *sccs_info = nullptr;
-  const char *copyright = nullptr;
-  LDAP *(*init)(const char *, int) = nullptr;
-  int (*unbind)(LDAP *) = nullptr;
-  int (*set_option)(LDAP *, int, const void *) = nullptr;
-  int (*get_errno)(LDAP *) = nullptr;
-  char *(*err2string)(int) = nullptr;
-  int (*url_parse)(const char *, LDAPURLDesc **) = nullptr;
-  void (*free_urldesc)(LDAPURLDesc *) = nullptr;
-  void (*ber_free)(BerElement *) = nullptr;
-  int (*simple_bind_s)(LDAP *, const char *, const char *) = nullptr;
-  int (*search_st)(LDAP *, const char *, int, const char *, char **, int, struct timeval *, LDAPMessage **) = nullptr;
-  int (*url_search_st)(LDAP *, const char *, int, struct timeval *, LDAPMessage **) = nullptr;
-  LDAPMessage *(*first_entry)(LDAP *, LDAPMessage *) = nullptr;
-  LDAPMessage *(*next_entry)(LDAP *, LDAPMessage *) = nullptr;
-  char *(*get_dn)(LDAP *, LDAPMessage *) = nullptr;
-  char *(*first_attribute)(LDAP *, LDAPMessage *, BerElement **) = nullptr;
-  char *(*next_attribute)(LDAP *, LDAPMessage *, BerElement *) = nullptr;
-  struct berval **(*get_values_len)(LDAP *, LDAPMessage *, const char *) = nullptr;
-  void (*value_free_len)(struct berval **) = nullptr;
-  int (*msgfree)(LDAPMessage *) = nullptr;
-  int (*add_s)(LDAP *, const char *, LDAPMod **) = nullptr;
-  int (*delete_s)(LDAP *, const char *) = nullptr;
-  int (*modify_s)(LDAP *, const char *, LDAPMod **) = nullptr;
-  int (*modrdn_s)(LDAP *, const char *, const char *, int) = nullptr;
-};
-
-template <typename F>
-void resolve(void *handle, F &f, const char *name) {
-  f = reinterpret_cast<F>(dlvsym(handle, name, "tav8"));
-}
+constexpr int kUsage = 2;  // bad usage, as ldap-utils exit with
 
 std::string program_dir() {
   char buf[PATH_MAX];
@@ -72,149 +39,210 @@ std::string program_dir() {
   return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
-bool load(Library &lib) {
+// Where the shared object is found (TAVLDAP_LIBRARY, ../lib beside the
+// program, the loader's path) and its identification.
+int cmd_info() {
   std::string candidates[3];
   int n = 0;
   if (const char *env = getenv("TAVLDAP_LIBRARY"); env && *env) candidates[n++] = env;
   candidates[n++] = program_dir() + "/../lib/libtav8ldap_64.so";
   candidates[n++] = "libtav8ldap_64.so";
+  void *handle = nullptr;
   std::string errors;
-  for (int i = 0; i < n && lib.handle == nullptr; ++i) {
-    lib.handle = dlopen(candidates[i].c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (lib.handle == nullptr) errors += std::string("  ") + dlerror() + "\n";
+  for (int i = 0; i < n && handle == nullptr; ++i) {
+    handle = dlopen(candidates[i].c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) errors += std::string("  ") + dlerror() + "\n";
   }
-  if (lib.handle == nullptr) {
+  if (handle == nullptr) {
     fprintf(stderr, "tavldap: cannot load libtav8ldap_64.so:\n%s", errors.c_str());
-    return false;
+    return 1;
   }
-  lib.loaded_from = reinterpret_cast<char *(*)(void)>(dlvsym(lib.handle, "tavldap_loaded_from", "tav8"));
-  lib.memfree = reinterpret_cast<void (*)(void *)>(dlvsym(lib.handle, "tav_ldap_memfree", "tav8"));
-  lib.sccs_info = static_cast<const char *>(dlvsym(lib.handle, "tavldap_SCCSInfo", "tav8"));
-  lib.copyright = static_cast<const char *>(dlvsym(lib.handle, "tavldap_Copyright", "tav8"));
-  resolve(lib.handle, lib.init, "tav_ldap_init");
-  resolve(lib.handle, lib.unbind, "tav_ldap_unbind");
-  resolve(lib.handle, lib.set_option, "tav_ldap_set_option");
-  resolve(lib.handle, lib.get_errno, "tav_ldap_get_errno");
-  resolve(lib.handle, lib.err2string, "tav_ldap_err2string");
-  resolve(lib.handle, lib.url_parse, "tav_ldap_url_parse");
-  resolve(lib.handle, lib.free_urldesc, "tav_ldap_free_urldesc");
-  resolve(lib.handle, lib.ber_free, "tav_ldap_ber_free");
-  resolve(lib.handle, lib.simple_bind_s, "tav_ldap_simple_bind_s");
-  resolve(lib.handle, lib.search_st, "tav_ldap_search_st");
-  resolve(lib.handle, lib.url_search_st, "tav_ldap_url_search_st");
-  resolve(lib.handle, lib.first_entry, "tav_ldap_first_entry");
-  resolve(lib.handle, lib.next_entry, "tav_ldap_next_entry");
-  resolve(lib.handle, lib.get_dn, "tav_ldap_get_dn");
-  resolve(lib.handle, lib.first_attribute, "tav_ldap_first_attribute");
-  resolve(lib.handle, lib.next_attribute, "tav_ldap_next_attribute");
-  resolve(lib.handle, lib.get_values_len, "tav_ldap_get_values_len");
-  resolve(lib.handle, lib.value_free_len, "tav_ldap_value_free_len");
-  resolve(lib.handle, lib.msgfree, "tav_ldap_msgfree");
-  resolve(lib.handle, lib.add_s, "tav_ldap_add_s");
-  resolve(lib.handle, lib.delete_s, "tav_ldap_delete_s");
-  resolve(lib.handle, lib.modify_s, "tav_ldap_modify_s");
-  resolve(lib.handle, lib.modrdn_s, "tav_ldap_modrdn_s");
-  if (!lib.loaded_from || !lib.memfree || !lib.sccs_info || !lib.copyright || !lib.init || !lib.unbind ||
-      !lib.set_option || !lib.get_errno || !lib.err2string || !lib.url_parse || !lib.free_urldesc) {
+  auto loaded_from = reinterpret_cast<char *(*)(void)>(dlvsym(handle, "tavldap_loaded_from", "tav8"));
+  auto memfree = reinterpret_cast<void (*)(void *)>(dlvsym(handle, "tav_ldap_memfree", "tav8"));
+  auto *sccs = static_cast<const char *>(dlvsym(handle, "tavldap_SCCSInfo", "tav8"));
+  auto *copyright = static_cast<const char *>(dlvsym(handle, "tavldap_Copyright", "tav8"));
+  if (!loaded_from || !memfree || !sccs || !copyright) {
     fprintf(stderr, "tavldap: the library lacks the tav8 interface\n");
-    return false;
+    return 1;
   }
-  return true;
+  char *path = loaded_from();
+  printf("loaded from: %s\n", path ? path : "(unknown)");
+  memfree(path);
+  printf("%s\n", copyright);
+  fputs(sccs, stdout);  // "@(#)key: value" lines
+  return 0;
 }
 
-// A command that needs functions the loaded library does not export says so.
-bool require(std::initializer_list<std::pair<const void *, const char *>> functions) {
-  for (const auto &[f, name] : functions) {
-    if (f == nullptr) {
-      fprintf(stderr, "tavldap: the loaded library does not export %s\n", name);
-      return false;
-    }
-  }
-  return true;
+// ldap-utils print OpenLDAP's texts and exit with its codes, where the
+// library's client-side codes are 81..101 and OpenLDAP's -1..-17.
+int peer_code(int rc) {
+  if (rc >= 81 && rc <= 95) return 80 - rc;
+  if (rc == 100 || rc == 101) return 84 - rc;
+  return rc;
 }
 
-// Exit status for problems found before anything is sent: bad usage and
-// malformed LDIF.  LDAP_PARAM_ERROR, as the library would say of bad input.
-constexpr int kUsage = 2;
-constexpr int kBadInput = LDAP_PARAM_ERROR;
+const char *peer_text(int rc) {
+  static const std::pair<int, const char *> texts[] = {
+      {3, "Time limit exceeded"},
+      {4, "Size limit exceeded"},
+      {5, "Compare False"},
+      {6, "Compare True"},
+      {7, "Authentication method not supported"},
+      {8, "Strong(er) authentication required"},
+      {10, "Referral"},
+      {11, "Administrative limit exceeded"},
+      {12, "Critical extension is unavailable"},
+      {13, "Confidentiality required"},
+      {14, "SASL bind in progress"},
+      {35, "Entry is a leaf"},
+      {51, "Server is busy"},
+      {52, "Server is unavailable"},
+      {53, "Server is unwilling to perform"},
+      {66, "Operation not allowed on non-leaf"},
+      {71, "Operation affects multiple DSAs"},
+      {91, "Connect error"},
+      {95, "More results to return"},
+      {100, "Client Loop"},
+      {101, "Referral Limit Exceeded"},
+      {122, "Assertion Failed"},
+      {123, "Proxied Authorization Denied"}};
+  for (const auto &[code, text] : texts)
+    if (code == rc) return text;
+  return ldap_err2string(rc);
+}
+
+int exit_code(int rc) { return peer_code(rc) & 0xFF; }
 
 struct Options {
-  std::string uri;  // -H: URL or host list
-  std::string host = "localhost";
+  std::string command;
+  std::string uri;  // -H: URI list
+  std::string host;
   int port = 0;
   std::string binddn;
   std::string password;
   bool have_password = false;
   bool prompt = false;
+  std::string password_file;  // -y
+  int starttls = 0;           // -Z, -ZZ
+  int version = LDAP_VERSION3;
   std::string base;
+  bool have_base = false;
   int scope = LDAP_SCOPE_SUBTREE;
-  int sizelimit = -1;
-  int timelimit = -1;
+  int sizelimit = 0;
+  int timelimit = 0;
+  int deref = -1;
   bool attrs_only = false;
-  bool no_chase = false;  // -C: referrals and references come back unfollowed
-  // -o referral-credentials=yes: -D/-w go to the servers referrals lead to,
-  // not only to the one named.
+  int ldif = 0;  // -L count
+  bool chase = false;  // -C
   bool referral_credentials = false;
-  // -o nettimeout=N, -o timeout=N: seconds for opening each connection and
-  // for each operation (-1: none).
-  long nettimeout = -1;
-  long optimeout = -1;
-  bool verbose = false;
-  bool keep_going = false;
-  bool delete_old_rdn = false;
+  long nettimeout = -1, optimeout = -1;
+  std::string keydb, keydb_password;  // -o keydb=, -o keydb-password= (ldaps, StartTLS)
+  bool manage_dsa_it = false;         // -M
+  int page_size = 0;                  // -E pr=N
+  std::string assertion;              // -e assert=
+  bool keep_going = false, dry_run = false, verbose = false;
+  bool delete_old_rdn = false;  // modrdn -r
+  std::string newsuperior;      // modrdn -s
+  std::string newpw, oldpw;     // passwd -s, -a
+  bool have_newpw = false, have_oldpw = false;
   std::string file;
   std::vector<std::string> args;
 };
 
-int cmd_info(Library &lib) {
-  char *path = lib.loaded_from();
-  printf("loaded from: %s\n", path ? path : "(unknown)");
-  lib.memfree(path);
-  printf("%s\n", lib.copyright);
-  // The identification block is "@(#)key: value" lines.
-  fputs(lib.sccs_info, stdout);
-  return 0;
+// "func: text (code)" and the server's matched DN, text and referrals, as
+// ldap-utils print a failed operation.
+void print_error(const char *func, int rc, const char *matched, const char *text, char **refs) {
+  fflush(stdout);
+  fprintf(stderr, "%s: %s (%d)\n", func, peer_text(rc), peer_code(rc));
+  if (matched && *matched) fprintf(stderr, "\tmatched DN: %s\n", matched);
+  if (text && *text) fprintf(stderr, "\tadditional info: %s\n", text);
+  if (refs && *refs) {
+    fprintf(stderr, "\treferrals:\n");
+    for (char **r = refs; *r; ++r) fprintf(stderr, "\t%s\n", *r);
+  }
 }
 
-// Opens a session to the server named by a URL or host list and closes it
-// again, saying what happened at each step.
-int cmd_session(Library &lib, const char *target) {
-  if (target == nullptr || *target == '\0') {
-    fprintf(stderr, "tavldap: session needs a URL or host (or TAVLDAP_TEST_URL)\n");
-    return kUsage;
-  }
-  LDAPURLDesc *lud = nullptr;
-  int rc = lib.url_parse(target, &lud);
-  if (rc == LDAP_SUCCESS) {
-    printf("url %s: scheme %s, host %s, port %d, base %s\n", target, lud->lud_scheme,
-           lud->lud_host ? lud->lud_host : "(none)", lud->lud_port, lud->lud_dn ? lud->lud_dn : "(none)");
-    lib.free_urldesc(lud);
-  } else {
-    printf("%s is a host list, not a URL (%d: %s)\n", target, rc, lib.err2string(rc));
-  }
-  LDAP *ld = lib.init(target, 0);
-  if (ld == nullptr) {
-    printf("tav_ldap_init(\"%s\", 0) failed\n", target);
-    return 1;
-  }
-  printf("tav_ldap_init(\"%s\", 0): session created\n", target);
-  int version = LDAP_VERSION3;
-  rc = lib.set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
-  printf("protocol version 3: %d (%s)\n", rc, lib.err2string(rc));
-  int deref = 7;
-  rc = lib.set_option(ld, LDAP_OPT_DEREF, &deref);
-  printf("alias dereferencing 7 refused: %d (%s)\n", rc, lib.err2string(rc));
-  rc = lib.get_errno(ld);
-  printf("last result on this thread: %d (%s)\n", rc, lib.err2string(rc));
-  rc = lib.unbind(ld);
-  printf("tav_ldap_unbind: %d (%s)\n", rc, lib.err2string(rc));
-  return rc == LDAP_SUCCESS ? 0 : 1;
-}
-
-int report(Library &lib, const std::string &what, int rc) {
-  fflush(stdout);  // progress lines first, then what went wrong
-  if (rc != LDAP_SUCCESS) fprintf(stderr, "tavldap: %s: %s (%d)\n", what.c_str(), lib.err2string(rc), rc);
+// A failure the library reports for the session (not a result message).
+int session_error(LDAP *ld, const char *func, int rc) {
+  char *matched = nullptr, *text = nullptr;
+  ldap_get_error_info(ld, &matched, &text);
+  print_error(func, rc, matched, text, nullptr);
+  ldap_memfree(matched);
+  ldap_memfree(text);
   return rc;
+}
+
+struct Result {
+  int code = LDAP_OTHER;
+  char *matched = nullptr, *text = nullptr, **refs = nullptr;
+  LDAPControl **ctrls = nullptr;
+  LDAPMessage *msg = nullptr;
+  ~Result() {
+    ldap_memfree(matched);
+    ldap_memfree(text);
+    ldap_value_free(refs);
+    ldap_controls_free(ctrls);
+    ldap_msgfree(msg);
+  }
+};
+
+// Waits for the answer to msgid and reads it; the code (a local one when
+// none came).
+int wait_result(LDAP *ld, int msgid, Result &r) {
+  if (ldap_result(ld, msgid, LDAP_MSG_ALL, nullptr, &r.msg) <= 0) return r.code = ldap_get_errno(ld);
+  int rc = ldap_parse_result(ld, r.msg, &r.code, &r.matched, &r.text, &r.refs, &r.ctrls, 0);
+  if (rc != LDAP_SUCCESS) r.code = rc;
+  return r.code;
+}
+
+// The operation's result, printed as ldap-utils print a failure.
+int finish(LDAP *ld, const char *func, int rc, int msgid) {
+  if (rc != LDAP_SUCCESS) return session_error(ld, func, rc);
+  Result r;
+  if (wait_result(ld, msgid, r) != LDAP_SUCCESS) print_error(func, r.code, r.matched, r.text, r.refs);
+  return r.code;
+}
+
+// Server controls from -M and -e assert=; owned by the list.
+struct Controls {
+  std::vector<LDAPControl *> list;
+  ~Controls() {
+    for (auto *c : list)
+      if (c) ldap_control_free(c);
+  }
+  LDAPControl **get() {
+    if (list.empty()) return nullptr;
+    if (list.back() != nullptr) list.push_back(nullptr);
+    return list.data();
+  }
+  int add(LDAPControl *c) {
+    if (!list.empty() && list.back() == nullptr) list.pop_back();
+    list.push_back(c);
+    return LDAP_SUCCESS;
+  }
+};
+
+int common_controls(LDAP *ld, const Options &o, Controls &c) {
+  LDAPControl *ctrl = nullptr;
+  if (o.manage_dsa_it) {
+    if (int rc = ldap_build_control(&ctrl, LDAP_CONTROL_MANAGEDSAIT, 0, nullptr, 1); rc != 0) return rc;
+    c.add(ctrl);
+  }
+  if (!o.assertion.empty()) {
+    if (int rc = ldap_create_assertion_control(ld, o.assertion.c_str(), 1, &ctrl); rc != 0) return rc;
+    c.add(ctrl);
+  }
+  return LDAP_SUCCESS;
+}
+
+bool read_file(const std::string &path, std::string *text) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    fprintf(stderr, "tavldap: cannot read %s: %s\n", path.c_str(), strerror(errno));
+    return false;
+  }
+  text->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return true;
 }
 
 const Options *rebind_identity = nullptr;
@@ -233,161 +261,276 @@ int rebind(LDAP *, char **dn, char **pw, int *method, int freeit) {
   return LDAP_SUCCESS;
 }
 
-// A session to the server the options name, protocol version 3, limits set,
-// bound when a DN or password was given.  Null after saying why.
-LDAP *open_session(Library &lib, Options &o, int *rc) {
-  const std::string target = o.uri.empty() ? o.host : o.uri;
-  LDAP *ld = lib.init(target.c_str(), o.uri.empty() ? o.port : 0);
-  if (ld == nullptr) {
-    fprintf(stderr, "tavldap: cannot create a session for \"%s\"\n", target.c_str());
-    *rc = LDAP_PARAM_ERROR;
+// A session as the options say: URI list or host, protocol version,
+// referrals, limits, time-outs, StartTLS, then a simple bind (anonymous
+// without -D or a password, as ldap-utils bind).  Null after saying why,
+// with the code in *rc.
+LDAP *open_session(Options &o, int *rc) {
+  if (!o.keydb.empty()) {
+    int tavrc = 0;
+    *rc = ldap_ssl_client_init(o.keydb.c_str(), o.keydb_password.empty() ? nullptr : o.keydb_password.c_str(), 0,
+                               &tavrc);
+    if (*rc != LDAP_SUCCESS) {
+      print_error("ldap_ssl_client_init", *rc, nullptr, nullptr, nullptr);
+      return nullptr;
+    }
+  }
+  LDAP *ld = nullptr;
+  if (!o.uri.empty()) {
+    *rc = ldap_initialize(&ld, o.uri.c_str());
+  } else {
+    ld = ldap_init(o.host.empty() ? "localhost" : o.host.c_str(), o.port);
+    *rc = ld ? LDAP_SUCCESS : LDAP_PARAM_ERROR;
+  }
+  if (*rc != LDAP_SUCCESS || ld == nullptr) {
+    fprintf(stderr, "Could not create LDAP session handle for URI=%s (%d): %s\n", o.uri.c_str(), peer_code(*rc),
+            peer_text(*rc));
     return nullptr;
   }
-  if (o.verbose) {
-    if (o.uri.empty())
-      fprintf(stderr, "tavldap: session for %s port %d\n", target.c_str(), o.port ? o.port : LDAP_PORT);
-    else
-      fprintf(stderr, "tavldap: session for %s\n", target.c_str());
-  }
-  int version = LDAP_VERSION3;
-  *rc = lib.set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
-  if (*rc == LDAP_SUCCESS && o.no_chase) *rc = lib.set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
-  if (*rc == LDAP_SUCCESS && o.sizelimit >= 0) *rc = lib.set_option(ld, LDAP_OPT_SIZELIMIT, &o.sizelimit);
-  if (*rc == LDAP_SUCCESS && o.timelimit >= 0) *rc = lib.set_option(ld, LDAP_OPT_TIMELIMIT, &o.timelimit);
+  if (o.verbose) fprintf(stderr, "ldap_initialize( %s )\n", o.uri.empty() ? o.host.c_str() : o.uri.c_str());
   struct timeval network = {o.nettimeout, 0}, operation = {o.optimeout, 0};
-  if (*rc == LDAP_SUCCESS && o.nettimeout >= 0) *rc = lib.set_option(ld, LDAP_OPT_NETWORK_TIMEOUT, &network);
-  if (*rc == LDAP_SUCCESS && o.optimeout >= 0) *rc = lib.set_option(ld, LDAP_OPT_TIMEOUT, &operation);
+  *rc = ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &o.version);
+  if (*rc == LDAP_SUCCESS) *rc = ldap_set_option(ld, LDAP_OPT_REFERRALS, o.chase ? LDAP_OPT_ON : LDAP_OPT_OFF);
+  if (*rc == LDAP_SUCCESS && o.deref >= 0) *rc = ldap_set_option(ld, LDAP_OPT_DEREF, &o.deref);
+  if (*rc == LDAP_SUCCESS && o.timelimit > 0) *rc = ldap_set_option(ld, LDAP_OPT_TIMELIMIT, &o.timelimit);
+  if (*rc == LDAP_SUCCESS && o.nettimeout >= 0) *rc = ldap_set_option(ld, LDAP_OPT_NETWORK_TIMEOUT, &network);
+  if (*rc == LDAP_SUCCESS && o.optimeout >= 0) *rc = ldap_set_option(ld, LDAP_OPT_TIMEOUT, &operation);
+  // A referral may name any server: it gets the password only when asked for.
+  rebind_identity = &o;
+  if (*rc == LDAP_SUCCESS && o.chase && o.referral_credentials)
+    *rc = ldap_set_option(ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(&rebind));
   if (*rc != LDAP_SUCCESS) {
-    report(lib, "setting session options", *rc);
-    lib.unbind(ld);
+    print_error("ldap_set_option", *rc, nullptr, nullptr, nullptr);
+    ldap_unbind(ld);
     return nullptr;
+  }
+  if (o.starttls) {
+    *rc = ldap_start_tls_s(ld, nullptr, nullptr);
+    if (*rc != LDAP_SUCCESS) {
+      session_error(ld, "ldap_start_tls", *rc);
+      if (o.starttls > 1) {
+        ldap_unbind(ld);
+        return nullptr;
+      }
+    }
   }
   if (o.prompt) {
     char *pw = getpass("Enter LDAP Password: ");
     o.password = pw ? pw : "";
     o.have_password = true;
+  } else if (!o.password_file.empty()) {
+    if (!read_file(o.password_file, &o.password)) {
+      *rc = LDAP_PARAM_ERROR;
+      ldap_unbind(ld);
+      return nullptr;
+    }
+    o.have_password = true;
   }
-  if (!o.binddn.empty() || o.have_password) {
-    if (!require({{(const void *)lib.simple_bind_s, "tav_ldap_simple_bind_s"}})) {
-      *rc = LDAP_NOT_SUPPORTED;
-      lib.unbind(ld);
-      return nullptr;
-    }
-    if (o.verbose) fprintf(stderr, "tavldap: binding as \"%s\"\n", o.binddn.c_str());
-    *rc = lib.simple_bind_s(ld, o.binddn.empty() ? nullptr : o.binddn.c_str(),
-                            o.have_password ? o.password.c_str() : nullptr);
-    // Servers that referrals lead to get the password only when asked for:
-    // a referral may name any server.  Otherwise the library chases them
-    // anonymously.
-    rebind_identity = &o;
-    if (*rc == LDAP_SUCCESS && o.referral_credentials)
-      *rc = lib.set_option(ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(&rebind));
-    if (*rc != LDAP_SUCCESS) {
-      report(lib, "bind as \"" + o.binddn + "\"", *rc);
-      lib.unbind(ld);
-      return nullptr;
-    }
+  const int msgid = ldap_simple_bind(ld, o.binddn.empty() ? nullptr : o.binddn.c_str(),
+                                     o.have_password ? o.password.c_str() : nullptr);
+  *rc = msgid < 0 ? session_error(ld, "ldap_sasl_bind(SIMPLE)", ldap_get_errno(ld))
+                  : finish(ld, "ldap_bind", LDAP_SUCCESS, msgid);
+  if (*rc != LDAP_SUCCESS) {
+    ldap_unbind(ld);
+    return nullptr;
   }
   return ld;
 }
 
-// The entries of a result chain as LDIF on standard output; their number.
-int print_entries(Library &lib, LDAP *ld, LDAPMessage *res, const Options &o) {
-  int count = 0;
-  for (LDAPMessage *e = res ? lib.first_entry(ld, res) : nullptr; e != nullptr; e = lib.next_entry(ld, e)) {
-    std::string out;
-    char *dn = lib.get_dn(ld, e);
-    out += tavldif::attr_line("dn", dn ? dn : "");
-    lib.memfree(dn);
-    BerElement *state = nullptr;
-    for (char *a = lib.first_attribute(ld, e, &state); a != nullptr; a = lib.next_attribute(ld, e, state)) {
-      struct berval **vals = lib.get_values_len(ld, e, a);
-      if (o.attrs_only || vals == nullptr) {
-        out += std::string(a) + ":\n";
-      } else {
-        for (struct berval **v = vals; *v != nullptr; ++v)
-          out += tavldif::attr_line(a, std::string_view((*v)->bv_val, (*v)->bv_len));
-      }
-      lib.value_free_len(vals);
-      lib.memfree(a);
+// The user-friendly name ldapsearch writes above each entry: the RDN values
+// with ", " between them and a run of domain components dotted.
+std::string ufn(const char *dn) {
+  char **rdns = ldap_explode_dn(dn, 0);
+  if (rdns == nullptr) return dn;
+  std::string out;
+  bool in_dc = false;
+  for (char **r = rdns; *r; ++r) {
+    std::string rdn = *r, value;
+    for (size_t start = 0; start <= rdn.size();) {
+      size_t plus = rdn.find('+', start);
+      std::string ava = rdn.substr(start, plus == std::string::npos ? std::string::npos : plus - start);
+      size_t eq = ava.find('=');
+      value += (value.empty() ? "" : " + ") + (eq == std::string::npos ? ava : ava.substr(eq + 1));
+      if (plus == std::string::npos) break;
+      start = plus + 1;
     }
-    lib.ber_free(state);
-    fputs(count++ ? "\n" : "", stdout);
-    fputs(out.c_str(), stdout);
+    const bool dc = strncasecmp(*r, "dc=", 3) == 0 && strchr(*r, '+') == nullptr;
+    out += (r == rdns ? "" : in_dc && dc ? "." : ", ") + value;
+    in_dc = dc;
   }
-  return count;
+  ldap_value_free(rdns);
+  return out;
 }
 
-bool require_walk(Library &lib) {
-  return require({{(const void *)lib.first_entry, "tav_ldap_first_entry"},
-                  {(const void *)lib.next_entry, "tav_ldap_next_entry"},
-                  {(const void *)lib.get_dn, "tav_ldap_get_dn"},
-                  {(const void *)lib.first_attribute, "tav_ldap_first_attribute"},
-                  {(const void *)lib.next_attribute, "tav_ldap_next_attribute"},
-                  {(const void *)lib.get_values_len, "tav_ldap_get_values_len"},
-                  {(const void *)lib.value_free_len, "tav_ldap_value_free_len"},
-                  {(const void *)lib.msgfree, "tav_ldap_msgfree"},
-                  {(const void *)lib.ber_free, "tav_ldap_ber_free"}});
+struct Counts {
+  int entries = 0, references = 0, responses = 0;
+};
+
+void print_entry(LDAP *ld, LDAPMessage *e, const Options &o) {
+  std::string out;
+  char *dn = ldap_get_dn(ld, e);
+  if (o.ldif < 2) out += "# " + ufn(dn ? dn : "") + "\n";
+  out += tavldif::attr_line("dn", dn ? dn : "");
+  ldap_memfree(dn);
+  BerElement *state = nullptr;
+  for (char *a = ldap_first_attribute(ld, e, &state); a != nullptr; a = ldap_next_attribute(ld, e, state)) {
+    struct berval **vals = ldap_get_values_len(ld, e, a);
+    if (o.attrs_only || vals == nullptr) {
+      out += std::string(a) + ":\n";
+    } else {
+      for (struct berval **v = vals; *v != nullptr; ++v)
+        out += tavldif::attr_line(a, std::string_view((*v)->bv_val, (*v)->bv_len));
+    }
+    ldap_value_free_len(vals);
+    ldap_memfree(a);
+  }
+  ldap_ber_free(state);
+  fputs((out + "\n").c_str(), stdout);
 }
 
-int cmd_search(Library &lib, Options &o) {
-  if (!require({{(const void *)lib.search_st, "tav_ldap_search_st"}}) || !require_walk(lib)) return LDAP_NOT_SUPPORTED;
-  const std::string filter = o.args.empty() ? "(objectClass=*)" : o.args[0];
+// References: values at the default level, comments at -L and beyond, each
+// written as ldapsearch writes them.
+void print_refs(char **refs, const Options &o) {
+  for (char **r = refs; r && *r; ++r) fputs(o.ldif ? ("# ref" + std::string(*r) + "\n").c_str() : tavldif::attr_line("ref", *r).c_str(), stdout);
+}
+
+void print_reference(LDAP *ld, LDAPMessage *m, const Options &o) {
+  char **refs = nullptr;
+  if (ldap_parse_reference(ld, m, &refs, nullptr, 0) != LDAP_SUCCESS) return;
+  if (o.ldif < 2) fputs("# search reference\n", stdout);
+  print_refs(refs, o);
+  fputs("\n", stdout);
+  ldap_value_free(refs);
+}
+
+// The search result: LDIF-style at the default level, the code and the
+// server's text on standard error at -L and beyond, as ldapsearch does.
+void print_search_result(const Result &r, int msgid, const Options &o) {
+  if (o.ldif < 2) fputs("# search result\n", stdout);
+  if (o.ldif == 0) {
+    printf("search: %d\nresult: %d %s\n", msgid, peer_code(r.code), peer_text(r.code));
+    if (r.matched && *r.matched) fputs(tavldif::attr_line("matchedDN", r.matched).c_str(), stdout);
+    if (r.text && *r.text) fputs(tavldif::attr_line("text", r.text).c_str(), stdout);
+    print_refs(r.refs, o);
+  } else if (r.code != LDAP_SUCCESS) {
+    fflush(stdout);
+    fprintf(stderr, "%s (%d)\n", peer_text(r.code), peer_code(r.code));
+    if (r.matched && *r.matched) fprintf(stderr, "Matched DN: %s\n", r.matched);
+    if (r.text && *r.text) fprintf(stderr, "Additional information: %s\n", r.text);
+    for (char **ref = r.refs; ref && *ref; ++ref) fprintf(stderr, "Referral: %s\n", *ref);
+  }
+  if (o.ldif < 2) fputs("\n", stdout);
+}
+
+const char *scope_name(int scope) {
+  return scope == LDAP_SCOPE_BASE ? "baseObject" : scope == LDAP_SCOPE_ONELEVEL ? "oneLevel" : "subtree";
+}
+
+int cmd_search(Options &o) {
+  std::string filter = "(objectclass=*)";
+  size_t first_attr = 0;
+  if (!o.args.empty() && o.args[0].find('=') != std::string::npos) {
+    filter = o.args[0];
+    first_attr = 1;
+  }
   std::vector<char *> attrs;
-  for (size_t i = 1; i < o.args.size(); ++i) attrs.push_back(o.args[i].data());
+  for (size_t i = first_attr; i < o.args.size(); ++i) attrs.push_back(o.args[i].data());
   attrs.push_back(nullptr);
+  if (o.ldif > 0 && o.ldif < 3) fputs("version: 1\n\n", stdout);
+  if (o.ldif < 2) {
+    printf("%s#\n# LDAPv%d\n# base <%s>%s with scope %s\n# filter: %s\n# requesting: ", o.ldif ? "" : "# extended LDIF\n",
+           o.version, o.base.c_str(), o.have_base ? "" : " (default)", scope_name(o.scope), filter.c_str());
+    if (attrs.size() == 1) fputs("ALL", stdout);
+    for (size_t i = 0; i + 1 < attrs.size(); ++i) printf("%s ", attrs[i]);
+    if (o.page_size > 0) printf("\n# with pagedResults control: size=%d", o.page_size);
+    fputs("\n#\n\n", stdout);
+  }
+  if (o.dry_run) return 0;
   int rc;
-  LDAP *ld = open_session(lib, o, &rc);
+  LDAP *ld = open_session(o, &rc);
   if (ld == nullptr) return rc;
-  if (o.verbose) fprintf(stderr, "tavldap: searching \"%s\" for %s\n", o.base.c_str(), filter.c_str());
-  LDAPMessage *res = nullptr;
-  rc = lib.search_st(ld, o.base.c_str(), o.scope, filter.c_str(), attrs.size() > 1 ? attrs.data() : nullptr,
-                     o.attrs_only ? 1 : 0, nullptr, &res);
-  // Entries that arrived are printed even when the search ended in an error
-  // (a size limit, say).
-  const int count = print_entries(lib, ld, res, o);
-  if (res != nullptr) lib.msgfree(res);
-  if (o.verbose) fprintf(stderr, "tavldap: %d entries\n", count);
-  lib.unbind(ld);
-  return report(lib, "search", rc);
-}
-
-// The search an LDAP URL describes; the session goes to -H/-h when given,
-// else to the URL's own server.
-int cmd_url(Library &lib, Options &o) {
-  if (!require({{(const void *)lib.url_search_st, "tav_ldap_url_search_st"}}) || !require_walk(lib))
-    return LDAP_NOT_SUPPORTED;
-  if (o.args.size() != 1) {
-    fprintf(stderr, "tavldap: url takes one LDAP URL\n");
-    return kUsage;
+  Controls common;
+  if ((rc = common_controls(ld, o, common)) != LDAP_SUCCESS) {
+    session_error(ld, "ldap_search_ext", rc);
+    ldap_unbind(ld);
+    return rc;
   }
-  if (o.uri.empty() && o.host == "localhost" && o.port == 0) o.uri = o.args[0];
-  int rc;
-  LDAP *ld = open_session(lib, o, &rc);
-  if (ld == nullptr) return rc;
-  LDAPMessage *res = nullptr;
-  rc = lib.url_search_st(ld, o.args[0].c_str(), o.attrs_only ? 1 : 0, nullptr, &res);
-  const int count = print_entries(lib, ld, res, o);
-  if (res != nullptr) lib.msgfree(res);
-  if (o.verbose) fprintf(stderr, "tavldap: %d entries\n", count);
-  lib.unbind(ld);
-  return report(lib, "url search", rc);
-}
-
-bool read_input(const Options &o, std::string *text, std::string *name) {
-  if (o.file.empty() || o.file == "-") {
-    *name = "(standard input)";
-    text->assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    return true;
+  Counts n;
+  struct berval *cookie = nullptr;
+  int status = LDAP_SUCCESS;
+  for (bool more = true; more;) {
+    more = false;
+    // The common controls belong to `common`; the page control is this turn's.
+    std::vector<LDAPControl *> ctrls;
+    for (auto *c : common.list)
+      if (c) ctrls.push_back(c);
+    std::unique_ptr<LDAPControl, void (*)(LDAPControl *)> page(nullptr, ldap_control_free);
+    if (o.page_size > 0) {
+      LDAPControl *p = nullptr;
+      rc = ldap_create_page_control(ld, (unsigned)o.page_size, cookie, 0, &p);
+      page.reset(p);
+      ctrls.push_back(p);
+    }
+    ctrls.push_back(nullptr);
+    int msgid = -1;
+    if (rc == LDAP_SUCCESS)
+      rc = ldap_search_ext(ld, o.base.c_str(), o.scope, filter.c_str(), attrs.size() > 1 ? attrs.data() : nullptr,
+                           o.attrs_only ? 1 : 0, ctrls.size() > 1 ? ctrls.data() : nullptr, nullptr, nullptr,
+                           o.sizelimit, &msgid);
+    if (rc != LDAP_SUCCESS) {
+      status = session_error(ld, "ldap_search_ext", rc);
+      break;
+    }
+    struct timeval wait = {o.optimeout, 0};
+    for (;;) {
+      LDAPMessage *m = nullptr;
+      const int type = ldap_result(ld, msgid, LDAP_MSG_ONE, o.optimeout >= 0 ? &wait : nullptr, &m);
+      if (type <= 0) {
+        status = type == 0 ? LDAP_TIMEOUT : ldap_get_errno(ld);
+        if (type == 0) ldap_abandon(ld, msgid);
+        ldap_msgfree(m);
+        session_error(ld, "ldap_result", status);
+        break;
+      }
+      ++n.responses;
+      if (type == LDAP_RES_SEARCH_ENTRY) {
+        ++n.entries;
+        print_entry(ld, m, o);
+        ldap_msgfree(m);
+        continue;
+      }
+      if (type == LDAP_RES_SEARCH_REFERENCE) {
+        ++n.references;
+        print_reference(ld, m, o);
+        ldap_msgfree(m);
+        continue;
+      }
+      Result r;
+      r.msg = m;
+      if ((rc = ldap_parse_result(ld, m, &r.code, &r.matched, &r.text, &r.refs, &r.ctrls, 0)) != LDAP_SUCCESS)
+        r.code = rc;
+      print_search_result(r, msgid, o);
+      status = r.code;
+      if (page && r.code == LDAP_SUCCESS) {
+        unsigned size = 0;
+        fber_bvfree(cookie);
+        cookie = nullptr;
+        more = ldap_parse_page_control(ld, r.ctrls, &size, &cookie) == LDAP_SUCCESS && cookie && cookie->bv_len > 0;
+        if (o.ldif > 0)
+          printf("# pagedresults: cookie=%s\n",
+                 cookie ? tavldif::base64_encode(std::string_view(cookie->bv_val, cookie->bv_len)).c_str() : "");
+      }
+      break;
+    }
   }
-  *name = o.file;
-  std::ifstream in(o.file, std::ios::binary);
-  if (!in) {
-    fprintf(stderr, "tavldap: cannot read %s: %s\n", o.file.c_str(), strerror(errno));
-    return false;
+  fber_bvfree(cookie);
+  if (o.ldif < 2) {
+    printf("# numResponses: %d\n", n.responses);
+    if (n.entries) printf("# numEntries: %d\n", n.entries);
+    if (n.references) printf("# numReferences: %d\n", n.references);
   }
-  text->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return true;
+  ldap_unbind(ld);
+  return status;
 }
 
 // Counted values for every modification, so values may hold any bytes.
@@ -422,41 +565,56 @@ class ModList {
   std::vector<LDAPMod *> list_;
 };
 
-int apply(Library &lib, LDAP *ld, tavldif::Record &r) {
+// One change record; `quiet` for the ldapdelete and ldapmodrdn forms, which
+// print nothing on success.
+int apply(LDAP *ld, tavldif::Record &r, const Options &o, LDAPControl **ctrls, bool quiet) {
   using tavldif::Change;
-  switch (r.change) {
-    case Change::None:
-    case Change::Add: {
-      printf("adding new entry \"%s\"\n", r.dn.c_str());
-      ModList mods(r.mods);
-      return report(lib, "adding \"" + r.dn + "\"", lib.add_s(ld, r.dn.c_str(), mods.get()));
+  static const char *const said[] = {"adding new entry", "adding new entry", "deleting entry", "modifying entry",
+                                     "modifying rdn of entry"};
+  static const char *const func[] = {"ldap_add", "ldap_add", "ldap_delete", "ldap_modify", "ldap_rename"};
+  const int k = static_cast<int>(r.change);
+  if (!quiet || o.verbose) printf("%s%s \"%s\"\n", o.dry_run ? "!" : "", said[k], r.dn.c_str());
+  int rc = LDAP_SUCCESS, msgid = -1;
+  if (!o.dry_run) {
+    ModList mods(r.mods);
+    const char *dn = r.dn.c_str();
+    switch (r.change) {
+      case Change::None:
+      case Change::Add:
+        rc = ldap_add_ext(ld, dn, mods.get(), ctrls, nullptr, &msgid);
+        break;
+      case Change::Modify:
+        rc = ldap_modify_ext(ld, dn, mods.get(), ctrls, nullptr, &msgid);
+        break;
+      case Change::Delete:
+        rc = ldap_delete_ext(ld, dn, ctrls, nullptr, &msgid);
+        break;
+      case Change::ModRdn:
+        rc = ldap_rename(ld, dn, r.newrdn.c_str(), r.has_newsuperior ? r.newsuperior.c_str() : nullptr,
+                         r.deleteoldrdn ? 1 : 0, ctrls, nullptr, &msgid);
+        break;
     }
-    case Change::Modify: {
-      printf("modifying entry \"%s\"\n", r.dn.c_str());
-      ModList mods(r.mods);
-      return report(lib, "modifying \"" + r.dn + "\"", lib.modify_s(ld, r.dn.c_str(), mods.get()));
+    if (quiet && r.change == Change::ModRdn && rc == LDAP_SUCCESS) {
+      // ldapmodrdn's own form of a failure, on standard output.
+      Result res;
+      if ((rc = wait_result(ld, msgid, res)) != LDAP_SUCCESS) {
+        printf("Rename Result: %s (%d)\n", peer_text(rc), peer_code(rc));
+        if (res.matched && *res.matched) printf("Matched DN: %s\n", res.matched);
+        if (res.text && *res.text) printf("Additional info: %s\n", res.text);
+      }
+    } else {
+      rc = finish(ld, func[k], rc, msgid);
     }
-    case Change::Delete:
-      printf("deleting entry \"%s\"\n", r.dn.c_str());
-      return report(lib, "deleting \"" + r.dn + "\"", lib.delete_s(ld, r.dn.c_str()));
-    case Change::ModRdn:
-      printf("renaming entry \"%s\" to \"%s\"\n", r.dn.c_str(), r.newrdn.c_str());
-      return report(lib, "renaming \"" + r.dn + "\"",
-                    lib.modrdn_s(ld, r.dn.c_str(), r.newrdn.c_str(), r.deleteoldrdn ? 1 : 0));
   }
-  return LDAP_OTHER;
+  if (!quiet) fputs("\n", stdout);
+  return rc;
 }
 
 // add, modify, delete, modrdn: LDIF change records from -f FILE or standard
-// input, each applied as soon as it has been read whole.  delete also takes
-// DNs and modrdn "DN NEWRDN" as arguments instead.
-int cmd_update(Library &lib, Options &o, tavldif::Change default_change) {
+// input, as ldapmodify applies them.  delete also takes DNs and modrdn
+// "DN NEWRDN" as arguments, as ldapdelete and ldapmodrdn do.
+int cmd_update(Options &o, tavldif::Change default_change) {
   using tavldif::Change;
-  if (!require({{(const void *)lib.add_s, "tav_ldap_add_s"},
-                {(const void *)lib.delete_s, "tav_ldap_delete_s"},
-                {(const void *)lib.modify_s, "tav_ldap_modify_s"},
-                {(const void *)lib.modrdn_s, "tav_ldap_modrdn_s"}}))
-    return LDAP_NOT_SUPPORTED;
   std::vector<tavldif::Record> given;
   if (default_change == Change::Delete) {
     for (const auto &dn : o.args) given.push_back({0, dn, Change::Delete, {}, "", false, false, "", 0});
@@ -465,21 +623,32 @@ int cmd_update(Library &lib, Options &o, tavldif::Change default_change) {
       fprintf(stderr, "tavldap: modrdn takes DN and NEWRDN (or LDIF on input)\n");
       return kUsage;
     }
-    given.push_back({0, o.args[0], Change::ModRdn, {}, o.args[1], o.delete_old_rdn, false, "", 0});
+    given.push_back({0, o.args[0], Change::ModRdn, {}, o.args[1], o.delete_old_rdn, !o.newsuperior.empty(),
+                     o.newsuperior, 0});
   } else if (!o.args.empty()) {
     fprintf(stderr, "tavldap: unexpected argument \"%s\" (LDIF comes from -f FILE or standard input)\n",
             o.args[0].c_str());
     return kUsage;
   }
-  std::string text, name;
-  if (given.empty() && !read_input(o, &text, &name)) return kBadInput;
-  int rc;
-  LDAP *ld = open_session(lib, o, &rc);
-  if (ld == nullptr) return rc;
+  std::string text, name = o.file.empty() || o.file == "-" ? "(standard input)" : o.file;
+  if (given.empty()) {
+    if (name == "(standard input)")
+      text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    else if (!read_file(o.file, &text))
+      return LDAP_PARAM_ERROR;
+  }
+  int rc = LDAP_SUCCESS;
+  LDAP *ld = o.dry_run ? nullptr : open_session(o, &rc);
+  if (ld == nullptr && !o.dry_run) return rc;
+  Controls ctrls;
+  if (ld && (rc = common_controls(ld, o, ctrls)) != LDAP_SUCCESS) {
+    session_error(ld, "ldap_control", rc);
+    ldap_unbind(ld);
+    return rc;
+  }
   int status = LDAP_SUCCESS;
   tavldif::Reader reader(std::move(text), default_change);
-  size_t next_given = 0;
-  for (;;) {
+  for (size_t next_given = 0;;) {
     tavldif::Record r;
     std::string error;
     if (next_given < given.size()) {
@@ -487,167 +656,375 @@ int cmd_update(Library &lib, Options &o, tavldif::Change default_change) {
     } else if (!given.empty() || !reader.next(&r, &error)) {
       if (error.empty()) break;
       fprintf(stderr, "tavldap: %s: %s\n", name.c_str(), error.c_str());
-      status = kBadInput;
+      status = LDAP_PARAM_ERROR;
       if (o.keep_going) continue;
       break;
     }
-    if (r.change == Change::ModRdn && r.has_newsuperior) {
-      // tav_ldap_modrdn_s renames within the parent; there is no exported way
-      // to move an entry, so the record is refused rather than half done.
-      fprintf(stderr, "tavldap: %s: line %d: newsuperior is not supported (renames stay within the parent)\n",
-              name.c_str(), r.newsuperior_line);
-      status = LDAP_NOT_SUPPORTED;
-      if (o.keep_going) continue;
-      break;
-    }
-    rc = apply(lib, ld, r);
+    rc = apply(ld, r, o, ctrls.get(), !given.empty());
     if (rc != LDAP_SUCCESS) {
       status = rc;
       if (!o.keep_going) break;
     }
   }
-  lib.unbind(ld);
+  if (ld) ldap_unbind(ld);
   return status;
 }
 
-// Usage goes to standard error after a mistake, to standard output when asked for.
-// "-o NAME=SECONDS": true when `arg` is NAME= followed by a whole number of
-// seconds, stored in *out.
-bool seconds_option(const char *arg, const char *name, long *out) {
-  const size_t n = strlen(name);
-  if (strncmp(arg, name, n) != 0 || arg[n] == '\0') return false;
-  char *end = nullptr;
-  errno = 0;
-  const long v = strtol(arg + n, &end, 10);
-  if (*end != '\0' || errno != 0 || v < 0) return false;
-  *out = v;
-  return true;
+// compare DN attr:value (attr::base64): TRUE (exit 6), FALSE (5), or the
+// failure and UNDEFINED, as ldapcompare prints them.
+int cmd_compare(Options &o) {
+  if (o.args.size() != 2 || o.args[1].find(':') == std::string::npos) {
+    fprintf(stderr, "tavldap: compare takes DN and attr:value (or attr::base64value)\n");
+    return kUsage;
+  }
+  const std::string &ava = o.args[1];
+  const size_t colon = ava.find(':');
+  const std::string attr = ava.substr(0, colon);
+  std::string value = ava.substr(colon + 1);
+  if (!value.empty() && value[0] == ':' && !tavldif::base64_decode(value.substr(1), &value)) {
+    fprintf(stderr, "tavldap: bad base64 value in \"%s\"\n", ava.c_str());
+    return kUsage;
+  }
+  if (o.dry_run) return 0;
+  int rc;
+  LDAP *ld = open_session(o, &rc);
+  if (ld == nullptr) return rc;
+  Controls ctrls;
+  struct berval bv = {value.size(), value.data()};
+  int msgid = -1;
+  Result r;
+  if ((rc = common_controls(ld, o, ctrls)) == LDAP_SUCCESS &&
+      (rc = ldap_compare_ext(ld, o.args[0].c_str(), attr.c_str(), &bv, ctrls.get(), nullptr, &msgid)) == LDAP_SUCCESS)
+    rc = wait_result(ld, msgid, r);
+  else
+    session_error(ld, "ldap_compare", rc);
+  if (rc == LDAP_COMPARE_TRUE || rc == LDAP_COMPARE_FALSE) {
+    puts(rc == LDAP_COMPARE_TRUE ? "TRUE" : "FALSE");
+  } else {
+    printf("Compare Result: %s (%d)\n", peer_text(rc), peer_code(rc));
+    if (r.matched && *r.matched) printf("Matched DN: %s\n", r.matched);
+    if (r.text && *r.text) printf("Additional info: %s\n", r.text);
+    puts("UNDEFINED");
+  }
+  ldap_unbind(ld);
+  return rc;
+}
+
+// An extended operation's answer, read whole; the code.
+int extended(LDAP *ld, const char *func, const char *oid, struct berval *data, Controls &ctrls, char **retoid,
+             struct berval **retdata) {
+  int msgid = -1;
+  int rc = ldap_extended_operation(ld, oid, data, ctrls.get(), nullptr, &msgid);
+  if (rc != LDAP_SUCCESS) return session_error(ld, func, rc);
+  Result r;
+  if (wait_result(ld, msgid, r) != LDAP_SUCCESS) {
+    print_error(func, r.code, r.matched, r.text, r.refs);
+    return r.code;
+  }
+  rc = ldap_parse_extended_result(ld, r.msg, retoid, retdata, 0);
+  return rc == LDAP_SUCCESS ? rc : session_error(ld, func, rc);
+}
+
+// whoami, exop, passwd: the extended operations ldapwhoami, ldapexop and
+// ldappasswd send, with their output.
+int cmd_exop(Options &o) {
+  const std::string kind = o.command == "exop" ? (o.args.empty() ? "" : o.args[0]) : o.command;
+  if (kind.empty()) {
+    fprintf(stderr, "tavldap: exop takes whoami, passwd or OID[:value|::base64value]\n");
+    return kUsage;
+  }
+  std::string oid = kind == "whoami" ? LDAP_EXOP_WHO_AM_I : kind == "passwd" ? LDAP_EXOP_MODIFY_PASSWD : kind, value;
+  bool have_value = false;
+  if (size_t colon = oid.find(':'); colon != std::string::npos && kind != "whoami" && kind != "passwd") {
+    value = oid.substr(colon + 1);
+    oid.resize(colon);
+    have_value = true;
+    if (!value.empty() && value[0] == ':' && !tavldif::base64_decode(value.substr(1), &value)) {
+      fprintf(stderr, "tavldap: bad base64 value in \"%s\"\n", kind.c_str());
+      return kUsage;
+    }
+  }
+  if (o.dry_run) return 0;
+  int rc;
+  LDAP *ld = open_session(o, &rc);
+  if (ld == nullptr) return rc;
+  Controls ctrls;
+  if ((rc = common_controls(ld, o, ctrls)) != LDAP_SUCCESS) {
+    session_error(ld, "ldap_control", rc);
+    ldap_unbind(ld);
+    return rc;
+  }
+  char *retoid = nullptr;
+  struct berval *retdata = nullptr;
+  if (kind == "passwd") {
+    // The request value is built by the library's own password call.
+    const std::string user = o.command == "passwd" ? (o.args.empty() ? "" : o.args[0]) : (o.args.size() > 1 ? o.args[1] : "");
+    struct berval u = {user.size(), const_cast<char *>(user.data())};
+    struct berval oldpw = {o.oldpw.size(), o.oldpw.data()}, newpw = {o.newpw.size(), o.newpw.data()};
+    int msgid = -1;
+    rc = ldap_passwd(ld, user.empty() ? nullptr : &u, o.have_oldpw ? &oldpw : nullptr, o.have_newpw ? &newpw : nullptr,
+                     ctrls.get(), nullptr, &msgid);
+    Result r;
+    if (rc != LDAP_SUCCESS) {
+      session_error(ld, "ldap_passwd", rc);
+    } else if ((rc = wait_result(ld, msgid, r)) != LDAP_SUCCESS) {
+      print_error("ldap_passwd", rc, r.matched, r.text, r.refs);
+    } else {
+      struct berval generated = {0, nullptr};
+      if (ldap_parse_passwd(ld, r.msg, &generated) == LDAP_SUCCESS && generated.bv_len > 0)
+        printf("New password: %.*s\n", (int)generated.bv_len, generated.bv_val);
+      ldap_memfree(generated.bv_val);
+    }
+  } else {
+    struct berval data = {value.size(), value.data()};
+    rc = extended(ld, kind == "whoami" ? "ldap_whoami" : "ldap_extended_operation", oid.c_str(),
+                  have_value ? &data : nullptr, ctrls, &retoid, &retdata);
+    if (rc == LDAP_SUCCESS && kind == "whoami") {
+      if (retdata == nullptr || retdata->bv_len == 0)
+        puts("anonymous");
+      else
+        printf("%.*s\n", (int)retdata->bv_len, retdata->bv_val);
+    } else if (rc == LDAP_SUCCESS) {
+      puts("# extended operation response");
+      if (retoid && *retoid) fputs(tavldif::attr_line("oid", retoid).c_str(), stdout);
+      // Always base64, as ldapexop writes the value.
+      if (retdata && retdata->bv_len > 0)
+        printf("data:: %s\n", tavldif::base64_encode(std::string_view(retdata->bv_val, retdata->bv_len)).c_str());
+    }
+  }
+  ldap_memfree(retoid);
+  fber_bvfree(retdata);
+  ldap_unbind(ld);
+  return rc;
+}
+
+// The search an LDAP URL describes; the session goes to -H/-h when given,
+// else to the URL's own server.
+int cmd_url(Options &o) {
+  if (o.args.size() != 1) {
+    fprintf(stderr, "tavldap: url takes one LDAP URL\n");
+    return kUsage;
+  }
+  if (o.uri.empty() && o.host.empty()) o.uri = o.args[0];
+  if (o.ldif == 0) o.ldif = 3;  // entries only: the URL is the whole request
+  int rc;
+  LDAP *ld = open_session(o, &rc);
+  if (ld == nullptr) return rc;
+  LDAPMessage *res = nullptr;
+  struct timeval wait = {o.optimeout, 0};
+  rc = ldap_url_search_st(ld, o.args[0].c_str(), o.attrs_only ? 1 : 0, o.optimeout >= 0 ? &wait : nullptr, &res);
+  if (rc != LDAP_SUCCESS) {
+    session_error(ld, "ldap_url_search", rc);
+  } else {
+    for (LDAPMessage *m = ldap_first_message(ld, res); m; m = ldap_next_message(ld, m)) {
+      if (ldap_msgtype(m) == LDAP_RES_SEARCH_ENTRY) print_entry(ld, m, o);
+      if (ldap_msgtype(m) == LDAP_RES_SEARCH_REFERENCE) print_reference(ld, m, o);
+    }
+    Result r;
+    if (ldap_parse_result(ld, res, &r.code, &r.matched, &r.text, &r.refs, nullptr, 0) == LDAP_SUCCESS)
+      print_search_result(r, ldap_msgid(res), o);
+    rc = r.code;
+  }
+  ldap_msgfree(res);
+  ldap_unbind(ld);
+  return rc;
 }
 
 void usage(FILE *to = stderr) {
   fprintf(to,
           "usage: tavldap [-d LEVEL] COMMAND [OPTIONS] [ARGS]\n"
-          "commands:\n"
-          "  info     print where the library was loaded from and its identification\n"
-          "  session [URL|HOSTS]  create a session (default: $TAVLDAP_TEST_URL) and unbind it\n"
-          "  search [FILTER [ATTR...]]  search and print the entries as LDIF\n"
-          "  url 'ldap://HOST:PORT/BASE?ATTRS?SCOPE?FILTER'  run the search a URL describes (LDIF out)\n"
-          "  add | modify | delete | modrdn   apply LDIF change records from -f FILE or standard input\n"
-          "           (records without changetype are of the command's kind; delete also takes DNs,\n"
-          "           modrdn also takes DN NEWRDN)\n"
-          "options:\n"
-          "  -H URL|HOSTS  server as an LDAP URL or a blank-separated host list\n"
-          "  -h HOST -p PORT   server as host and port (default localhost:389)\n"
-          "  -D DN -w PASSWORD | -W   simple bind (-W prompts for the password)\n"
-          "  -b BASE -s base|one|sub -z SIZELIMIT -l TIMELIMIT -A (attribute names only)\n"
-          "  -C (do not chase referrals: they come back as they are; by default they are followed\n"
-          "      anonymously)\n"
-          "  -o referral-credentials=yes|no  yes: bind to the servers referrals lead to as -D/-w too,\n"
-          "      handing them the password (default no)\n"
-          "  -o nettimeout=SECONDS  give up opening a connection (connect, SSL handshake) after that long\n"
-          "  -o timeout=SECONDS     give up waiting for each operation's answer after that long (code 85)\n"
-          "  -f FILE (LDIF input)  -c (go on after errors)  -r (modrdn: delete the old RDN)\n"
-          "  -v (verbose)  -d LEVEL (sets LDAP_DEBUG for the run)  -x (simple auth; the only kind)\n"
-          "exit status: 0, or the LDAP result code of the first failure (89 for malformed LDIF)\n");
+          "commands (and the ldap-utils program each stands for):\n"
+          "  info                       where libtav8ldap_64.so is found, and its identification\n"
+          "  search [FILTER [ATTR...]]  ldapsearch\n"
+          "  url URL                    the search an LDAP URL describes\n"
+          "  add | modify               ldapadd | ldapmodify: LDIF from -f FILE or standard input\n"
+          "  delete [DN...]             ldapdelete (LDIF on input without DNs)\n"
+          "  modrdn [DN NEWRDN]         ldapmodrdn (-r deletes the old RDN, -s NEWSUPERIOR moves)\n"
+          "  compare DN ATTR:VALUE      ldapcompare (ATTR::BASE64 too); exit 6 TRUE, 5 FALSE\n"
+          "  whoami                     ldapwhoami\n"
+          "  passwd [-a OLD] [-s NEW] [USER]   ldappasswd\n"
+          "  exop whoami|passwd|OID[:VALUE|::BASE64]   ldapexop\n"
+          "options (as ldap-utils spell them):\n"
+          "  -H URIS  -h HOST -p PORT  -x  -D DN  -w PW | -W | -y FILE  -Z | -ZZ  -P 2|3\n"
+          "  -b BASE  -s base|one|sub  -z SIZE  -l SECONDS  -a never|always|search|find  -A\n"
+          "  -L | -LL | -LLL  -C (chase referrals)  -M (manageDSAit)  -E pr=N  -e assert=FILTER\n"
+          "  -e manageDSAit  -c (go on after errors)  -n (show, do not send)  -v  -f FILE  -d LEVEL\n"
+          "  -o nettimeout=N | timeout=N | referral-credentials=yes|no | keydb=FILE |\n"
+          "     keydb-password=PW | ldif-wrap=no|76\n"
+          "exit status: as ldap-utils: 0, the server's result code, or 256 minus the client error\n");
 }
 
 bool parse_int(const char *text, int *out) {
   char *end = nullptr;
+  errno = 0;
   long v = strtol(text, &end, 10);
-  if (end == text || *end != '\0' || v < 0 || v > INT_MAX) return false;
+  if (end == text || *end != '\0' || errno != 0 || v < 0 || v > INT_MAX) return false;
   *out = static_cast<int>(v);
   return true;
 }
 
-// Options after the command, as ldapsearch and ldapmodify spell them.
+// "NAME=SECONDS": true when `arg` is NAME= followed by a whole number.
+bool seconds_option(const char *arg, const char *name, long *out) {
+  const size_t n = strlen(name);
+  int v;
+  if (strncmp(arg, name, n) != 0 || !parse_int(arg + n, &v)) return false;
+  *out = v;
+  return true;
+}
+
+bool bad(const char *what, const char *arg) {
+  fprintf(stderr, "tavldap: bad %s \"%s\"\n", what, arg);
+  return false;
+}
+
+// One option letter; the letters mean what they mean to the ldap-utils
+// program the command stands for (-s: scope to ldapsearch, new superior to
+// ldapmodrdn, new password to ldappasswd).
+bool take_option(int opt, const char *arg, Options &o) {
+  const bool search = o.command == "search" || o.command == "url";
+  const bool passwd = o.command == "passwd";
+  switch (opt) {
+    case 'H':
+      o.uri = arg;
+      return true;
+    case 'h':
+      o.host = arg;
+      return true;
+    case 'p':
+      return (parse_int(arg, &o.port) && o.port <= 65535) || bad("port", arg);
+    case 'D':
+      o.binddn = arg;
+      return true;
+    case 'w':
+      o.password = arg;
+      o.have_password = true;
+      return true;
+    case 'W':
+      o.prompt = true;
+      return true;
+    case 'y':
+      o.password_file = arg;
+      return true;
+    case 'Z':
+      ++o.starttls;
+      return true;
+    case 'P':
+      if (strcmp(arg, "2") == 0 || strcmp(arg, "3") == 0) {
+        o.version = arg[0] - '0';
+        return true;
+      }
+      return bad("protocol version", arg);
+    case 'b':
+      o.base = arg;
+      o.have_base = true;
+      return true;
+    case 's':
+      if (o.command == "modrdn") {
+        o.newsuperior = arg;
+      } else if (passwd) {
+        o.newpw = arg;
+        o.have_newpw = true;
+      } else if (strcasecmp(arg, "base") == 0) {
+        o.scope = LDAP_SCOPE_BASE;
+      } else if (strcasecmp(arg, "one") == 0 || strcasecmp(arg, "onelevel") == 0) {
+        o.scope = LDAP_SCOPE_ONELEVEL;
+      } else if (strcasecmp(arg, "sub") == 0 || strcasecmp(arg, "subtree") == 0) {
+        o.scope = LDAP_SCOPE_SUBTREE;
+      } else {
+        return bad("scope", arg);
+      }
+      return true;
+    case 'z':
+      return parse_int(arg, &o.sizelimit) || bad("size limit", arg);
+    case 'l':
+      return parse_int(arg, &o.timelimit) || bad("time limit", arg);
+    case 'a':
+      if (passwd) {
+        o.oldpw = arg;
+        o.have_oldpw = true;
+        return true;
+      }
+      for (const auto &[name, value] : {std::pair<const char *, int>{"never", LDAP_DEREF_NEVER},
+                                        {"search", LDAP_DEREF_SEARCHING},
+                                        {"find", LDAP_DEREF_FINDING},
+                                        {"always", LDAP_DEREF_ALWAYS}})
+        if (strcasecmp(arg, name) == 0) {
+          o.deref = value;
+          return true;
+        }
+      return bad("alias dereferencing", arg);
+    case 'A':
+      o.attrs_only = true;
+      return true;
+    case 'L':
+      ++o.ldif;
+      return true;
+    case 'C':
+      o.chase = true;
+      return true;
+    case 'M':
+      o.manage_dsa_it = true;
+      return true;
+    case 'E':
+    case 'e': {
+      const char *v = arg[0] == '!' ? arg + 1 : arg;  // "!" marks critical; these are always sent critical
+      if (strcmp(v, "manageDSAit") == 0) {
+        o.manage_dsa_it = true;
+      } else if (strncmp(v, "assert=", 7) == 0) {
+        o.assertion = v + 7;
+      } else if (opt == 'E' && search && strncmp(v, "pr=", 3) == 0) {
+        std::string size(v + 3);
+        size = size.substr(0, size.find('/'));  // "/noprompt": pages are always read without asking
+        if (!parse_int(size.c_str(), &o.page_size) || o.page_size == 0) return bad("page size", arg);
+      } else {
+        return bad("control", arg);
+      }
+      return true;
+    }
+    case 'c':
+      o.keep_going = true;
+      return true;
+    case 'n':
+      o.dry_run = true;
+      return true;
+    case 'v':
+      o.verbose = true;
+      return true;
+    case 'f':
+      o.file = arg;
+      return true;
+    case 'r':
+      o.delete_old_rdn = true;
+      return true;
+    case 'x':
+      return true;
+    case 'd':
+      setenv("LDAP_DEBUG", arg, 1);
+      return true;
+    case 'o':
+      if (strcmp(arg, "referral-credentials=yes") == 0 || strcmp(arg, "referral-credentials=no") == 0) {
+        o.referral_credentials = arg[21] == 'y';
+      } else if (strncmp(arg, "keydb=", 6) == 0) {
+        o.keydb = arg + 6;
+      } else if (strncmp(arg, "keydb-password=", 15) == 0) {
+        o.keydb_password = arg + 15;
+      } else if (strcmp(arg, "ldif-wrap=no") != 0 && strcmp(arg, "ldif-wrap=76") != 0 &&
+                 !seconds_option(arg, "nettimeout=", &o.nettimeout) && !seconds_option(arg, "timeout=", &o.optimeout)) {
+        return bad("-o option", arg);
+      }
+      return true;
+    default:
+      return false;
+  }
+}
+
 int parse_options(int argc, char **argv, Options &o) {
   int opt;
   optind = 1;
-  while ((opt = getopt(argc, argv, "H:h:p:D:w:Wb:s:z:l:ACvcf:rxd:o:")) != -1) {
-    switch (opt) {
-      case 'H':
-        o.uri = optarg;
-        break;
-      case 'h':
-        o.host = optarg;
-        break;
-      case 'p':
-        if (!parse_int(optarg, &o.port) || o.port > 65535) {
-          fprintf(stderr, "tavldap: bad port \"%s\"\n", optarg);
-          return kUsage;
-        }
-        break;
-      case 'D':
-        o.binddn = optarg;
-        break;
-      case 'w':
-        o.password = optarg;
-        o.have_password = true;
-        break;
-      case 'W':
-        o.prompt = true;
-        break;
-      case 'b':
-        o.base = optarg;
-        break;
-      case 's':
-        if (strcmp(optarg, "base") == 0) {
-          o.scope = LDAP_SCOPE_BASE;
-        } else if (strcmp(optarg, "one") == 0 || strcmp(optarg, "onelevel") == 0) {
-          o.scope = LDAP_SCOPE_ONELEVEL;
-        } else if (strcmp(optarg, "sub") == 0 || strcmp(optarg, "subtree") == 0) {
-          o.scope = LDAP_SCOPE_SUBTREE;
-        } else {
-          fprintf(stderr, "tavldap: scope must be base, one or sub, not \"%s\"\n", optarg);
-          return kUsage;
-        }
-        break;
-      case 'z':
-      case 'l':
-        if (!parse_int(optarg, opt == 'z' ? &o.sizelimit : &o.timelimit)) {
-          fprintf(stderr, "tavldap: bad limit \"%s\"\n", optarg);
-          return kUsage;
-        }
-        break;
-      case 'A':
-        o.attrs_only = true;
-        break;
-      case 'C':
-        o.no_chase = true;
-        break;
-      case 'v':
-        o.verbose = true;
-        break;
-      case 'c':
-        o.keep_going = true;
-        break;
-      case 'f':
-        o.file = optarg;
-        break;
-      case 'r':
-        o.delete_old_rdn = true;
-        break;
-      case 'x':
-        break;
-      case 'd':
-        setenv("LDAP_DEBUG", optarg, 1);
-        break;
-      case 'o':
-        if (strcmp(optarg, "referral-credentials=yes") == 0) {
-          o.referral_credentials = true;
-        } else if (strcmp(optarg, "referral-credentials=no") == 0) {
-          o.referral_credentials = false;
-        } else if (!seconds_option(optarg, "nettimeout=", &o.nettimeout) &&
-                   !seconds_option(optarg, "timeout=", &o.optimeout)) {
-          fprintf(stderr,
-                  "tavldap: unknown -o option \"%s\" (known: referral-credentials=yes|no, nettimeout=N, timeout=N)\n",
-                  optarg);
-          return kUsage;
-        }
-        break;
-      default:
-        usage();
-        return kUsage;
+  while ((opt = getopt(argc, argv, "H:h:p:D:w:Wy:ZP:b:s:z:l:a:ALCME:e:cnvf:rxd:o:")) != -1) {
+    if (opt == '?' || !take_option(opt, optarg, o)) {
+      if (opt == '?') usage();
+      return kUsage;
     }
   }
   for (int i = optind; i < argc; ++i) o.args.push_back(argv[i]);
@@ -679,25 +1056,36 @@ int main(int argc, char **argv) {
     usage();
     return kUsage;
   }
-  const std::string command = argv[optind];
-  // The command's own options; LDAP_DEBUG must be set before the library loads.
   Options o;
-  const bool takes_options = command != "info" && command != "session";
-  if (takes_options) {
-    if (int rc = parse_options(argc - optind, argv + optind, o); rc != 0) return rc;
-  }
-  Library lib;
-  if (!load(lib)) return 1;
+  o.command = argv[optind];
+  if (o.command == "info") return cmd_info();
   using tavldif::Change;
-  if (command == "info") return cmd_info(lib);
-  if (command == "session") return cmd_session(lib, optind + 1 < argc ? argv[optind + 1] : getenv("TAVLDAP_TEST_URL"));
-  if (command == "search") return cmd_search(lib, o);
-  if (command == "url") return cmd_url(lib, o);
-  if (command == "add") return cmd_update(lib, o, Change::Add);
-  if (command == "modify") return cmd_update(lib, o, Change::Modify);
-  if (command == "delete") return cmd_update(lib, o, Change::Delete);
-  if (command == "modrdn") return cmd_update(lib, o, Change::ModRdn);
-  fprintf(stderr, "tavldap: unknown command '%s'\n", command.c_str());
-  usage();
-  return kUsage;
+  static const char *const commands[] = {"search", "url",     "add",    "modify", "delete", "modrdn",
+                                         "compare", "whoami", "passwd", "exop"};
+  bool known = false;
+  for (const char *c : commands) known = known || o.command == c;
+  if (!known) {
+    fprintf(stderr, "tavldap: unknown command '%s'\n", o.command.c_str());
+    usage();
+    return kUsage;
+  }
+  if (int rc = parse_options(argc - optind, argv + optind, o); rc != 0) return rc;
+  int rc;
+  if (o.command == "search")
+    rc = cmd_search(o);
+  else if (o.command == "url")
+    rc = cmd_url(o);
+  else if (o.command == "add")
+    rc = cmd_update(o, Change::Add);
+  else if (o.command == "modify")
+    rc = cmd_update(o, Change::Modify);
+  else if (o.command == "delete")
+    rc = cmd_update(o, Change::Delete);
+  else if (o.command == "modrdn")
+    rc = cmd_update(o, Change::ModRdn);
+  else if (o.command == "compare")
+    rc = cmd_compare(o);
+  else
+    rc = cmd_exop(o);
+  return exit_code(rc);
 }
