@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang libclang-rt-14-dev binutils
+  cmake ninja-build g++ clang libclang-rt-14-dev binutils llvm
   libgtest-dev libgmock-dev libbenchmark-dev
   slapd ldap-utils libldap-dev
   libssl-dev openssl
