@@ -8,14 +8,7 @@
 #include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
-
-// Protocol tags of the update requests.
-#define LDAP_REQ_MODIFY 0x66
-#define LDAP_REQ_ADD 0x68
-#define LDAP_REQ_DELETE 0x4A
-#define LDAP_REQ_MODDN 0x6C
-// The newSuperior element of a ModifyDNRequest ([0], primitive).
-#define LDAP_TAG_NEWSUPERIOR 0x80
+#include "ldap-protocol.h"
 
 extern "C" {
 TAV_INTERNAL int ldap_add(LDAP *ld, const char *dn, LDAPMod **attrs);

@@ -3,15 +3,18 @@
 // goes back as soon as it is written.
 #include "ldap-debug.h"
 #include "ldap-engine.h"
+#include "ldap-protocol.h"
 #include "ldap-utils.h"
 
 namespace {
-constexpr int kAbandonRequest = 0x50;  // [APPLICATION 16], primitive
+using ldap_proto::kAbandonRequest;
 }
 
 extern "C" {
 
-int ldap_send_abandon(LDAP *ld, LDAPConn *conn, int abandoned) { return ldap_send_abandon_ctrls(ld, conn, abandoned, nullptr); }
+int ldap_send_abandon(LDAP *ld, LDAPConn *conn, int abandoned) {
+  return ldap_send_abandon_ctrls(ld, conn, abandoned, nullptr);
+}
 
 int ldap_send_abandon_ctrls(LDAP *ld, LDAPConn *conn, int abandoned, LDAPControl **sctrls) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_send_abandon: msgid(%d)\n", abandoned);

@@ -3,11 +3,11 @@
 
 namespace {
 
-const LdapUpdateWorker kAdd = {"ldap_add_ext_direct, NULL server connection\n", false, LDAP_REQ_ADD};
+const LdapUpdateWorker kAdd = {"ldap_add_ext_direct, NULL server connection\n", false, ldap_proto::kAddRequest};
 
 // The operation bits of mod_op mean nothing to an add; only LDAP_MOD_BVALUES counts.
 int encode_add(BerElement *ber, const char *dn, LDAPMod **attrs) {
-  if (fber_printf(ber, "t{s{", (ber_tag_t)LDAP_REQ_ADD, dn) != 0) return -1;
+  if (fber_printf(ber, "t{s{", (ber_tag_t)ldap_proto::kAddRequest, dn) != 0) return -1;
   for (LDAPMod **m = attrs; m != nullptr && *m != nullptr; ++m) {
     const LDAPMod *mod = *m;
     if (mod->mod_op & LDAP_MOD_BVALUES) {

@@ -9,11 +9,12 @@
 #include "ldap-int.h"
 #include "ldap-lock.h"
 #include "ldap-plugin.h"
+#include "ldap-protocol.h"
 #include "ldap-utils.h"
 
 namespace {
 
-constexpr int kBindRequest = 0x60;
+using ldap_proto::kBindRequest;
 constexpr int kSaslMethod = 2;
 
 const char *current_error_text(LDAP *ld) { return ldap_err2string(ldap_get_errno_direct(ld)); }
@@ -228,7 +229,7 @@ int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mech, c
   }
   if (conn->lc_msgtable == nullptr) return LDAP_ENCODING_ERROR;
   return send_bind(ld, conn, msgidp, "ldap_sasl_bind_encode_and_send", true, [&](BerElement *ber, int id, int version) {
-    if (fber_printf(ber, "{it{ist{s", id, (ber_tag_t)kBindRequest, version, dn ? dn : "", (ber_tag_t)0xA3,
+    if (fber_printf(ber, "{it{ist{s", id, (ber_tag_t)kBindRequest, version, dn ? dn : "", ldap_proto::kSaslAuth,
                     mech ? mech : "") != 0)
       return -1;
     if (cred != nullptr &&

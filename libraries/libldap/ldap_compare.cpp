@@ -7,7 +7,7 @@
 #include "ldap-update.h"
 
 namespace {
-constexpr int kCompareRequest = 0x6E;
+using ldap_proto::kCompareRequest;
 const LdapUpdateWorker kCompare = {"ldap_compare_ext_direct: NULL server connection\n", true, kCompareRequest};
 
 int compare_ext_int(LDAP *ld, const char *dn, const char *attr, const struct berval *value, LDAPControl **sctrls,

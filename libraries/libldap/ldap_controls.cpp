@@ -2,11 +2,11 @@
 // responses, the preparation every operation applies, the last bind
 // response's controls, and constructors and parsers for particular controls
 // and extended-operation values.
+#include <strings.h>
+
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <strings.h>
-
 #include <string_view>
 
 #include "ldap-controls.h"
@@ -14,6 +14,7 @@
 #include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap-utils.h"
 
@@ -109,7 +110,7 @@ template <typename Item, typename Read>
 int read_item_list(BerElement *ber, Item ***list, Read read) {
   size_t n = 0;
   ber_len_t len;
-  while (fber_peek_tag(ber, &len) == 0x30) {
+  while (fber_peek_tag(ber, &len) == ldap_proto::kSequence) {
     auto *item = static_cast<Item *>(olx_calloc(1, sizeof(Item)));
     auto **grown = item ? static_cast<Item **>(olx_realloc(*list, (n + 2) * sizeof(Item *))) : nullptr;
     if (grown == nullptr) {
@@ -145,8 +146,7 @@ void ldap_controls_free(LDAPControl **ctrls) {
 
 void ldap_free_empty_control_list(LDAPControl **ctrls) {
   if (ctrls == nullptr || ctrls[0] == nullptr) {
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_free_empty_control_list: called with NULL free, skipping ctrl(%p)\n",
-             (void *)ctrls);
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_free_empty_control_list: called with NULL free, skipping ctrl(%p)\n", (void *)ctrls);
     return;
   }
   free(ctrls);
@@ -263,8 +263,7 @@ int ldap_append_control(LDAPControl *ctrl, LDAPControl ***list) {
   return LDAP_SUCCESS;
 }
 
-int ldap_add_control_to_list(const char *oid, ber_len_t len, const char *value, int critical,
-                             LDAPControl ***list) {
+int ldap_add_control_to_list(const char *oid, ber_len_t len, const char *value, int critical, LDAPControl ***list) {
   if (list == nullptr || (len != 0 && value == nullptr)) return LDAP_PARAM_ERROR;
   LDAPControl *c = nullptr;
   int rc = ldap_build_control(&c, oid, len, value, critical);
@@ -295,7 +294,7 @@ int ldap_remove_control(LDAPControl *ctrl, LDAPControl ***list, int freeit) {
 
 int put_ctrls_into_ber(BerElement *ber, LDAPControl **ctrls) {
   if (ctrls == nullptr || ctrls[0] == nullptr) return LDAP_SUCCESS;
-  if (fber_printf(ber, "t{", (ber_tag_t)0xA0) != 0) return LDAP_ENCODING_ERROR;
+  if (fber_printf(ber, "t{", ldap_proto::kControls) != 0) return LDAP_ENCODING_ERROR;
   for (size_t i = 0; ctrls[i] != nullptr; ++i) {
     const LDAPControl *c = ctrls[i];
     if (fber_printf(ber, "{sb", c->ldctl_oid ? c->ldctl_oid : "", c->ldctl_iscritical ? 1 : 0) != 0)
@@ -312,7 +311,7 @@ int get_ctrls_from_ber(BerElement *ber, LDAPControl ***out) {
   *out = nullptr;
   if (ber == nullptr) return LDAP_DECODING_ERROR;
   ber_len_t len = 0;
-  if (fber_peek_tag(ber, &len) != 0xA0) return LDAP_SUCCESS;
+  if (fber_peek_tag(ber, &len) != ldap_proto::kControls) return LDAP_SUCCESS;
   fber_skip_tag(ber, &len);
   const char *end = ber->ber_ptr + (len > (ber_len_t)(ber->ber_end - ber->ber_ptr) ? ber->ber_end - ber->ber_ptr : len);
   auto **list = static_cast<LDAPControl **>(olx_calloc(2, sizeof(LDAPControl *)));
@@ -344,7 +343,7 @@ int get_ctrls_from_ber(BerElement *ber, LDAPControl ***out) {
     }
     const char *cend = ber->ber_ptr + clen;
     // The OID must be an OCTET STRING; the reader would take any primitive.
-    if (fber_peek_tag(ber, &len) != 0x04 || fber_scanf(ber, "a", &c->ldctl_oid) == LBER_ERROR ||
+    if (fber_peek_tag(ber, &len) != ldap_proto::kOctetString || fber_scanf(ber, "a", &c->ldctl_oid) == LBER_ERROR ||
         c->ldctl_oid == nullptr) {
       LDAP_LOG(LDAP_LOG_ERROR, "get_ctrls_from_ber: Error decoding a control OID\n");
       rc = LDAP_DECODING_ERROR;
@@ -353,10 +352,10 @@ int get_ctrls_from_ber(BerElement *ber, LDAPControl ***out) {
     bool seen_bool = false, seen_value = false;
     while (rc == LDAP_SUCCESS && ber->ber_ptr < cend) {
       ber_tag_t tag = fber_peek_tag(ber, &len);
-      if (tag == 0x01 && !seen_bool && !seen_value) {
+      if (tag == ldap_proto::kBoolean && !seen_bool && !seen_value) {
         seen_bool = true;
         if (fber_scanf(ber, "b", &c->ldctl_iscritical) == LBER_ERROR) rc = LDAP_DECODING_ERROR;
-      } else if (tag == 0x04 && !seen_value) {
+      } else if (tag == ldap_proto::kOctetString && !seen_value) {
         seen_value = true;
         if (fber_scanf(ber, "o", &c->ldctl_value) == LBER_ERROR) rc = LDAP_DECODING_ERROR;
       } else {
@@ -366,9 +365,10 @@ int get_ctrls_from_ber(BerElement *ber, LDAPControl ***out) {
     if (rc != LDAP_SUCCESS) break;
     if (ldap_trace_on()) {
       if (c->ldctl_value.bv_val != nullptr) {
-        ldap_log(LDAP_LOG_TRACE, "get_ctrls_from_ber: Control OID = %s, critical = %s, value follows\n",
-                 c->ldctl_oid, c->ldctl_iscritical ? "Yes" : "No");
-        if (ldap_trace_enabled(LDAP_LOG_TRACE)) ldap_log_dump(c->ldctl_value.bv_val, (unsigned)c->ldctl_value.bv_len, nullptr);
+        ldap_log(LDAP_LOG_TRACE, "get_ctrls_from_ber: Control OID = %s, critical = %s, value follows\n", c->ldctl_oid,
+                 c->ldctl_iscritical ? "Yes" : "No");
+        if (ldap_trace_enabled(LDAP_LOG_TRACE))
+          ldap_log_dump(c->ldctl_value.bv_val, (unsigned)c->ldctl_value.bv_len, nullptr);
       } else {
         ldap_log(LDAP_LOG_TRACE, "get_ctrls_from_ber: control value is NULL. \n");
       }
@@ -496,12 +496,12 @@ int ldap_create_page_control(LDAP *, unsigned int pagesize, const struct berval 
   char *buf = static_cast<char *>(olx_malloc(total + 1));
   if (buf == nullptr) return LDAP_NO_MEMORY;
   char *p = buf;
-  *p++ = 0x30;
+  *p++ = (char)ldap_proto::kSequence;
   p = write_paged_len(p, inner);
-  *p++ = 0x02;
+  *p++ = (char)ldap_proto::kInteger;
   *p++ = (char)k;
   for (int i = k - 1; i >= 0; --i) *p++ = (char)size[i];
-  *p++ = 0x04;
+  *p++ = (char)ldap_proto::kOctetString;
   p = write_paged_len(p, clen);
   if (clen) memcpy(p, cookie->bv_val, clen);
   int rc = ldap_build_control(out, LDAP_CONTROL_PAGEDRESULTS, total, buf, char_critical(critical));
@@ -517,15 +517,16 @@ int ldap_parse_page_control(LDAP *, LDAPControl **ctrls, unsigned int *size, str
   if (p == nullptr || c->ldctl_value.bv_len == 0) return LDAP_DECODING_ERROR;
   const unsigned char *end = p + c->ldctl_value.bv_len;
   size_t len, ilen, clen;
-  if (*p++ != 0x30 || !read_paged_len(&p, end, &len) || len == 0 || (size_t)(end - p) < len) return LDAP_DECODING_ERROR;
+  if (*p++ != ldap_proto::kSequence || !read_paged_len(&p, end, &len) || len == 0 || (size_t)(end - p) < len)
+    return LDAP_DECODING_ERROR;
   end = p + len;
-  if (p >= end || *p++ != 0x02 || p >= end) return LDAP_DECODING_ERROR;
+  if (p >= end || *p++ != ldap_proto::kInteger || p >= end) return LDAP_DECODING_ERROR;
   ilen = *p++;
   if (ilen == 0 || ilen > 5 || (size_t)(end - p) < ilen) return LDAP_DECODING_ERROR;
   int64_t v = (p[0] & 0x80) ? -1 : 0;
   for (size_t i = 0; i < ilen; ++i) v = (v << 8) | p[i];
   p += ilen;
-  if (p >= end || *p++ != 0x04 || !read_paged_len(&p, end, &clen) || (size_t)(end - p) < clen)
+  if (p >= end || *p++ != ldap_proto::kOctetString || !read_paged_len(&p, end, &clen) || (size_t)(end - p) < clen)
     return LDAP_DECODING_ERROR;
   if (size) *size = (unsigned int)v;
   if (cookie) {
@@ -554,8 +555,7 @@ int ldap_create_sort_control(LDAP *, LDAPsortkey **keys, char critical, LDAPCont
     if (fber_printf(g.ber, "{s", keys[i]->sk_attrtype ? keys[i]->sk_attrtype : "") != 0) return LDAP_ENCODING_ERROR;
     if (keys[i]->sk_matchruleoid && fber_printf(g.ber, "ts", (ber_tag_t)0x80, keys[i]->sk_matchruleoid) != 0)
       return LDAP_ENCODING_ERROR;
-    if (keys[i]->sk_reverseorder == 1 && fber_printf(g.ber, "tb", (ber_tag_t)0x81, 1) != 0)
-      return LDAP_ENCODING_ERROR;
+    if (keys[i]->sk_reverseorder == 1 && fber_printf(g.ber, "tb", (ber_tag_t)0x81, 1) != 0) return LDAP_ENCODING_ERROR;
     if (fber_printf(g.ber, "}") != 0) return LDAP_ENCODING_ERROR;
   }
   if (fber_printf(g.ber, "}") != 0) return LDAP_ENCODING_ERROR;
@@ -595,7 +595,7 @@ int ldap_parse_entrychange_control(LDAP *, LDAPControl **ctrls, int *changetype,
   if (fber_scanf(g.ber, "{i", &type) == LBER_ERROR) return LDAP_DECODING_ERROR;
   if (changetype) *changetype = type;
   ber_len_t len;
-  if (fber_peek_tag(g.ber, &len) == 0x04) {
+  if (fber_peek_tag(g.ber, &len) == ldap_proto::kOctetString) {
     char *dn = nullptr;
     if (fber_scanf(g.ber, "a", &dn) == LBER_ERROR) return LDAP_DECODING_ERROR;
     if (prevdn)
@@ -603,7 +603,7 @@ int ldap_parse_entrychange_control(LDAP *, LDAPControl **ctrls, int *changetype,
     else
       free(dn);
   }
-  if (fber_peek_tag(g.ber, &len) == 0x02) {
+  if (fber_peek_tag(g.ber, &len) == ldap_proto::kInteger) {
     int64_t n = 0;
     if (fber_get_long(g.ber, &n) == LBER_ERROR) return LDAP_DECODING_ERROR;
     if (chgnum) *chgnum = (long)n;
@@ -612,8 +612,8 @@ int ldap_parse_entrychange_control(LDAP *, LDAPControl **ctrls, int *changetype,
   return LDAP_SUCCESS;
 }
 
-int ldap_create_persistentsearch_control(LDAP *, int changetypes, int changesonly, int return_echg_ctls,
-                                         char critical, LDAPControl **out) {
+int ldap_create_persistentsearch_control(LDAP *, int changetypes, int changesonly, int return_echg_ctls, char critical,
+                                         LDAPControl **out) {
   if (out == nullptr) return LDAP_PARAM_ERROR;
   if (!(changetypes == 1 || changetypes == 2 || changetypes == 4 || changetypes == 8 || changetypes == 15) ||
       (changesonly != 0 && changesonly != 1))
@@ -880,7 +880,7 @@ int ldap_parse_vlv_control(LDAP *, LDAPControl **ctrls, unsigned long *target_po
   if (target_pos) *target_pos = (unsigned long)pos;
   if (list_count) *list_count = (unsigned long)count;
   ber_len_t len;
-  if (context && fber_peek_tag(g.ber, &len) == 0x04) {
+  if (context && fber_peek_tag(g.ber, &len) == ldap_proto::kOctetString) {
     struct berval *ctx = nullptr;
     if (fber_scanf(g.ber, "O}", &ctx) == LBER_ERROR) return LDAP_DECODING_ERROR;
     *context = ctx;

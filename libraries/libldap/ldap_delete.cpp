@@ -2,15 +2,16 @@
 #include "ldap-update.h"
 
 namespace {
-const LdapUpdateWorker kDelete = {"ldap_delete_ext_direct: NULL server connection\n", true, LDAP_REQ_DELETE};
+const LdapUpdateWorker kDelete = {"ldap_delete_ext_direct: NULL server connection\n", true, ldap_proto::kDeleteRequest};
 }
 
 extern "C" {
 
 int ldap_delete_ext_direct(LDAP *ld, const char *dn, LDAPControl **sctrls, int *msgidp, LDAPConn *conn) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_delete_ext_direct: dn(%s)\n", ldap_trace_str(dn));
-  return ldap_update_send(ld, conn, kDelete, sctrls, msgidp,
-                          [&](BerElement *ber) { return fber_printf(ber, "ts", (ber_tag_t)LDAP_REQ_DELETE, dn); });
+  return ldap_update_send(ld, conn, kDelete, sctrls, msgidp, [&](BerElement *ber) {
+    return fber_printf(ber, "ts", (ber_tag_t)ldap_proto::kDeleteRequest, dn);
+  });
 }
 
 int ldap_delete_ext_int(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp) {

@@ -10,6 +10,7 @@
 #include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
+#include "ldap-protocol.h"
 #include "ldap-utils.h"
 
 namespace {
@@ -306,12 +307,15 @@ void ldap_free_thread_errors(LDAP *ld) {
 
 namespace {
 
-constexpr int kSearchEntry = 0x64, kSearchReference = 0x73, kBindResponse = 0x61, kExtendedResponse = 0x78;
+using ldap_proto::kBindResponse;
+using ldap_proto::kExtendedResponse;
+using ldap_proto::kSearchEntry;
+using ldap_proto::kSearchReference;
 
 // Entries, references and IntermediateResponses carry no LDAPResult.
 bool not_a_result(const LDAPMessage *msg) {
   return msg->lm_msgtype == kSearchEntry || msg->lm_msgtype == kSearchReference ||
-         msg->lm_msgtype == LDAP_RES_INTERMEDIATE;
+         msg->lm_msgtype == ldap_proto::kIntermediateResponse;
 }
 
 struct BerCopy {
@@ -332,7 +336,7 @@ bool enter_op(BerElement *ber, const char **op_end) {
   return true;
 }
 
-constexpr ber_tag_t kEnumerated = 0x0A;
+using ldap_proto::kEnumerated;
 
 // Result codes above 80 are the client's own, so a server that sent one could
 // pass its reply off as, say, a lost connection or a time-out.  The exceptions
@@ -400,7 +404,8 @@ int ldap_parse_result_direct(LDAP *, LDAPMessage *res, int *errcodep, char **mat
       rc = LDAP_DECODING_ERROR;
     } else {
       ber_len_t len;
-      if (code == LDAP_REFERRAL && copy.ber->ber_ptr < op_end && fber_peek_tag(copy.ber, &len) == 0xA3) {
+      if (code == LDAP_REFERRAL && copy.ber->ber_ptr < op_end &&
+          fber_peek_tag(copy.ber, &len) == ldap_proto::kReferral) {
         if (referralsp ? fber_scanf(copy.ber, "{v}", &referrals) == LBER_ERROR : fber_skip_element(copy.ber) != 0)
           rc = LDAP_DECODING_ERROR;
       }
@@ -498,7 +503,8 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
       rc = LDAP_DECODING_ERROR;
     } else {
       ber_len_t len;
-      if (copy.ber->ber_ptr < op_end && fber_peek_tag(copy.ber, &len) == 0xA3 && fber_skip_element(copy.ber) != 0)
+      if (copy.ber->ber_ptr < op_end && fber_peek_tag(copy.ber, &len) == ldap_proto::kReferral &&
+          fber_skip_element(copy.ber) != 0)
         rc = LDAP_DECODING_ERROR;
       if (rc == LDAP_SUCCESS && servercredp != nullptr) {
         // Server SASL credentials, [7], when the server sent any.
@@ -558,13 +564,13 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
   } else {
     ber_len_t len;
     bool name_ok = true, value_read = false;
-    if (resultoidp && ber->ber_ptr < op_end && fber_peek_tag(ber, &len) == 0x8A &&
+    if (resultoidp && ber->ber_ptr < op_end && fber_peek_tag(ber, &len) == ldap_proto::kResponseName &&
         fber_scanf(ber, "a", resultoidp) == LBER_ERROR) {
       LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_extended_result_direct: No optional oid returned\n");
       name_ok = false;
     }
     bool value_failed = false;
-    if (resultdatap && ber->ber_ptr < op_end && fber_peek_tag(ber, &len) == 0x8B) {
+    if (resultdatap && ber->ber_ptr < op_end && fber_peek_tag(ber, &len) == ldap_proto::kResponseValue) {
       if (fber_scanf(ber, "O", resultdatap) == LBER_ERROR) {
         LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_extended_result_direct: No optional data returned\n");
         value_failed = true;

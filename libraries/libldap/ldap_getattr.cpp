@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "ldap-debug.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap-utils.h"
 
@@ -21,7 +22,7 @@ char *next_name(LDAP *ld, BerElement *cursor) {
   const char *seq, *name_at, *contents;
   for (;;) {
     const char *p = cursor->ber_ptr;
-    if (p >= end || (fber_header_at(p, end, &tag, &len, &contents) && tag == 0xA0)) {
+    if (p >= end || (fber_header_at(p, end, &tag, &len, &contents) && tag == ldap_proto::kControls)) {
       ldap_set_errno_direct(ld, 0, nullptr, nullptr);
       return nullptr;
     }
@@ -137,7 +138,7 @@ int ldap_count_attributes(LDAP *ld, LDAPMessage *entry) {
       ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
     } else {
       ber_len_t len;
-      while (copy.ber_ptr < copy.ber_end && fber_peek_tag(&copy, &len) != 0xA0) {
+      while (copy.ber_ptr < copy.ber_end && fber_peek_tag(&copy, &len) != ldap_proto::kControls) {
         if (fber_skip_element(&copy) != 0) break;
         ++n;
       }

@@ -4,12 +4,13 @@
 #include <cstdlib>
 
 #include "ldap-debug.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 
 namespace {
 
-constexpr int kEntry = 0x64;
-constexpr int kReference = 0x73;
+constexpr int kEntry = ldap_proto::kSearchEntry;
+constexpr int kReference = ldap_proto::kSearchReference;
 
 LDAPMessage *first_of_type(LDAPMessage *m, int type) {
   while (m != nullptr && m->lm_msgtype != type) m = m->lm_chain;

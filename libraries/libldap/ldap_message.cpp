@@ -5,12 +5,12 @@
 #include "ldap-debug.h"
 #include "ldap-engine.h"
 #include "ldap-lock.h"
+#include "ldap-protocol.h"
 #include "ldap-utils.h"
 
 namespace {
-// Final responses: BindResponse, SearchResultDone, ModifyResponse,
-// AddResponse, DelResponse, ModifyDNResponse, CompareResponse, ExtendedResponse.
-constexpr uint32_t kFinalTypesFrom0x61 = 0x805551;
+// A record's type until its protocolOp is known: the envelope's.
+constexpr int kUntyped = (int)ldap_proto::kSequence;
 
 // What follows the record of a compact message, before its contents.
 struct CompactTail {
@@ -39,7 +39,7 @@ extern "C" {
 LDAPMessage *ldap_msg_new(LDAPConn *conn) {
   auto *msg = static_cast<LDAPMessage *>(olx_calloc(1, sizeof(LDAPMessage)));
   if (msg == nullptr) return nullptr;
-  msg->lm_msgtype = 0x30;
+  msg->lm_msgtype = kUntyped;
   msg->lm_conn = conn;
   return msg;
 }
@@ -48,7 +48,7 @@ LDAPMessage *ldap_msg_new_reading(LDAP *ld, LDAPConn *conn) {
   constexpr size_t at = (sizeof(LDAPMessage) + alignof(BerElement) - 1) & ~(alignof(BerElement) - 1);
   auto *msg = static_cast<LDAPMessage *>(olx_calloc(1, at + fber_reading_size()));
   if (msg == nullptr) return nullptr;
-  msg->lm_msgtype = 0x30;
+  msg->lm_msgtype = kUntyped;
   msg->lm_conn = conn;
   msg->lm_flags = LDAP_MSG_ONE_BLOCK;
   msg->lm_ber = fber_init_reading_at(reinterpret_cast<char *>(msg) + at, ld->ld_xlate, ld->ld_version);
@@ -59,7 +59,7 @@ LDAPMessage *ldap_msg_new_compact(LDAP *ld, LDAPConn *conn, unsigned tag, const 
   auto *msg = static_cast<LDAPMessage *>(olx_malloc(kTailAt + sizeof(CompactTail) + len + 1));
   if (msg == nullptr) return nullptr;
   memset(msg, 0, sizeof *msg);
-  msg->lm_msgtype = 0x30;
+  msg->lm_msgtype = kUntyped;
   msg->lm_conn = conn;
   msg->lm_flags = LDAP_MSG_COMPACT;
   CompactTail *tail = tail_of(msg);
@@ -105,8 +105,7 @@ void free_msg(LDAPMessage *msg, int all) {
 
 int is_last_msg(LDAPMessage *msg) {
   if (msg == nullptr) return 0;
-  unsigned int k = (unsigned int)(msg->lm_msgtype - 0x61);
-  int last = k < 24 && ((kFinalTypesFrom0x61 >> k) & 1);
+  int last = ldap_proto::is_final_response(msg->lm_msgtype);
   LDAP_LOG(LDAP_LOG_TRACE,
            last ? "is_last_msg: returning TRUE, msgid=%d\n" : "is_last_msg: returning FALSE, msgid=%d\n",
            msg->lm_msgid);

@@ -6,10 +6,10 @@
 
 namespace {
 
-const LdapUpdateWorker kModify = {nullptr, true, LDAP_REQ_MODIFY};
+const LdapUpdateWorker kModify = {nullptr, true, ldap_proto::kModifyRequest};
 
 int encode_modify(BerElement *ber, const char *dn, LDAPMod **mods) {
-  if (fber_printf(ber, "t{s{", (ber_tag_t)LDAP_REQ_MODIFY, dn) != 0) return -1;
+  if (fber_printf(ber, "t{s{", (ber_tag_t)ldap_proto::kModifyRequest, dn) != 0) return -1;
   for (LDAPMod **m = mods; m != nullptr && *m != nullptr; ++m) {
     const LDAPMod *mod = *m;
     // The flag says how the values are held; the server sees only the operation.

@@ -2,11 +2,11 @@
 #include "ldap-update.h"
 
 namespace {
-const LdapUpdateWorker kRename = {"ldap_rename_direct: NULL server connection\n", true, LDAP_REQ_MODDN};
+const LdapUpdateWorker kRename = {"ldap_rename_direct: NULL server connection\n", true, ldap_proto::kModDNRequest};
 
 int encode_rename(BerElement *ber, const char *dn, const char *newrdn, const char *newsuperior, int deleteoldrdn) {
-  if (fber_printf(ber, "t{ssb", (ber_tag_t)LDAP_REQ_MODDN, dn, newrdn, deleteoldrdn) != 0) return -1;
-  if (newsuperior != nullptr && fber_printf(ber, "ts", (ber_tag_t)LDAP_TAG_NEWSUPERIOR, newsuperior) != 0) return -1;
+  if (fber_printf(ber, "t{ssb", (ber_tag_t)ldap_proto::kModDNRequest, dn, newrdn, deleteoldrdn) != 0) return -1;
+  if (newsuperior != nullptr && fber_printf(ber, "ts", ldap_proto::kNewSuperior, newsuperior) != 0) return -1;
   return fber_printf(ber, "}");
 }
 }  // namespace

@@ -11,44 +11,18 @@
 #include "ldap-debug.h"
 #include "ldap-engine.h"
 #include "ldap-lock.h"
+#include "ldap-protocol.h"
 
 namespace {
 // lm_msgid of a reply whose message ID could not be read.
 constexpr int kUnreadableId = -1;
 
-constexpr ber_tag_t kEnvelope = 0x30, kInteger = 0x02;
-constexpr int kSearchRequest = 0x63, kSearchEntry = 0x64, kSearchReference = 0x73;
-// RFC 4511 4.13: any request may be answered in part by IntermediateResponses
-// before its final response.
-constexpr int kIntermediate = 0x79;
+using ldap_proto::kIntermediateResponse;
+using ldap_proto::kSearchEntry;
+using ldap_proto::kSearchReference;
 
-// Each request and the final response that answers it: bind, search, modify,
-// add, delete, modify DN, compare, extended.
-constexpr struct {
-  int request, response;
-} kFinalResponses[] = {{0x60, 0x61}, {0x63, 0x65}, {0x66, 0x67}, {0x68, 0x69},
-                       {0x4A, 0x6B}, {0x6C, 0x6D}, {0x6E, 0x6F}, {0x77, 0x78}};
-
-bool is_response_type(ber_tag_t tag) {
-  if (tag == kSearchEntry || tag == kSearchReference || tag == kIntermediate) return true;
-  for (const auto &f : kFinalResponses)
-    if (tag == (ber_tag_t)f.response) return true;
-  return false;
-}
-
-// 0 for requests that get no response.
-int final_type_for(int request_type) {
-  for (const auto &f : kFinalResponses)
-    if (request_type == f.request) return f.response;
-  return 0;
-}
-
-// Entries and references come before a search's final result; every other
-// request is answered by its final response alone.
-bool answers(int request_type, int response_type) {
-  if (response_type == final_type_for(request_type) || response_type == kIntermediate) return true;
-  return request_type == kSearchRequest && (response_type == kSearchEntry || response_type == kSearchReference);
-}
+// Tags come from the wire as ber_tag_t: one too wide for an int is no protocolOp.
+bool is_response_type(ber_tag_t tag) { return tag <= (ber_tag_t)INT32_MAX && ldap_proto::is_response((int)tag); }
 
 bool undecodable(const LDAPMessage *msg) { return (msg->lm_flags & LDAP_MSG_UNDECODABLE) != 0; }
 
@@ -64,7 +38,8 @@ void decode_envelope(LDAPMessage *msg) {
   msg->lm_msgtype = 0;
   ber_len_t len = 0;
   int64_t id = 0;
-  if (fber_peek_tag(ber, &len) != kInteger || fber_get_long(ber, &id) == LBER_DEFAULT || id < 0 || id > INT32_MAX) {
+  if (fber_peek_tag(ber, &len) != ldap_proto::kInteger || fber_get_long(ber, &id) == LBER_DEFAULT || id < 0 ||
+      id > INT32_MAX) {
     msg->lm_flags |= LDAP_MSG_UNDECODABLE;
     return;
   }
@@ -75,7 +50,7 @@ void decode_envelope(LDAPMessage *msg) {
   ber->ber_ptr = after_id;
   ldap_msg_set_start(msg, after_id);
   if (op != LBER_DEFAULT) msg->lm_msgtype = (int32_t)op;
-  if (ber->ber_tag != kEnvelope || !whole || !is_response_type(op)) msg->lm_flags |= LDAP_MSG_UNDECODABLE;
+  if (ber->ber_tag != ldap_proto::kSequence || !whole || !is_response_type(op)) msg->lm_flags |= LDAP_MSG_UNDECODABLE;
 }
 
 // Appends a response to its row's chain; a final one completes the row.
@@ -113,7 +88,7 @@ void fail_outstanding(ldap_msg_table *table) {
   for (uint32_t id = 1; id < table->size; ++id) {
     ldap_msg_row *row = &table->rows[id];
     if (row->request == nullptr || (row->flags & LDAP_ROW_COMPLETE)) continue;
-    const int final_type = final_type_for(row->request->lm_msgtype);
+    const int final_type = ldap_proto::final_response_for(row->request->lm_msgtype);
     if (final_type == 0) continue;
     LDAPMessage *marker = ldap_msg_new(table->conn);
     if (marker == nullptr) {
@@ -131,7 +106,7 @@ void fail_outstanding(ldap_msg_table *table) {
 // every waiter gets 81, with the server's text.
 bool notice_of_disconnection(ldap_msg_table *table, LDAPMessage *msg) {
   static const char kOid[] = "1.3.6.1.4.1.1466.20036";
-  if (msg->lm_msgtype != 0x78) return false;
+  if (msg->lm_msgtype != ldap_proto::kExtendedResponse) return false;
   BerElement view;
   BerElement *copy = ldap_ber_dup(ldap_msg_ber(msg, &view));
   if (copy == nullptr) return false;
@@ -139,7 +114,7 @@ bool notice_of_disconnection(ldap_msg_table *table, LDAPMessage *msg) {
   char *matched = nullptr, *text = nullptr, *name = nullptr;
   ber_len_t len = 0;
   bool notice = fber_scanf(copy, "{iaa", &code, &matched, &text) != LBER_ERROR && copy->ber_ptr < copy->ber_end &&
-                fber_peek_tag(copy, &len) == 0x8A && fber_scanf(copy, "a", &name) != LBER_ERROR &&
+                fber_peek_tag(copy, &len) == ldap_proto::kResponseName && fber_scanf(copy, "a", &name) != LBER_ERROR &&
                 strcmp(name, kOid) == 0;
   fber_free(copy);
   free(matched);
@@ -177,7 +152,7 @@ void keep_intermediates_bounded(ldap_msg_row *row) {
   int seen = 0;
   for (LDAPMessage *m = row->tail; m != nullptr; m = m->lm_prev) {
     const bool oldest_unread = m == row->next_unread;
-    if (m->lm_msgtype == kIntermediate && ++seen > kRow0Unread) {
+    if (m->lm_msgtype == kIntermediateResponse && ++seen > kRow0Unread) {
       ldap_msg_row_unlink(row, m);
       free_msg(m, 0);
       return;
@@ -315,19 +290,19 @@ int put_msg_in_table(ldap_msg_table *table, LDAPMessage *msg) {
       return LDAP_OTHER;
     }
     const int request_type = row->request->lm_msgtype;
-    const int final_type = final_type_for(request_type);
+    const int final_type = ldap_proto::final_response_for(request_type);
     if (final_type == 0) {
       LDAP_LOG(LDAP_LOG_ERROR, "put_msg_in_table: request type 0x%x takes no response, throw it.\n", request_type);
       return LDAP_OTHER;
     }
-    if (undecodable(msg) || !answers(request_type, msg->lm_msgtype)) {
+    if (undecodable(msg) || !ldap_proto::answers(request_type, msg->lm_msgtype)) {
       LDAP_LOG(LDAP_LOG_ERROR, "put_msg_in_table: msgtype=0x%x does not answer request type 0x%x, msgid=%d\n",
                msg->lm_msgtype, request_type, id);
       stand_as_decoding_error(msg, final_type);
     }
   }
   // Read first: a final response may release the row, and the message with it.
-  const bool intermediate = id != 0 && msg->lm_msgtype == kIntermediate;
+  const bool intermediate = id != 0 && msg->lm_msgtype == kIntermediateResponse;
   store_in_row(table, row, msg);
   if (intermediate) keep_intermediates_bounded(row);
   return 0;
@@ -360,7 +335,7 @@ constexpr ber_len_t kCompactCopyLimit = 64 * 1024;
 // A complete element just read: decoded, counted for batching, queued.
 void received(ldap_msg_table *table, LDAPConn *conn, LDAPMessage *msg) {
   decode_envelope(msg);
-  const bool streaming = msg->lm_msgtype == 0x64 || msg->lm_msgtype == 0x73;
+  const bool streaming = msg->lm_msgtype == kSearchEntry || msg->lm_msgtype == kSearchReference;
   conn->lc_sb.sb_streak = streaming ? conn->lc_sb.sb_streak + 1 : 0;
   put_msg_in_queue(table, msg);
 }
@@ -489,7 +464,7 @@ void ldap_msg_table_fail_sent(ldap_msg_table *table) {
     ldap_msg_row *row = &table->rows[id];
     if (row->request == nullptr || !(row->request->lm_flags & LDAP_MSG_SENT) || (row->flags & LDAP_ROW_COMPLETE))
       continue;
-    const int final_type = final_type_for(row->request->lm_msgtype);
+    const int final_type = ldap_proto::final_response_for(row->request->lm_msgtype);
     if (final_type == 0) continue;
     LDAPMessage *marker = ldap_msg_new(table->conn);
     if (marker == nullptr) break;  // the row's waiter then waits out its own time-out

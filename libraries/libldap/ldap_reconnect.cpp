@@ -17,12 +17,14 @@
 #include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
+#include "ldap-protocol.h"
 #include "ldap-ssl.h"
 #include "ldap-utils.h"
 
 namespace {
 
-constexpr int kAbandonRequest = 0x50, kUnbindRequest = 0x42;
+using ldap_proto::kAbandonRequest;
+using ldap_proto::kUnbindRequest;
 // Time a reader holding the read lock is given to leave before the socket
 // under it is shut down (a half-open socket would keep it waiting).
 constexpr long kReaderGraceNs = 100 * 1000 * 1000;

@@ -12,14 +12,15 @@
 #include "ldap-debug.h"
 #include "ldap-engine.h"
 #include "ldap-lock.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap-ssl.h"
 #include "ldap-utils.h"
 
 namespace {
 
-constexpr int kSearchReference = 0x73;
-constexpr int kSearchDone = 0x65;
+using ldap_proto::kSearchDone;
+using ldap_proto::kSearchReference;
 constexpr const char kPagedResultsOid[] = "1.2.840.113556.1.4.319";
 
 struct FreeDeleter {
@@ -165,22 +166,11 @@ int ldap_url_server_allowed(LDAP *ld, const LDAPURLDesc *lud, int *secure, const
 }
 
 int ldap_request_to_response_tag(int tag) {
-  switch (tag) {
-    case 0x4A:
-      return 0x6B;
-    case 0x63:
-      return 0x65;
-    case 0x66:
-      return 0x67;
-    case 0x68:
-      return 0x69;
-    case 0x6C:
-      return 0x6D;
-    case 0x6E:
-      return 0x6F;
-    default:
-      return tag;
-  }
+  // Bind and extended requests keep their own tag here, as does anything
+  // without a response.
+  if (tag == ldap_proto::kBindRequest || tag == ldap_proto::kExtendedRequest) return tag;
+  const int response = ldap_proto::final_response_for(tag);
+  return response != 0 ? response : tag;
 }
 
 BerElement *ldap_build_result_ber(int code, const char *matched, const char *text, int msgid, int type) {
@@ -352,9 +342,9 @@ BerElement *re_encode_request(LDAP *ld, BerElement *ber, int newid, LDAPURLDesc 
   char *dn_raw = nullptr;
   ber_tag_t got;
   if (fber_scanf(old.get(), "{it", &oldid, &tag) == LBER_ERROR) return fail(LDAP_DECODING_ERROR);
-  if (tag == 0x60)
+  if (tag == ldap_proto::kBindRequest)
     got = fber_scanf(old.get(), "{ia", &version, &dn_raw);
-  else if (tag == 0x4A)
+  else if (tag == ldap_proto::kDeleteRequest)
     got = fber_scanf(old.get(), "a", &dn_raw);
   else
     got = fber_scanf(old.get(), "{a", &dn_raw);
@@ -364,10 +354,10 @@ BerElement *re_encode_request(LDAP *ld, BerElement *ber, int newid, LDAPURLDesc 
   const char *dn = lud->lud_dn != nullptr ? lud->lud_dn : "";
   BerElement *b = out.get();
   switch (tag) {
-    case 0x4A:
+    case ldap_proto::kDeleteRequest:
       if (fber_printf(b, "{its", newid, (ber_tag_t)tag, dn) != 0) return fail(LDAP_ENCODING_ERROR);
       break;
-    case 0x63: {
+    case ldap_proto::kSearchRequest: {
       int scope = 0, deref = 0, size = 0, time = 0, attrsonly = 0;
       if (fber_scanf(old.get(), "eiiii", &scope, &deref, &size, &time, &attrsonly) == LBER_ERROR)
         return fail(LDAP_DECODING_ERROR);
@@ -387,14 +377,14 @@ BerElement *re_encode_request(LDAP *ld, BerElement *ber, int newid, LDAPURLDesc 
       if (wrc != 0) return fail(LDAP_ENCODING_ERROR);
       break;
     }
-    case 0x66:
-    case 0x68:
-    case 0x6E:
+    case ldap_proto::kModifyRequest:
+    case ldap_proto::kAddRequest:
+    case ldap_proto::kCompareRequest:
       if (fber_printf(b, "{it{s", newid, (ber_tag_t)tag, dn) != 0) return fail(LDAP_ENCODING_ERROR);
       if (copy_element(old.get(), b) != 0) return fail(LDAP_DECODING_ERROR);
       if (fber_printf(b, "}") != 0) return fail(LDAP_ENCODING_ERROR);
       break;
-    case 0x6C: {
+    case ldap_proto::kModDNRequest: {
       char *rdn_raw = nullptr;
       int deleteold = 0;
       got = fber_scanf(old.get(), "ai", &rdn_raw, &deleteold);
@@ -403,7 +393,7 @@ BerElement *re_encode_request(LDAP *ld, BerElement *ber, int newid, LDAPURLDesc 
       if (fber_printf(b, "{it{ssb", newid, (ber_tag_t)tag, dn, rdn.get(), deleteold) != 0)
         return fail(LDAP_ENCODING_ERROR);
       ber_len_t len = 0;
-      if (old->ber_ptr < old->ber_end && fber_peek_tag(old.get(), &len) == 0x80) {
+      if (old->ber_ptr < old->ber_end && fber_peek_tag(old.get(), &len) == ldap_proto::kNewSuperior) {
         int sup_tag = 0;
         char *sup_raw = nullptr;
         got = fber_scanf(old.get(), "ta", &sup_tag, &sup_raw);
@@ -835,7 +825,7 @@ int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, struct tim
         LDAP_LOG(LDAP_LOG_TRACE, "look_for_referrals: V3 Referral detected\n");
         char **urls = nullptr;
         ber_len_t len = 0;
-        if (copy->ber_ptr < copy->ber_end && fber_peek_tag(copy, &len) == 0xA3 &&
+        if (copy->ber_ptr < copy->ber_end && fber_peek_tag(copy, &len) == ldap_proto::kReferral &&
             fber_scanf(copy, "{v}", &urls) != LBER_ERROR)
           *out = chase_v3_referrals(ld, urls, msg, timeout, err, hops - 1);
         else

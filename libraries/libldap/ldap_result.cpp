@@ -4,6 +4,7 @@
 #include "ldap-debug.h"
 #include "ldap-engine.h"
 #include "ldap-lock.h"
+#include "ldap-protocol.h"
 
 namespace {
 
@@ -77,7 +78,7 @@ int ldap_return_one_msg(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessag
     LDAPMessage *msg = nullptr;
     rc = ldap_get_result(ld, msgid, 0, timeout, &msg, table);
     if (rc <= 0) break;
-    if (!chase || msg->lm_msgtype == 0x64 || msg->lm_msgtype == 0x61) {
+    if (!chase || msg->lm_msgtype == ldap_proto::kSearchEntry || msg->lm_msgtype == ldap_proto::kBindResponse) {
       *result = msg;
       trace_one(rc);
       return rc;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "ldap-debug.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 
 namespace {
@@ -42,7 +43,7 @@ bool find_attribute_in_place(BerElement *copy, const char *attr) {
       if (!fber_header_at(p, end, &tag, &len, &contents)) return false;
       p = contents + std::min(len, static_cast<size_t>(end - contents));
     }
-    if (p >= end || !fber_header_at(p, end, &tag, &len, &contents) || tag != 0x30) return false;
+    if (p >= end || !fber_header_at(p, end, &tag, &len, &contents) || tag != ldap_proto::kSequence) return false;
     p = contents;
     if (!fber_header_at(p, end, &tag, &len, &contents)) return false;
     if (len > LDAP_ATTR_NAME_MAX) {  // passed over, as below
@@ -75,7 +76,7 @@ bool find_attribute(BerElement *copy, const char *attr) {
     // Past the last attribute the next tag is not a SEQUENCE (the entry's
     // controls, or nothing), which ends the search.
     if (!first && fber_skip_element(copy) != 0) return false;
-    if (copy->ber_ptr >= copy->ber_end || fber_peek_tag(copy, &len) != 0x30) return false;
+    if (copy->ber_ptr >= copy->ber_end || fber_peek_tag(copy, &len) != ldap_proto::kSequence) return false;
     ber_len_t size = sizeof type;
     if (fber_skip_tag(copy, nullptr) == LBER_DEFAULT || fber_peek_tag(copy, &len) == LBER_DEFAULT) return false;
     // A description longer than any name looked up is passed over, not taken

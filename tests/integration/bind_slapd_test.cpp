@@ -12,6 +12,7 @@
 #include "fake_server.h"
 #include "ldap-controls.h"
 #include "ldap-debug.h"
+#include "ldap-protocol.h"
 #include "ldap-update.h"
 #include "ldap-utils.h"
 #include "ldap_requests.h"
@@ -65,7 +66,7 @@ class Bind : public tavtest::SlapdSuite<Bind> {
       EXPECT_EQ(ldap_get_bind_controls(ld, &ctrls), 0);
     } else {
       EXPECT_EQ(ldap_sasl_bind(ld, dn.c_str(), nullptr, &cred, sctrls, nullptr, &id), 0);
-      EXPECT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), 0x61);
+      EXPECT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), ldap_proto::kBindResponse);
       EXPECT_EQ(ldap_parse_result(ld, res, &code, nullptr, nullptr, nullptr, &ctrls, 1), 0);
     }
     EXPECT_GT(ldap_parse_pwdpolicy_response(ctrls, &err, &warn, &value), 0) << "no password-policy response control";
@@ -84,7 +85,7 @@ TEST_F(Bind, SimpleBindsOfEveryKind) {
   EXPECT_EQ(tavtest::traced(0, [&] { ldap_perror(ld, "bind"); }).rfind("bind: Invalid credentials\n", 0), 0u);
   int id = ldap_simple_bind(ld, SlapdServer::kRootDn, SlapdServer::kRootPw);  // the message ID, then the result
   LDAPMessage *res = nullptr;
-  ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), 0x61);
+  ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), ldap_proto::kBindResponse);
   EXPECT_EQ(ldap_result2error(ld, res, 1), 0);
   // A mechanism the server does not offer: the server's code.
   EXPECT_EQ(ldap_sasl_bind_s(ld, nullptr, "NOT-A-MECHANISM", nullptr, nullptr, nullptr, nullptr),
@@ -108,9 +109,11 @@ TEST_F(Bind, SimpleBindsOfEveryKind) {
 // the same message finds nothing left and fails.
 TEST_F(Bind, AnExtendedResponseCanBeParsedOnlyOnce) {
   ASSERT_EQ(ldap_simple_bind_s(ld, SlapdServer::user_dn(2).c_str(), SlapdServer::user_password(2).c_str()), 0);
-  const int id = tavtest::send_raw_op(ld, 0x77, tavtest::tlv(0x77, tavtest::tlv(0x80, "1.3.6.1.4.1.4203.1.11.3")));
+  const int id = tavtest::send_raw_op(
+      ld, ldap_proto::kExtendedRequest,
+      tavtest::tlv(ldap_proto::kExtendedRequest, tavtest::tlv(ldap_proto::kRequestName, "1.3.6.1.4.1.4203.1.11.3")));
   LDAPMessage *res = nullptr;
-  ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), 0x78);
+  ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), ldap_proto::kExtendedResponse);
   struct berval *who = nullptr;
   ASSERT_EQ(ldap_parse_extended_result(ld, res, nullptr, &who, 0), 0);
   ASSERT_NE(who, nullptr);
@@ -190,11 +193,13 @@ TEST_F(Bind, EveryFailingAllocationEndsInADocumentedCode) {
 
 TEST(BindRequests, AnonymousAndMethodChecksAndMechanismCase) {
   tavtest::FakeServer fake;
-  auto ok = [](const std::string &r) { return tavtest::ldap_response(tavtest::request_msgid(r), 0x61); };
+  auto ok = [](const std::string &r) {
+    return tavtest::ldap_response(tavtest::request_msgid(r), ldap_proto::kBindResponse);
+  };
   fake.on_request(ok).on_request(ok).on_request(ok).hold_until_closed();
   fake.start();
   LDAP *ld = ldap_init("127.0.0.1", fake.port());
-  EXPECT_EQ(ldap_bind_s(ld, "cn=x", "pw", 0xA3), LDAP_AUTH_UNKNOWN);
+  EXPECT_EQ(ldap_bind_s(ld, "cn=x", "pw", ldap_proto::kSaslAuth), LDAP_AUTH_UNKNOWN);
   EXPECT_EQ(ldap_get_errno(ld), LDAP_AUTH_UNKNOWN);
   EXPECT_EQ(ldap_bind(ld, "cn=x", "pw", 0), -1);
   EXPECT_EQ(get_default_connection(ld)->lc_connected, 0) << "a refused method must send nothing";
@@ -209,10 +214,12 @@ TEST(BindRequests, AnonymousAndMethodChecksAndMechanismCase) {
   const std::string wire = fake.received();
   // {1, [APPLICATION 0] {3, "", [0] ""}}: empty name and password.
   EXPECT_EQ(
-      wire.find(seq4(0x30, tavtest::integer(1) + seq4(0x60, tavtest::integer(3) + str("") + tavtest::tlv(0x80, "")))),
+      wire.find(seq4(ldap_proto::kSequence, tavtest::integer(1) + seq4(ldap_proto::kBindRequest,
+                                                                       tavtest::integer(3) + str("") +
+                                                                           tavtest::tlv(ldap_proto::kSimpleAuth, "")))),
       0u);
   // The SASL request carries the mechanism as given, and nothing else in [3].
-  EXPECT_NE(wire.find(seq4(0xA3, str("external"))), std::string::npos);
+  EXPECT_NE(wire.find(seq4(ldap_proto::kSaslAuth, str("external"))), std::string::npos);
 }
 
 }  // namespace

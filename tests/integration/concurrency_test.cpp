@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "fake_server.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap-update.h"
 #include "ldap_requests.h"
@@ -68,7 +69,8 @@ TEST_F(Concurrency, ThirtyTwoThreadsShareOneSessionWithoutCrossedResponses) {
                           for (int i = 0; i < per_thread; ++i) {
                             int id = tavtest::send_search(ld, dn, 0);
                             LDAPMessage *res = nullptr;
-                            wrong += id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x65 ||
+                            wrong += id < 0 ||
+                                     ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != ldap_proto::kSearchDone ||
                                      ldap_count_messages(ld, res) != 2 || tavtest::entry_dn(res) != dn;
                             ldap_msgfree(res);
                           }
@@ -151,10 +153,12 @@ TEST(ConcurrencyWire, WaitersGetTheirOwnResponsesAndLargeRequestsNeverInterleave
   for (int t = 0; t < 2; ++t)
     threads[t] = std::thread([&, t] {
       LDAPMessage *r = nullptr;
-      if (ldap_result(ld, ids[t], LDAP_MSG_ALL, nullptr, &r) == 0x65) got[t] = tavtest::entry_dn(r);
+      if (ldap_result(ld, ids[t], LDAP_MSG_ALL, nullptr, &r) == ldap_proto::kSearchDone) got[t] = tavtest::entry_dn(r);
       ldap_msgfree(r);
       // An octet string of one repeated letter per thread, so any interleaving shows.
-      EXPECT_GT(tavtest::send_raw_op(ld, 0x4a, tavtest::tlv(0x4a, std::string(400000, 'a' + t)), &sent[t]), 0);
+      EXPECT_GT(tavtest::send_raw_op(ld, ldap_proto::kDeleteRequest,
+                                     tavtest::tlv(ldap_proto::kDeleteRequest, std::string(400000, 'a' + t)), &sent[t]),
+                0);
     });
   for (auto &th : threads) th.join();
   ldap_unbind(ld);

@@ -16,6 +16,7 @@
 
 #include "fake_server.h"
 #include "ldap-engine.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap_requests.h"
 #include "slapd_server.h"
@@ -114,7 +115,8 @@ TEST(Deadline, EveryStepOfACallEndsWithItsTimeOut) {
          const std::string url = "ldap://127.0.0.1:" + std::to_string(b.port()) + "/o=x";
          a.on_request([url](const std::string &req) {
             return tavtest::message(tavtest::request_msgid(req),
-                                    tavtest::result(0x65, 10, "", "", tavtest::tlv(0xA3, tavtest::str(url))));
+                                    tavtest::result(ldap_proto::kSearchDone, 10, "", "",
+                                                    tavtest::tlv(ldap_proto::kReferral, tavtest::str(url))));
           }).hold_until_closed();
          a.start();
          *ld = ldap_init("127.0.0.1", a.port());

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "slapd_server.h"
 
@@ -33,7 +34,7 @@ TEST(EngineRowsConcurrency, TableGrowsWhileThreadsSendAndWait) {
       all_sent.arrive_and_wait();
       for (int id : ids) {
         LDAPMessage *res = nullptr;
-        if (id > 0 && ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) == 0x65)
+        if (id > 0 && ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) == ldap_proto::kSearchDone)
           entries[t] += ldap_count_entries(ld, res);
         ldap_msgfree(res);
       }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "fake_server.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap-update.h"
 #include "ldap_requests.h"
@@ -104,8 +105,8 @@ TEST_F(EngineRows, AFinalResultAlreadyStoredIsReleasedWhenItsRowIsMarked) {
     LDAPMessage *request = ldap_msg_new(ld->ld_defconn);
     LDAPMessage *done = ldap_msg_new(ld->ld_defconn);
     request->lm_msgid = done->lm_msgid = id;
-    request->lm_msgtype = 0x63;
-    done->lm_msgtype = 0x65;
+    request->lm_msgtype = ldap_proto::kSearchRequest;
+    done->lm_msgtype = ldap_proto::kSearchDone;
     pthread_mutex_lock(&t->table_mutex);
     t->rows[id].request = request;
     ASSERT_EQ(put_msg_in_table(t, done), 0);
@@ -134,8 +135,8 @@ TEST_F(EngineRows, AllAfterOneHandsBackOnlyWhatWasNotHandedOut) {
   const int id = ldap_search(ld, SlapdServer::kPeopleDn, 2, "(|(uid=user1)(uid=user2)(uid=user3))", nullptr, 0);
   ASSERT_GT(id, 0);
   LDAPMessage *one = nullptr, *rest = nullptr;
-  ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ONE, nullptr, &one), 0x64);
-  ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &rest), 0x65);
+  ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ONE, nullptr, &one), ldap_proto::kSearchEntry);
+  ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &rest), ldap_proto::kSearchDone);
   EXPECT_NE(rest, one);
   EXPECT_EQ(ldap_count_messages(ld, rest), 3);  // two entries and the done
   EXPECT_EQ(ldap_count_entries(ld, rest), 2);

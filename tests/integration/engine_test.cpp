@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "fake_server.h"
+#include "ldap-protocol.h"
 #include "ldap_requests.h"
 #include "slapd_server.h"
 
@@ -54,17 +55,18 @@ TEST(Engine, AllModeHandsOutTheChainAndOneModeEachMessageAlone) {
   int id = tavtest::send_search(s.ld, "o=x", 1);
   ASSERT_GT(id, 0);
   LDAPMessage *res = nullptr;
-  EXPECT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, nullptr, &res), 0x65);
-  EXPECT_EQ(types_of(res), (std::vector<int>{0x64, 0x64, 0x64, 0x65}));
+  EXPECT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, nullptr, &res), ldap_proto::kSearchDone);
+  EXPECT_EQ(types_of(res), (std::vector<int>{ldap_proto::kSearchEntry, ldap_proto::kSearchEntry,
+                                             ldap_proto::kSearchEntry, ldap_proto::kSearchDone}));
   EXPECT_EQ(tavtest::entry_dn(res->lm_chain), "cn=e1");
   LDAPMessage *again = nullptr;  // everything was delivered: nothing left for this ID
   EXPECT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, nullptr, &again), -1);
   EXPECT_EQ(ldap_get_errno(s.ld), LDAP_LOCAL_ERROR);
-  EXPECT_EQ(ldap_msgfree(res), 0x65);
+  EXPECT_EQ(ldap_msgfree(res), ldap_proto::kSearchDone);
 
   int second = tavtest::send_search(s.ld, "o=x", 1);
   std::vector<int> types;
-  for (int rc = 0; rc != 0x65;) {
+  for (int rc = 0; rc != ldap_proto::kSearchDone;) {
     LDAPMessage *m = nullptr;
     ASSERT_GT(rc = ldap_result(s.ld, second, LDAP_MSG_ONE, nullptr, &m), 0);
     EXPECT_EQ(m->lm_flags & LDAP_MSG_HANDED_ALONE, (uint32_t)LDAP_MSG_HANDED_ALONE);
@@ -72,7 +74,7 @@ TEST(Engine, AllModeHandsOutTheChainAndOneModeEachMessageAlone) {
     types.push_back(rc);
     ldap_msgfree(m);
   }
-  EXPECT_EQ(types, (std::vector<int>{0x64, 0x64, 0x65}));
+  EXPECT_EQ(types, (std::vector<int>{ldap_proto::kSearchEntry, ldap_proto::kSearchEntry, ldap_proto::kSearchDone}));
   ldap_msg_table *table = get_default_connection(s.ld)->lc_msgtable;
   EXPECT_EQ(table->free_count, (int32_t)table->size) << "rows left in use";
 }
@@ -86,24 +88,24 @@ TEST(Engine, ResponsesGoToTheirOwnRowsAndUnknownIdsAreDropped) {
       })
       .on_request([&](const std::string &r) {
         int id = request_msgid(r);
-        return search_done(id + 100) +            // no request under that ID: dropped
-               search_done(256) +                 // the table's size: dropped
-               tavtest::ldap_response(0, 0x78) +  // unsolicited notification: row 0
-               answer(r, 1) + answer(first, 2);   // the second request first
+        return search_done(id + 100) +                                     // no request under that ID: dropped
+               search_done(256) +                                          // the table's size: dropped
+               tavtest::ldap_response(0, ldap_proto::kExtendedResponse) +  // unsolicited notification: row 0
+               answer(r, 1) + answer(first, 2);                            // the second request first
       })
       .hold_until_closed();
   fake.start();
   Session s(fake);
   int a = tavtest::send_search(s.ld, "cn=a", 0), b = tavtest::send_search(s.ld, "cn=b", 0);
   LDAPMessage *ra = nullptr, *rb = nullptr, *notice = nullptr;
-  ASSERT_EQ(ldap_result(s.ld, a, LDAP_MSG_ALL, nullptr, &ra), 0x65);  // b's answer waits in its row
-  ASSERT_EQ(ldap_result(s.ld, b, LDAP_MSG_ALL, nullptr, &rb), 0x65);
+  ASSERT_EQ(ldap_result(s.ld, a, LDAP_MSG_ALL, nullptr, &ra), ldap_proto::kSearchDone);  // b's answer waits in its row
+  ASSERT_EQ(ldap_result(s.ld, b, LDAP_MSG_ALL, nullptr, &rb), ldap_proto::kSearchDone);
   EXPECT_EQ(ldap_count_messages(s.ld, ra), 3);
   EXPECT_EQ(ldap_count_messages(s.ld, rb), 2);
   ldap_msgfree(ra);
   ldap_msgfree(rb);
   struct timeval zero = {0, 0};
-  ASSERT_EQ(ldap_result(s.ld, 0, LDAP_MSG_ONE, &zero, &notice), 0x78);
+  ASSERT_EQ(ldap_result(s.ld, 0, LDAP_MSG_ONE, &zero, &notice), ldap_proto::kExtendedResponse);
   EXPECT_EQ(ldap_msgid(notice), 0);
   ldap_msgfree(notice);
   EXPECT_EQ(get_default_connection(s.ld)->lc_msgtable->rows[0].flags & LDAP_ROW_COMPLETE, 0u);
@@ -131,8 +133,9 @@ TEST(EngineTimeouts, TimeOutsReturnZeroRecord85AndKeepWhatArrived) {
   }
   fake.open_gate();
   LDAPMessage *res = nullptr;
-  ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, nullptr, &res), 0x65);
-  EXPECT_EQ(types_of(res), (std::vector<int>{0x64, 0x64, 0x65}));
+  ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, nullptr, &res), ldap_proto::kSearchDone);
+  EXPECT_EQ(types_of(res),
+            (std::vector<int>{ldap_proto::kSearchEntry, ldap_proto::kSearchEntry, ldap_proto::kSearchDone}));
   EXPECT_EQ(tavtest::entry_dn(res), "cn=one");
   ldap_msgfree(res);
 }
@@ -161,7 +164,7 @@ TEST(EngineTimeouts, ResponseSplitAcrossATimeOutIsCompletedByTheNextCall) {
   EXPECT_EQ(pending, 0) << "the partial element was not read";
   EXPECT_EQ(get_default_connection(s.ld)->lc_closed, 0) << "a time-out must not close the connection";
   fake.open_gate();
-  ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ONE, nullptr, &res), 0x65);
+  ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ONE, nullptr, &res), ldap_proto::kSearchDone);
   ldap_msgfree(res);
 }
 
@@ -187,15 +190,15 @@ TEST(EngineTimeouts, ARunOfEntriesThatStopsShortOfABatchIsHandedOutWithoutWaitin
   struct timeval generous = {10, 0};
   for (int i = 0; i < kEntries; ++i) {
     LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ONE, &generous, &res), 0x64) << "entry " << i;
+    ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ONE, &generous, &res), ldap_proto::kSearchEntry) << "entry " << i;
     ldap_msgfree(res);
   }
   fake.open_gate();
   pollfd p{s.sd(), POLLIN, 0};
   ASSERT_EQ(poll(&p, 1, 20000), 1);  // the tail is waiting in the socket
   LDAPMessage *res = nullptr;
-  ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, &generous, &res), 0x65);
-  EXPECT_EQ(types_of(res), (std::vector<int>{0x64, 0x65}));
+  ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ALL, &generous, &res), ldap_proto::kSearchDone);
+  EXPECT_EQ(types_of(res), (std::vector<int>{ldap_proto::kSearchEntry, ldap_proto::kSearchDone}));
   EXPECT_EQ(tavtest::entry_dn(res), "cn=last");
   ldap_msgfree(res);
 }
@@ -241,7 +244,7 @@ TEST(Engine, AWaiterIsWokenByAReaderOutsideTheTable) {
   pthread_mutex_lock(&table->table_mutex);
   EXPECT_EQ(table->waiters, nullptr) << "the reader left without waking the waiter";
   pthread_mutex_unlock(&table->table_mutex);
-  EXPECT_EQ(waiter.get(), 0x65);
+  EXPECT_EQ(waiter.get(), ldap_proto::kSearchDone);
   ldap_msgfree(res);
 }
 
@@ -256,11 +259,11 @@ TEST(EngineFaults, ServerThatStopsReadingFailsTheWriteAfterTheWriteTimeOut) {
   fake.start();
   {
     Session s(fake);
-    EXPECT_EQ(tavtest::send_raw_op(s.ld, 0x4a, std::string("\x4a\x00", 2)), 1);  // connects
+    EXPECT_EQ(tavtest::send_raw_op(s.ld, ldap_proto::kDeleteRequest, std::string("\x4a\x00", 2)), 1);  // connects
     const std::string huge(64 << 20, 'z');  // more than the socket buffers on both ends hold
     auto start = std::chrono::steady_clock::now();
     auto sent = std::async(std::launch::async, [&] {
-      int id = tavtest::send_raw_op(s.ld, 0x4a, tavtest::tlv(0x4a, huge));
+      int id = tavtest::send_raw_op(s.ld, ldap_proto::kDeleteRequest, tavtest::tlv(ldap_proto::kDeleteRequest, huge));
       return std::make_pair(id, ldap_get_errno(s.ld));
     });
     // Without the time-out the write would wait for the server to close.
@@ -269,7 +272,7 @@ TEST(EngineFaults, ServerThatStopsReadingFailsTheWriteAfterTheWriteTimeOut) {
     EXPECT_EQ(sent.get(), std::make_pair(-1, LDAP_SERVER_DOWN));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
     // The connection is closed for good: the next request fails too.
-    EXPECT_EQ(tavtest::send_raw_op(s.ld, 0x4a, std::string("\x4a\x00", 2)), -1);
+    EXPECT_EQ(tavtest::send_raw_op(s.ld, ldap_proto::kDeleteRequest, std::string("\x4a\x00", 2)), -1);
     EXPECT_EQ(ldap_get_errno(s.ld), LDAP_SERVER_DOWN);
     EXPECT_EQ(get_default_connection(s.ld)->lc_closed, 1);
   }

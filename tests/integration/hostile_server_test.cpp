@@ -17,6 +17,7 @@
 
 #include "fake_server.h"
 #include "ldap-engine.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap-update.h"
 #include "ldap-utils.h"
@@ -48,10 +49,10 @@ const std::string kId1 = hex("02 01 01");
 const std::string kEmptyStrings = hex("04 00 04 00");
 // An LDAPResult of `type` with the given encoded resultCode.
 std::string result(unsigned type, const std::string &code = hex("0a 01 00")) { return tlv(type, code + kEmptyStrings); }
-std::string reply(const std::string &op, const std::string &id = kId1, unsigned envelope = 0x30) {
+std::string reply(const std::string &op, const std::string &id = kId1, unsigned envelope = ldap_proto::kSequence) {
   return tlv(envelope, id + op);
 }
-const std::string kEntry = reply(tlv(0x64, tlv(0x04, "cn=x") + hex("30 00")));
+const std::string kEntry = reply(tlv(ldap_proto::kSearchEntry, tlv(ldap_proto::kOctetString, "cn=x") + hex("30 00")));
 
 enum class Op { kBind, kSaslBind, kSearch, kAdd, kDelete, kExtended };
 
@@ -77,7 +78,9 @@ int call(Op op, LDAP *ld) {
     case Op::kDelete:
       return ldap_delete_s(ld, "cn=x");
     case Op::kExtended: {  // an extended request the library has no call for, sent raw
-      const int id = tavtest::send_raw_op(ld, 0x77, tlv(0x77, tlv(0x80, "1.3.6.1.4.1.4203.1.11.3")));
+      const int id = tavtest::send_raw_op(
+          ld, ldap_proto::kExtendedRequest,
+          tlv(ldap_proto::kExtendedRequest, tlv(ldap_proto::kRequestName, "1.3.6.1.4.1.4203.1.11.3")));
       LDAPMessage *res = nullptr;
       if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) == -1) return ldap_get_errno(ld);
       return ldap_result2error(ld, res, 1);
@@ -117,10 +120,13 @@ TEST(HostileServer, EveryBrokenOrMismatchedReplyIsADecodingError) {
   const int kDecoding = LDAP_DECODING_ERROR;
   const Case cases[] = {
       // Well-formed replies keep their codes, so 84 below is not all the client can say.
-      {"bind answered 49", Op::kBind, reply(result(0x61, hex("0a 01 31"))), LDAP_INVALID_CREDENTIALS},
-      {"search answered with an entry and done", Op::kSearch, kEntry + reply(result(0x65)), LDAP_SUCCESS},
-      {"search answered 122 (assertion failed)", Op::kSearch, reply(result(0x65, hex("0a 01 7a"))), 122},
-      {"add answered 68", Op::kAdd, reply(result(0x69, hex("0a 01 44"))), LDAP_ALREADY_EXISTS},
+      {"bind answered 49", Op::kBind, reply(result(ldap_proto::kBindResponse, hex("0a 01 31"))),
+       LDAP_INVALID_CREDENTIALS},
+      {"search answered with an entry and done", Op::kSearch, kEntry + reply(result(ldap_proto::kSearchDone)),
+       LDAP_SUCCESS},
+      {"search answered 122 (assertion failed)", Op::kSearch, reply(result(ldap_proto::kSearchDone, hex("0a 01 7a"))),
+       122},
+      {"add answered 68", Op::kAdd, reply(result(ldap_proto::kAddResponse, hex("0a 01 44"))), LDAP_ALREADY_EXISTS},
 
       // Operation tag 0, missing, cut short, or in high-tag form.
       {"bind, protocolOp 0", Op::kBind, hex("30 05 02 01 01 00 00"), kDecoding},
@@ -136,34 +142,43 @@ TEST(HostileServer, EveryBrokenOrMismatchedReplyIsADecodingError) {
       {"sasl bind, high-tag form", Op::kSaslBind, hex("30 05 02 01 01 1F 00"), kDecoding},
 
       // Message IDs that are not a non-negative INTEGER fitting 32 bits.
-      {"bind, 5-byte message ID", Op::kBind, reply(result(0x61), hex("02 05 01 00 00 00 01")), kDecoding},
-      {"bind, 8-byte message ID", Op::kBind, reply(result(0x61), hex("02 08 01 00 00 00 00 00 00 01")), kDecoding},
-      {"search, 5-byte message ID", Op::kSearch, reply(result(0x65), hex("02 05 01 00 00 00 01")), kDecoding},
-      {"bind, negative message ID", Op::kBind, reply(result(0x61), hex("02 04 ff ff ff ff")), kDecoding},
-      {"bind, OCTET STRING message ID", Op::kBind, reply(result(0x61), hex("04 01 01")), kDecoding},
-      {"bind, SET envelope", Op::kBind, reply(result(0x61), kId1, 0x31), kDecoding},
+      {"bind, 5-byte message ID", Op::kBind, reply(result(ldap_proto::kBindResponse), hex("02 05 01 00 00 00 01")),
+       kDecoding},
+      {"bind, 8-byte message ID", Op::kBind,
+       reply(result(ldap_proto::kBindResponse), hex("02 08 01 00 00 00 00 00 00 01")), kDecoding},
+      {"search, 5-byte message ID", Op::kSearch, reply(result(ldap_proto::kSearchDone), hex("02 05 01 00 00 00 01")),
+       kDecoding},
+      {"bind, negative message ID", Op::kBind, reply(result(ldap_proto::kBindResponse), hex("02 04 ff ff ff ff")),
+       kDecoding},
+      {"bind, OCTET STRING message ID", Op::kBind, reply(result(ldap_proto::kBindResponse), hex("04 01 01")),
+       kDecoding},
+      {"bind, SET envelope", Op::kBind, reply(result(ldap_proto::kBindResponse), kId1, ldap_proto::kSet), kDecoding},
 
       // Result codes that do not fit, are negative, are the client's own, or are not ENUMERATED.
-      {"bind, resultCode 2^32", Op::kBind, reply(result(0x61, hex("0a 05 01 00 00 00 00"))), kDecoding},
-      {"sasl bind, resultCode 2^32", Op::kSaslBind, reply(result(0x61, hex("0a 05 01 00 00 00 00"))), kDecoding},
-      {"bind, resultCode -1", Op::kBind, reply(result(0x61, hex("0a 01 ff"))), kDecoding},
-      {"add, resultCode -2^31", Op::kAdd, reply(result(0x69, hex("0a 04 80 00 00 00"))), kDecoding},
-      {"bind, resultCode 81", Op::kBind, reply(result(0x61, hex("0a 01 51"))), kDecoding},
-      {"sasl bind, resultCode 81", Op::kSaslBind, reply(result(0x61, hex("0a 01 51"))), kDecoding},
-      {"search, resultCode 85", Op::kSearch, reply(result(0x65, hex("0a 01 55"))), kDecoding},
-      {"add, resultCode 90", Op::kAdd, reply(result(0x69, hex("0a 01 5a"))), kDecoding},
-      {"delete, resultCode 129", Op::kDelete, reply(result(0x6b, hex("0a 02 00 81"))), kDecoding},
-      {"bind, resultCode as OCTET STRING", Op::kBind, reply(result(0x61, hex("04 01 00"))), kDecoding},
+      {"bind, resultCode 2^32", Op::kBind, reply(result(ldap_proto::kBindResponse, hex("0a 05 01 00 00 00 00"))),
+       kDecoding},
+      {"sasl bind, resultCode 2^32", Op::kSaslBind,
+       reply(result(ldap_proto::kBindResponse, hex("0a 05 01 00 00 00 00"))), kDecoding},
+      {"bind, resultCode -1", Op::kBind, reply(result(ldap_proto::kBindResponse, hex("0a 01 ff"))), kDecoding},
+      {"add, resultCode -2^31", Op::kAdd, reply(result(ldap_proto::kAddResponse, hex("0a 04 80 00 00 00"))), kDecoding},
+      {"bind, resultCode 81", Op::kBind, reply(result(ldap_proto::kBindResponse, hex("0a 01 51"))), kDecoding},
+      {"sasl bind, resultCode 81", Op::kSaslBind, reply(result(ldap_proto::kBindResponse, hex("0a 01 51"))), kDecoding},
+      {"search, resultCode 85", Op::kSearch, reply(result(ldap_proto::kSearchDone, hex("0a 01 55"))), kDecoding},
+      {"add, resultCode 90", Op::kAdd, reply(result(ldap_proto::kAddResponse, hex("0a 01 5a"))), kDecoding},
+      {"delete, resultCode 129", Op::kDelete, reply(result(ldap_proto::kDeleteResponse, hex("0a 02 00 81"))),
+       kDecoding},
+      {"bind, resultCode as OCTET STRING", Op::kBind, reply(result(ldap_proto::kBindResponse, hex("04 01 00"))),
+       kDecoding},
 
       // Replies of another operation.
-      {"search answered by a BindResponse", Op::kSearch, reply(result(0x61)), kDecoding},
-      {"search answered by an ExtendedResponse", Op::kSearch, reply(result(0x78)), kDecoding},
-      {"search, entry then a BindResponse", Op::kSearch, kEntry + reply(result(0x61)), kDecoding},
-      {"add answered by an entry and done", Op::kAdd, kEntry + reply(result(0x65)), kDecoding},
-      {"add answered by a DelResponse", Op::kAdd, reply(result(0x6b)), kDecoding},
-      {"bind answered by a SearchResultDone", Op::kBind, reply(result(0x65)), kDecoding},
-      {"sasl bind answered by a SearchResultDone", Op::kSaslBind, reply(result(0x65)), kDecoding},
-      {"delete answered by an ExtendedResponse", Op::kDelete, reply(result(0x78)), kDecoding},
+      {"search answered by a BindResponse", Op::kSearch, reply(result(ldap_proto::kBindResponse)), kDecoding},
+      {"search answered by an ExtendedResponse", Op::kSearch, reply(result(ldap_proto::kExtendedResponse)), kDecoding},
+      {"search, entry then a BindResponse", Op::kSearch, kEntry + reply(result(ldap_proto::kBindResponse)), kDecoding},
+      {"add answered by an entry and done", Op::kAdd, kEntry + reply(result(ldap_proto::kSearchDone)), kDecoding},
+      {"add answered by a DelResponse", Op::kAdd, reply(result(ldap_proto::kDeleteResponse)), kDecoding},
+      {"bind answered by a SearchResultDone", Op::kBind, reply(result(ldap_proto::kSearchDone)), kDecoding},
+      {"sasl bind answered by a SearchResultDone", Op::kSaslBind, reply(result(ldap_proto::kSearchDone)), kDecoding},
+      {"delete answered by an ExtendedResponse", Op::kDelete, reply(result(ldap_proto::kExtendedResponse)), kDecoding},
   };
   for (const Case &c : cases) EXPECT_EQ(run(c.op, c.bytes), c.code) << c.name;
 }
@@ -173,8 +188,8 @@ TEST(HostileServer, EveryBrokenOrMismatchedReplyIsADecodingError) {
 TEST(HostileServer, ReplyWithoutReadableIdFailsEveryOutstandingRequest) {
   FakeServer fake;
   fake.on_request([](const std::string &) { return std::string(); })
-      .on_request([](const std::string &) { return reply(result(0x65), hex("04 01 01")); })
-      .on_request([](const std::string &) { return reply(result(0x6b), hex("02 01 03")); })
+      .on_request([](const std::string &) { return reply(result(ldap_proto::kSearchDone), hex("04 01 01")); })
+      .on_request([](const std::string &) { return reply(result(ldap_proto::kDeleteResponse), hex("02 01 03")); })
       .hold_until_closed();
   fake.start();
   LDAP *ld = ldap_init("127.0.0.1", fake.port());
@@ -185,7 +200,7 @@ TEST(HostileServer, ReplyWithoutReadableIdFailsEveryOutstandingRequest) {
   for (int id : {b, a}) {
     LDAPMessage *res = nullptr;
     struct timeval wait = {10, 0};
-    EXPECT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, &wait, &res), 0x65) << id;
+    EXPECT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, &wait, &res), ldap_proto::kSearchDone) << id;
     EXPECT_EQ(ldap_result2error(ld, res, 1), LDAP_DECODING_ERROR) << id;
   }
   EXPECT_EQ(ldap_delete_s(ld, "cn=x"), LDAP_SUCCESS);
@@ -196,8 +211,9 @@ TEST(HostileServer, ReplyWithoutReadableIdFailsEveryOutstandingRequest) {
 // delete waits; it must not join the chain the caller already holds.
 TEST(HostileServer, ReplyAfterTheFinalAnswerChangesNothing) {
   FakeServer fake;
-  fake.on_request([](const std::string &) { return hex("30 05 02 01 01 00 00") + reply(result(0x65)); })
-      .on_request([](const std::string &) { return reply(result(0x6b), hex("02 01 02")); })
+  fake.on_request(
+          [](const std::string &) { return hex("30 05 02 01 01 00 00") + reply(result(ldap_proto::kSearchDone)); })
+      .on_request([](const std::string &) { return reply(result(ldap_proto::kDeleteResponse), hex("02 01 02")); })
       .hold_until_closed();
   fake.start();
   LDAP *ld = ldap_init("127.0.0.1", fake.port());
@@ -211,7 +227,10 @@ TEST(HostileServer, ReplyAfterTheFinalAnswerChangesNothing) {
 }
 
 std::string unsolicited(const std::string &text, const std::string &oid) {
-  return reply(tlv(0x78, hex("0a 01 34") + tlv(0x04, "") + tlv(0x04, text) + tlv(0x8A, oid)), hex("02 01 00"));
+  return reply(
+      tlv(ldap_proto::kExtendedResponse, hex("0a 01 34") + tlv(ldap_proto::kOctetString, "") +
+                                             tlv(ldap_proto::kOctetString, text) + tlv(ldap_proto::kResponseName, oid)),
+      hex("02 01 00"));
 }
 
 // The server's notice of disconnection (the socket stays open) ends every
@@ -285,7 +304,9 @@ TEST(HostileServer, ATimeOutBoundsTheWriteToAServerThatStopsReading) {
 TEST(HostileServer, ATimeOutBeforeAnyByteIsWrittenLeavesTheConnectionOpen) {
   FakeServer fake;
   fake.set_receive_buffer(4096);
-  fake.on_request([](const std::string &) { return reply(result(0x61)); }).gate().hold_until_closed();
+  fake.on_request([](const std::string &) { return reply(result(ldap_proto::kBindResponse)); })
+      .gate()
+      .hold_until_closed();
   fake.start();
   LDAP *ld = ldap_init("127.0.0.1", fake.port());
   ASSERT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), 0);
@@ -337,12 +358,13 @@ TEST(HostileServer, WaitingOnASilentServerCostsNoCpu) {
 TEST(HostileServer, AServerClosingAtAnyByteGives81) {
   const std::string reference = tavtest::search_reference(1, "ldap://127.0.0.1:1/o=x");
   const std::pair<Op, std::string> answers[] = {
-      {Op::kBind, reply(result(0x61))},
-      {Op::kSaslBind, reply(result(0x61))},
-      {Op::kSearch, kEntry + reference + reply(result(0x65))},
-      {Op::kAdd, reply(result(0x69))},
-      {Op::kDelete, reply(result(0x6b))},
-      {Op::kExtended, reply(tlv(0x78, hex("0a 01 00") + kEmptyStrings + tlv(0x8b, "dn:cn=x")))},
+      {Op::kBind, reply(result(ldap_proto::kBindResponse))},
+      {Op::kSaslBind, reply(result(ldap_proto::kBindResponse))},
+      {Op::kSearch, kEntry + reference + reply(result(ldap_proto::kSearchDone))},
+      {Op::kAdd, reply(result(ldap_proto::kAddResponse))},
+      {Op::kDelete, reply(result(ldap_proto::kDeleteResponse))},
+      {Op::kExtended, reply(tlv(ldap_proto::kExtendedResponse,
+                                hex("0a 01 00") + kEmptyStrings + tlv(ldap_proto::kResponseValue, "dn:cn=x")))},
       {Op::kSearch, unsolicited("bye", "1.3.6.1.4.1.1466.20036")}};
   for (const auto &answer : answers)
     for (size_t cut = 0; cut < answer.second.size(); ++cut) {
@@ -385,7 +407,8 @@ TEST(HostileServer, UnsolicitedMessagesAreKeptOnlyAFew) {
   std::string flood;
   for (int i = 0; i < 1000; ++i) flood += unsolicited("hello", "1.2.3");
   FakeServer fake;
-  fake.on_request([&](const std::string &) { return flood + reply(result(0x61)); }).hold_until_closed();
+  fake.on_request([&](const std::string &) { return flood + reply(result(ldap_proto::kBindResponse)); })
+      .hold_until_closed();
   fake.start();
   LDAP *ld = ldap_init("127.0.0.1", fake.port());
   EXPECT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), 0);
@@ -402,7 +425,8 @@ TEST(HostileServer, UnsolicitedMessagesAreKeptOnlyAFew) {
 TEST(HostileServer, IntermediateResponsesAreHandedOutAloneAndNeverFinal) {
   auto answer = [](int id, int intermediates) {
     std::string a = tavtest::search_entry(id, "cn=a");
-    for (int i = 0; i < intermediates; ++i) a += tavtest::message(id, tlv(0x79, tlv(0x80, "1.2.3")));
+    for (int i = 0; i < intermediates; ++i)
+      a += tavtest::message(id, tlv(ldap_proto::kIntermediateResponse, tlv(ldap_proto::kIntermediateName, "1.2.3")));
     return a + tavtest::search_entry(id, "cn=b") + tavtest::search_done(id);
   };
   FakeServer fake;
@@ -430,7 +454,8 @@ TEST(HostileServer, EveryAllocationFailureOnAReplyWithoutIdEndsInADocumentedCode
   const std::set<int> documented = {LDAP_DECODING_ERROR, LDAP_NO_MEMORY, LDAP_SERVER_DOWN, LDAP_LOCAL_ERROR};
   for (long n = 1; n < 200; ++n) {
     FakeServer fake;
-    fake.on_request([](const std::string &) { return reply(result(0x61), hex("04 01 01")); }).hold_until_closed();
+    fake.on_request([](const std::string &) { return reply(result(ldap_proto::kBindResponse), hex("04 01 01")); })
+        .hold_until_closed();
     fake.start();
     LDAP *ld = ldap_init("127.0.0.1", fake.port());
     olx_fail_alloc_at(n);

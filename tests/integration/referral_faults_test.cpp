@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fake_server.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap_requests.h"
 #include "process.h"
@@ -87,7 +88,9 @@ TEST(ReferralFaults, AReplyThatDoesNotAnswerItsRequestIsNeverChased) {
   FakeServer a;
   a.on_request([&](const std::string &r) {
      using namespace tavtest;
-     return message(request_msgid(r), tlv(0x61, integer(10, 0x0A) + str("") + str("") + tlv(0xA3, str(url))));
+     return message(request_msgid(r),
+                    tlv(ldap_proto::kBindResponse, integer(10, ldap_proto::kEnumerated) + str("") + str("") +
+                                                       tlv(ldap_proto::kReferral, str(url))));
    }).hold_until_closed();
   a.start();
   LDAP *ld = ldap_init("127.0.0.1", a.port());
@@ -139,17 +142,17 @@ TEST(ReferralFaults, TheReferredServerGetsOnlyTheBindTheRebindProcedureAsksFor) 
     std::vector<int> ops;  // the requests B receives
     std::string bind;      // the bind among them
   } cases[] = {
-      {"no rebind procedure", nullptr, false, {0x63}, ""},
+      {"no rebind procedure", nullptr, false, {ldap_proto::kSearchRequest}, ""},
       {"rebind procedure gives a DN",
        simple_rebind_proc,
        false,
-       {0x60, 0x63},
-       seq4(0x60, integer(3) + str("cn=rebind") + tlv(0x80, "rebind-pw"))},
+       {ldap_proto::kBindRequest, ldap_proto::kSearchRequest},
+       seq4(ldap_proto::kBindRequest, integer(3) + str("cn=rebind") + tlv(ldap_proto::kSimpleAuth, "rebind-pw"))},
       {"rebind procedure asks for the SASL bind",
        sasl_rebind_proc,
        false,
-       {0x60, 0x63},
-       seq4(0x60, integer(3) + str("") + seq4(0xA3, str("PLAIN") + str(plain)))},
+       {ldap_proto::kBindRequest, ldap_proto::kSearchRequest},
+       seq4(ldap_proto::kBindRequest, integer(3) + str("") + seq4(ldap_proto::kSaslAuth, str("PLAIN") + str(plain)))},
       {"reference to a local socket", nullptr, true, {}, ""},
   };
   for (const Case &c : cases) {
@@ -163,16 +166,16 @@ TEST(ReferralFaults, TheReferredServerGetsOnlyTheBindTheRebindProcedureAsksFor) 
     ASSERT_EQ(listen(listener, 1), 0);
     auto answer = [](const std::string &r) {
       const int id = request_msgid(r), op = op_tags(r)[0];
-      return op == 0x60   ? ldap_response(id, 0x61)
-             : op == 0x63 ? search_entry(id, "cn=from-b") + search_done(id)
-                          : std::string();
+      return op == ldap_proto::kBindRequest     ? ldap_response(id, ldap_proto::kBindResponse)
+             : op == ldap_proto::kSearchRequest ? search_entry(id, "cn=from-b") + search_done(id)
+                                                : std::string();
     };
     FakeServer b;
     b.on_request(answer).on_request(answer).hold_until_closed();
     b.start();
     const std::string url = c.to_socket ? "ldap://" + socket_host + "/o=x" : ReferralServers::url(b.port(), "o=x");
     FakeServer a;
-    a.on_request([](const std::string &r) { return ldap_response(request_msgid(r), 0x61); })
+    a.on_request([](const std::string &r) { return ldap_response(request_msgid(r), ldap_proto::kBindResponse); })
         .on_request([&](const std::string &r) {
           const int id = request_msgid(r);
           return search_reference(id, url) + search_done(id);

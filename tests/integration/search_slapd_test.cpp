@@ -8,6 +8,7 @@
 
 #include "ber_build.h"
 #include "fake_server.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap-utils.h"
 #include "slapd_suite.h"
@@ -191,8 +192,9 @@ TEST(SearchRequest, TimeLimitSentFollowsTheForm) {
     ASSERT_TRUE(server.wait_done());
     // {i t{ s e e i i ...: the time limit is the INTEGER after the size limit.
     const std::string head =
-        tavtest::seq4(0x63, tavtest::str("o=x") + tavtest::integer(0, 0x0A) + tavtest::integer(0, 0x0A) +
-                                tavtest::integer(0) + tavtest::integer(form == 0 ? 7 : 1));
+        tavtest::seq4(ldap_proto::kSearchRequest, tavtest::str("o=x") + tavtest::integer(0, ldap_proto::kEnumerated) +
+                                                      tavtest::integer(0, ldap_proto::kEnumerated) +
+                                                      tavtest::integer(0) + tavtest::integer(form == 0 ? 7 : 1));
     EXPECT_NE(request.find(head.substr(6)), std::string::npos) << tavtest::hex(request);
   }
 }

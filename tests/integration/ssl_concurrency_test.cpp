@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ldap-engine.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap-ssl.h"
 #include "ldap_requests.h"
@@ -56,8 +57,8 @@ TEST_F(SslConcurrency, EightThreadsSearchOneSecureSessionAtOnce) {
         std::string dn = SlapdServer::user_dn(n);
         int id = tavtest::send_search(ld, dn, LDAP_SCOPE_BASE, "objectClass", {"uid"});
         LDAPMessage *res = nullptr;
-        if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x65 || ldap_count_entries(ld, res) != 1 ||
-            tavtest::entry_dn(ldap_first_entry(ld, res)) != dn)
+        if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != ldap_proto::kSearchDone ||
+            ldap_count_entries(ld, res) != 1 || tavtest::entry_dn(ldap_first_entry(ld, res)) != dn)
           ++wrong;
         ldap_msgfree(res);
       }

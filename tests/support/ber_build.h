@@ -10,6 +10,7 @@
 #include <string>
 
 #include "lber-int.h"
+#include "ldap-protocol.h"
 
 namespace tavtest {
 
@@ -62,9 +63,9 @@ inline std::string prim4(unsigned tag, const std::string &content) {
   return content.size() < 0x80 ? tlv(tag, content) : seq4(tag, content);
 }
 
-inline std::string str(const std::string &s) { return tlv(0x04, s); }
+inline std::string str(const std::string &s) { return tlv(ldap_proto::kOctetString, s); }
 // INTEGER (or, with another tag, ENUMERATED) in the fewest octets.
-inline std::string integer(long v, unsigned tag = 0x02) {
+inline std::string integer(long v, unsigned tag = ldap_proto::kInteger) {
   std::string c;
   do {
     c.insert(c.begin(), static_cast<char>(v & 0xFF));
@@ -72,13 +73,13 @@ inline std::string integer(long v, unsigned tag = 0x02) {
   } while (!((v == 0 && !(c[0] & 0x80)) || (v == -1 && (c[0] & 0x80))));
   return tlv(tag, c);
 }
-inline std::string boolean(bool b) { return tlv(0x01, std::string(1, b ? '\xFF' : '\0')); }
+inline std::string boolean(bool b) { return tlv(ldap_proto::kBoolean, std::string(1, b ? '\xFF' : '\0')); }
 
 // An LDAPMessage and an LDAPResult as a server sends them.
-inline std::string message(int msgid, const std::string &op) { return tlv(0x30, integer(msgid) + op); }
+inline std::string message(int msgid, const std::string &op) { return tlv(ldap_proto::kSequence, integer(msgid) + op); }
 inline std::string result(unsigned type, int code, const std::string &matched = "", const std::string &text = "",
                           const std::string &more = "") {
-  return tlv(type, integer(code, 0x0A) + str(matched) + str(text) + more);
+  return tlv(type, integer(code, ldap_proto::kEnumerated) + str(matched) + str(text) + more);
 }
 
 struct BerFree {

@@ -10,6 +10,8 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "ldap-protocol.h"
+
 namespace tavtest {
 
 size_t ber_element_length(const std::string &b) {
@@ -54,9 +56,9 @@ FakeServer &FakeServer::send_lazy(std::function<std::string()> make) {
 // An LDAPMessage whose operation is an AbandonRequest ([APPLICATION 16]).
 bool FakeServer::is_abandon(const std::string &pdu) {
   size_t i = 2 + (pdu.size() > 1 && (pdu[1] & 0x80) ? (pdu[1] & 0x7F) : 0);
-  if (i + 2 > pdu.size() || pdu[i] != 0x02) return false;
+  if (i + 2 > pdu.size() || static_cast<unsigned char>(pdu[i]) != ldap_proto::kInteger) return false;
   i += 2 + (unsigned char)pdu[i + 1];
-  return i < pdu.size() && (unsigned char)pdu[i] == 0x50;
+  return i < pdu.size() && (unsigned char)pdu[i] == ldap_proto::kAbandonRequest;
 }
 
 FakeServer &FakeServer::on_request(std::function<std::string(const std::string &)> reply) {

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <functional>
 
+#include "ldap-protocol.h"
+
 namespace tavtest {
 
 namespace {
@@ -38,10 +40,10 @@ int send_search(LDAP *ld, const std::string &base, int scope, const std::string 
   for (const auto &a : attrs) vec.push_back(const_cast<char *>(a.c_str()));
   vec.push_back(nullptr);
   auto build = [&](BerElement *ber, int id) {
-    return fber_printf(ber, "{it{seeiibts{v}}}", id, (ber_tag_t)0x63, base.c_str(), scope, 0, 0, 0, 0, (ber_tag_t)0x87,
-                       present_attr.c_str(), vec.data());
+    return fber_printf(ber, "{it{seeiibts{v}}}", id, (ber_tag_t)ldap_proto::kSearchRequest, base.c_str(), scope, 0, 0,
+                       0, 0, (ber_tag_t)0x87, present_attr.c_str(), vec.data());
   };
-  return send_built(ld, 0x63, build, nullptr);
+  return send_built(ld, ldap_proto::kSearchRequest, build, nullptr);
 }
 
 int send_raw_op(LDAP *ld, int type, const std::string &op_bytes, std::string *encoded) {
@@ -54,7 +56,9 @@ int send_raw_op(LDAP *ld, int type, const std::string &op_bytes, std::string *en
 }
 
 std::string search_entry(int msgid, const std::string &dn) {
-  return message(msgid, tlv(0x64, str(dn) + tlv(0x30, tlv(0x30, str("cn") + tlv(0x31, str("x"))))));
+  return message(msgid, tlv(ldap_proto::kSearchEntry,
+                            str(dn) + tlv(ldap_proto::kSequence,
+                                          tlv(ldap_proto::kSequence, str("cn") + tlv(ldap_proto::kSet, str("x"))))));
 }
 
 std::string entry_dn(LDAPMessage *entry) {
@@ -70,7 +74,7 @@ std::string entry_dn(LDAPMessage *entry) {
 int request_msgid(const std::string &pdu) {
   // 30 LL [length octets] 02 NN id...
   size_t i = 2 + (pdu.size() > 1 && (pdu[1] & 0x80) ? (pdu[1] & 0x7F) : 0);
-  if (i + 2 > pdu.size() || pdu[i] != 0x02) return -1;
+  if (i + 2 > pdu.size() || static_cast<unsigned char>(pdu[i]) != ldap_proto::kInteger) return -1;
   int id = 0;
   for (size_t k = 0; k < (size_t)pdu[i + 1] && i + 2 + k < pdu.size(); ++k)
     id = id << 8 | (unsigned char)pdu[i + 2 + k];
@@ -78,10 +82,12 @@ int request_msgid(const std::string &pdu) {
 }
 
 std::string whoami(LDAP *ld) {
-  const int id = send_raw_op(ld, 0x77, tlv(0x77, tlv(0x80, "1.3.6.1.4.1.4203.1.11.3")));
+  const int id =
+      send_raw_op(ld, ldap_proto::kExtendedRequest,
+                  tlv(ldap_proto::kExtendedRequest, tlv(ldap_proto::kRequestName, "1.3.6.1.4.1.4203.1.11.3")));
   LDAPMessage *res = nullptr;
   struct berval *authzid = nullptr;
-  if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x78 ||
+  if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != ldap_proto::kExtendedResponse ||
       ldap_parse_extended_result(ld, res, nullptr, &authzid, 1) != 0 || authzid == nullptr)
     return "";
   std::string who(authzid->bv_val, authzid->bv_len);

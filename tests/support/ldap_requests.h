@@ -8,6 +8,7 @@
 
 #include "ber_build.h"
 #include "ldap-engine.h"
+#include "ldap-protocol.h"
 
 namespace tavtest {
 
@@ -22,8 +23,10 @@ int send_raw_op(LDAP *ld, int type, const std::string &op_bytes, std::string *en
 // Responses for scripted servers.
 std::string search_entry(int msgid, const std::string &dn);
 inline std::string ldap_response(int msgid, int type, int code = 0) { return message(msgid, result(type, code)); }
-inline std::string search_done(int msgid, int code = 0) { return ldap_response(msgid, 0x65, code); }
-inline std::string search_reference(int msgid, const std::string &url) { return message(msgid, tlv(0x73, str(url))); }
+inline std::string search_done(int msgid, int code = 0) { return ldap_response(msgid, ldap_proto::kSearchDone, code); }
+inline std::string search_reference(int msgid, const std::string &url) {
+  return message(msgid, tlv(ldap_proto::kSearchReference, str(url)));
+}
 
 // The DN of a SearchResultEntry as received, or "" when it does not parse.
 std::string entry_dn(LDAPMessage *entry);

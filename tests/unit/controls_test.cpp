@@ -11,6 +11,7 @@
 #include "ber_build.h"
 #include "ldap-controls.h"
 #include "ldap-engine.h"
+#include "ldap-protocol.h"
 #include "ldap-utils.h"
 
 using namespace tavtest;
@@ -49,10 +50,10 @@ class Controls : public ::testing::Test {
 TEST(ControlEncoding, RequestControlsAreWrittenWithCriticalityAlways) {
   LDAPControl plain = {s("1.2.3"), {0, nullptr}, 0}, valued = {s("1.2.4"), {2, s("\x01\x00")}, 1};
   const std::pair<std::vector<LDAPControl *>, std::string> cases[] = {
-      {{&plain, nullptr}, seq4(0xA0, seq4(0x30, str("1.2.3") + boolean(false)))},
+      {{&plain, nullptr}, seq4(ldap_proto::kControls, seq4(ldap_proto::kSequence, str("1.2.3") + boolean(false)))},
       {{&plain, &valued, nullptr},
-       seq4(0xA0,
-            seq4(0x30, str("1.2.3") + boolean(false)) + seq4(0x30, str("1.2.4") + boolean(true) + str("\x01\x00"s)))},
+       seq4(ldap_proto::kControls, seq4(ldap_proto::kSequence, str("1.2.3") + boolean(false)) +
+                                       seq4(ldap_proto::kSequence, str("1.2.4") + boolean(true) + str("\x01\x00"s)))},
       {{nullptr}, ""}  // an empty list writes nothing
   };
   for (auto [list, want] : cases) {
@@ -64,8 +65,9 @@ TEST(ControlEncoding, RequestControlsAreWrittenWithCriticalityAlways) {
 
 TEST(ControlDecoding, AcceptsTheThreeShapesAndRefusesEverythingElse) {
   LDAPControl **list = nullptr;
-  ASSERT_EQ(decode(tlv(0xA0, tlv(0x30, str("1.1")) + tlv(0x30, str("1.2") + boolean(true)) +
-                                 tlv(0x30, str("1.3") + boolean(false) + str("val"))),
+  ASSERT_EQ(decode(tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, str("1.1")) +
+                                                  tlv(ldap_proto::kSequence, str("1.2") + boolean(true)) +
+                                                  tlv(ldap_proto::kSequence, str("1.3") + boolean(false) + str("val"))),
                    &list),
             0);
   ASSERT_NE(list, nullptr);
@@ -79,17 +81,22 @@ TEST(ControlDecoding, AcceptsTheThreeShapesAndRefusesEverythingElse) {
   EXPECT_EQ(list, nullptr);
   // Value before criticality, two criticalities, two values, an unknown tag,
   // no OID, a bad second control.
-  for (const std::string &bad : {tlv(0xA0, tlv(0x30, str("1.1") + str("v") + boolean(true))),
-                                 tlv(0xA0, tlv(0x30, str("1.1") + boolean(true) + boolean(false))),
-                                 tlv(0xA0, tlv(0x30, str("1.1") + str("a") + str("b"))),
-                                 tlv(0xA0, tlv(0x30, str("1.1") + integer(5))), tlv(0xA0, tlv(0x30, boolean(true))),
-                                 tlv(0xA0, tlv(0x30, str("1.1")) + tlv(0x30, str("1.2") + str("v") + str("w")))}) {
+  for (const std::string &bad :
+       {tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, str("1.1") + str("v") + boolean(true))),
+        tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, str("1.1") + boolean(true) + boolean(false))),
+        tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, str("1.1") + str("a") + str("b"))),
+        tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, str("1.1") + integer(5))),
+        tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, boolean(true))),
+        tlv(ldap_proto::kControls,
+            tlv(ldap_proto::kSequence, str("1.1")) + tlv(ldap_proto::kSequence, str("1.2") + str("v") + str("w")))}) {
     list = reinterpret_cast<LDAPControl **>(1);
     EXPECT_EQ(decode(bad, &list), LDAP_DECODING_ERROR) << hex(bad);
     EXPECT_EQ(list, nullptr);
   }
   // Every allocation failure: 90 (or 84 when an OID could not be copied), no list.
-  const std::string three = tlv(0xA0, tlv(0x30, str("1.1")) + tlv(0x30, str("1.2")) + tlv(0x30, str("1.3") + str("v")));
+  const std::string three =
+      tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, str("1.1")) + tlv(ldap_proto::kSequence, str("1.2")) +
+                                     tlv(ldap_proto::kSequence, str("1.3") + str("v")));
   int no_memory = 0;
   for (long n = 1;; ++n) {
     olx_fail_alloc_at(n);
@@ -178,7 +185,7 @@ TEST_F(Controls, ConstructorsWriteExactBytes) {
   char *groups[] = {s("cn=g1"), s("cn=g2"), nullptr};
   LDAPsortkey k1 = {s("cn"), nullptr, 0}, k2 = {s("sn"), s("2.5.13.3"), 1}, *keys[] = {&k1, &k2, nullptr};
   LDAPVLVInfo by_offset = {1, 2, 5, 100, nullptr, &ctx}, by_value = {0, 3, 0, 0, &assertion, nullptr};
-  const std::string two_groups = seq4(0x30, str("cn=g1") + str("cn=g2"));
+  const std::string two_groups = seq4(ldap_proto::kSequence, str("cn=g1") + str("cn=g2"));
   const std::tuple<std::function<int(LDAPControl **)>, const char *, int, std::string> cases[] = {
       {[&](LDAPControl **c) { return ldap_create_proxyauth_control(ld, "cn=x", 1, c); }, LDAP_CONTROL_PROXYAUTH, 1,
        "cn=x\0"s},
@@ -187,13 +194,15 @@ TEST_F(Controls, ConstructorsWriteExactBytes) {
       {[&](LDAPControl **c) { return ldap_create_page_control(ld, 128, &cookie, 'T', c); }, LDAP_CONTROL_PAGEDRESULTS,
        1, unhex("30 08 02 02 00 80 04 02 61 62")},
       {[&](LDAPControl **c) { return ldap_create_sort_control(ld, keys, 'T', c); }, LDAP_CONTROL_SORTREQUEST, 1,
-       seq4(0x30, seq4(0x30, str("cn")) + seq4(0x30, str("sn") + tlv(0x80, "2.5.13.3") + tlv(0x81, "\xff")))},
+       seq4(ldap_proto::kSequence,
+            seq4(ldap_proto::kSequence, str("cn")) +
+                seq4(ldap_proto::kSequence, str("sn") + tlv(0x80, "2.5.13.3") + tlv(0x81, "\xff")))},
       {[&](LDAPControl **c) { return ldap_create_persistentsearch_control(ld, 15, 1, 0, 1, c); },
-       LDAP_CONTROL_PERSISTENTSEARCH, 1, seq4(0x30, integer(15) + integer(1) + integer(0))},
+       LDAP_CONTROL_PERSISTENTSEARCH, 1, seq4(ldap_proto::kSequence, integer(15) + integer(1) + integer(0))},
       {[&](LDAPControl **c) { return ldap_create_chaining_audit_control(groups, "s", 0, c); },
-       LDAP_CONTROL_CHAINING_AUDIT, 0, seq4(0x30, two_groups + str("s"))},
+       LDAP_CONTROL_CHAINING_AUDIT, 0, seq4(ldap_proto::kSequence, two_groups + str("s"))},
       {[&](LDAPControl **c) { return ldap_create_group_control_from_list(groups, 1, c); }, LDAP_CONTROL_GROUP, 1,
-       seq4(0x30, integer(1, 0x0A) + two_groups)},
+       seq4(ldap_proto::kSequence, integer(1, ldap_proto::kEnumerated) + two_groups)},
       {[&](LDAPControl **c) { return ldap_create_group_control(&cookie, c); }, LDAP_CONTROL_GROUP, 1, "ab"},
       {[&](LDAPControl **c) { return ldap_create_oid25_control(c); }, LDAP_CONTROL_OID25, 1, ""},
       {[&](LDAPControl **c) { return ldap_create_oid26_control(c); }, LDAP_CONTROL_OID26, 1, ""},
@@ -201,13 +210,13 @@ TEST_F(Controls, ConstructorsWriteExactBytes) {
       {[&](LDAPControl **c) { return ldap_create_transaction_control(&id, c); }, LDAP_CONTROL_TRANSACTION, 1,
        "T\x00X"s},
       {[&](LDAPControl **c) { return ldap_create_limit_num_values_control(ld, 5, 50, 1, 0, c); },
-       LDAP_CONTROL_LIMIT_NUM_VALUES, 0, seq4(0x30, integer(5) + integer(50) + boolean(true))},
+       LDAP_CONTROL_LIMIT_NUM_VALUES, 0, seq4(ldap_proto::kSequence, integer(5) + integer(50) + boolean(true))},
       {[&](LDAPControl **c) { return ldap_create_assertion_control(ld, "(cn=a)", 1, c); }, LDAP_CONTROL_ASSERTION, 1,
        seq4(0xA3, str("cn") + str("a"))},
       {[&](LDAPControl **c) { return ldap_create_vlv_control(ld, &by_offset, c); }, LDAP_CONTROL_VLVREQUEST, 1,
-       seq4(0x30, integer(1) + integer(2) + seq4(0xA0, integer(5) + integer(100)) + str("c1"))},
+       seq4(ldap_proto::kSequence, integer(1) + integer(2) + seq4(0xA0, integer(5) + integer(100)) + str("c1"))},
       {[&](LDAPControl **c) { return ldap_create_vlv_control(ld, &by_value, c); }, LDAP_CONTROL_VLVREQUEST, 1,
-       seq4(0x30, integer(0) + integer(3) + tlv(0x81, "m"))}};
+       seq4(ldap_proto::kSequence, integer(0) + integer(3) + tlv(0x81, "m"))}};
   for (const auto &[make, oid, critical, value] : cases) {
     SCOPED_TRACE(oid);
     LDAPControl *c = nullptr;
@@ -236,14 +245,17 @@ TEST(ExtendedValues, RequestValuesWriteExactBytesAndThePolicyResponseReads) {
   struct berval id = {2, s("q\x01")}, *v = nullptr;
   char *groups[] = {s("cn=g"), nullptr};
   const std::pair<std::function<int(struct berval **)>, std::string> cases[] = {
-      {[](struct berval **v) { return ldap_create_account_status_request("cn=u", v); }, seq4(0x30, str("cn=u"))},
+      {[](struct berval **v) { return ldap_create_account_status_request("cn=u", v); },
+       seq4(ldap_proto::kSequence, str("cn=u"))},
       {[&](struct berval **v) { return ldap_create_end_transaction_request(&id, 1, v); }, "\x01q\x01"s},
       {[&](struct berval **v) { return ldap_create_end_transaction_request(&id, 0, v); }, "\x00q\x01"s},
       {[&](struct berval **v) { return ldap_create_prepare_tranaction_request(&id, v); }, "q\x01"s},
       {[&](struct berval **v) { return ldap_create_group_eval_request("cn=u", groups, v); },
-       seq4(0x30, str("cn=u") + seq4(0x30, str("cn=g")))},
-      {[](struct berval **v) { return ldap_create_group_eval_request("cn=u", nullptr, v); }, seq4(0x30, str("cn=u"))},
-      {[](struct berval **v) { return ldap_create_effective_pwdpolicy_request("cn=u", v); }, seq4(0x30, str("cn=u"))}};
+       seq4(ldap_proto::kSequence, str("cn=u") + seq4(ldap_proto::kSequence, str("cn=g")))},
+      {[](struct berval **v) { return ldap_create_group_eval_request("cn=u", nullptr, v); },
+       seq4(ldap_proto::kSequence, str("cn=u"))},
+      {[](struct berval **v) { return ldap_create_effective_pwdpolicy_request("cn=u", v); },
+       seq4(ldap_proto::kSequence, str("cn=u"))}};
   for (const auto &[make, want] : cases) {
     ASSERT_EQ(make(&v), 0) << hex(want);
     EXPECT_EQ(hex(bytes(*v)), hex(want));
@@ -251,8 +263,10 @@ TEST(ExtendedValues, RequestValuesWriteExactBytesAndThePolicyResponseReads) {
   }
   EXPECT_EQ(ldap_create_account_status_request(nullptr, &v), LDAP_PARAM_ERROR);
 
-  std::string value = tlv(0x30, tlv(0x30, str("pwdMaxAge") + tlv(0x31, str("3600"))) +
-                                    tlv(0x30, str("pwdMinLength") + tlv(0x31, str("8") + str("9"))));
+  std::string value =
+      tlv(ldap_proto::kSequence,
+          tlv(ldap_proto::kSequence, str("pwdMaxAge") + tlv(ldap_proto::kSet, str("3600"))) +
+              tlv(ldap_proto::kSequence, str("pwdMinLength") + tlv(ldap_proto::kSet, str("8") + str("9"))));
   struct berval in = {value.size(), value.data()};
   LDAPPolicyItem **items = nullptr;
   char **tail = nullptr;
@@ -285,27 +299,35 @@ TEST_F(Controls, ResponseControlParsers) {
   long number = 0;
   struct berval *context = nullptr;
   LDAPLimitNumValues **attrs = nullptr;
-  EXPECT_EQ(ldap_parse_sort_control(ld, with(LDAP_CONTROL_SORTRESPONSE, tlv(0x30, integer(16, 0x0A) + tlv(0x80, "cn"))),
-                                    &result, &attr),
-            0);
+  EXPECT_EQ(
+      ldap_parse_sort_control(ld,
+                              with(LDAP_CONTROL_SORTRESPONSE,
+                                   tlv(ldap_proto::kSequence, integer(16, ldap_proto::kEnumerated) + tlv(0x80, "cn"))),
+                              &result, &attr),
+      0);
   EXPECT_EQ(std::to_string(result) + " " + attr, "16 cn");
   free(std::exchange(attr, nullptr));
   EXPECT_EQ(ldap_parse_sort_control(ld, with("1.2.3", ""), &result, &attr), LDAP_CONTROL_NOT_FOUND);
   EXPECT_EQ(ldap_parse_entrychange_control(
-                ld, with(LDAP_CONTROL_ENTRYCHANGE, tlv(0x30, integer(8, 0x0A) + str("cn=old") + integer(42))), &type,
-                &prev, &present, &number),
+                ld,
+                with(LDAP_CONTROL_ENTRYCHANGE,
+                     tlv(ldap_proto::kSequence, integer(8, ldap_proto::kEnumerated) + str("cn=old") + integer(42))),
+                &type, &prev, &present, &number),
             0);
   EXPECT_EQ(std::make_tuple(type, std::string(prev), present, number), std::make_tuple(8, "cn=old"s, 1, 42L));
   EXPECT_EQ(
-      ldap_parse_vlv_control(
-          ld, with(LDAP_CONTROL_VLVRESPONSE, tlv(0x30, integer(7) + integer(300) + integer(0, 0x0A) + str("ctx"))),
-          &pos, &count, &context),
+      ldap_parse_vlv_control(ld,
+                             with(LDAP_CONTROL_VLVRESPONSE,
+                                  tlv(ldap_proto::kSequence,
+                                      integer(7) + integer(300) + integer(0, ldap_proto::kEnumerated) + str("ctx"))),
+                             &pos, &count, &context),
       0);
   EXPECT_EQ(std::make_tuple(pos, count, bytes(*context)), std::make_tuple(7UL, 300UL, "ctx"s));
   EXPECT_EQ(ldap_parse_limit_num_values_response(
                 ld,
                 with(LDAP_CONTROL_LIMIT_NUM_VALUES,
-                     tlv(0x30, str("cn=e") + tlv(0x30, str("mail") + integer(2) + integer(9)))),
+                     tlv(ldap_proto::kSequence,
+                         str("cn=e") + tlv(ldap_proto::kSequence, str("mail") + integer(2) + integer(9)))),
                 &dn, &attrs),
             0);
   ASSERT_TRUE(attrs && attrs[0] && !attrs[1]);

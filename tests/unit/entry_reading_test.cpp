@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ber_build.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap-utils.h"
 
@@ -20,14 +21,14 @@ std::string entry(const std::string &dn, const Attrs &attrs, const std::string &
   for (const auto &[type, vals] : attrs) {
     std::string set;
     for (const auto &v : vals) set += str(v);
-    list += tlv(0x30, str(type) + tlv(0x31, set));
+    list += tlv(ldap_proto::kSequence, str(type) + tlv(ldap_proto::kSet, set));
   }
-  return tlv(0x64, str(dn) + tlv(0x30, list)) + controls;
+  return tlv(ldap_proto::kSearchEntry, str(dn) + tlv(ldap_proto::kSequence, list)) + controls;
 }
 
 const std::string kBinary("\x00\x01\x00\xff", 4);
 const std::string kEntry = entry("cn=a,o=x", {{"cn", {"a", "A2"}}, {"jpegPhoto", {kBinary, ""}}, {"mail", {"a@x"}}},
-                                 tlv(0xA0, tlv(0x30, str("1.2.3") + str("v"))));
+                                 tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, str("1.2.3") + str("v"))));
 
 // Every case runs on elements of a session that translates (the values are
 // read through the copying decoder) and of one that does not (the attribute
@@ -124,9 +125,9 @@ TEST_P(Chain, AnOverlongDescriptionIsPassedOverAndTheRestStaysReachable) {
 
 TEST_P(Chain, WalkingAndCountingEntriesAndReferences) {
   LDAPMessage *e1 = add(entry("cn=1", {{"cn", {"1"}}}));
-  LDAPMessage *r = add(tlv(0x73, str("ldap://h1/o=x") + str("ldap://h2/o=x")));
+  LDAPMessage *r = add(tlv(ldap_proto::kSearchReference, str("ldap://h1/o=x") + str("ldap://h2/o=x")));
   LDAPMessage *e2 = add(entry("cn=2", {{"cn", {"2"}}}));
-  LDAPMessage *done = add(result(0x65, 0));
+  LDAPMessage *done = add(result(ldap_proto::kSearchDone, 0));
   EXPECT_EQ(ldap_count_entries(ld, head), 2);
   EXPECT_EQ(ldap_count_references(ld, head), 1);
   EXPECT_EQ(ldap_first_entry(ld, head), e1);
@@ -147,7 +148,7 @@ TEST_P(Chain, WalkingAndCountingEntriesAndReferences) {
 }
 
 TEST_P(Chain, MissingArgumentsMalformedAndTruncatedEntries) {
-  LDAPMessage *bad = add(seq4(0x64, str("cn=x") + unhex("30 05 30")));
+  LDAPMessage *bad = add(seq4(ldap_proto::kSearchEntry, str("cn=x") + unhex("30 05 30")));
   BerElement *cursor = reinterpret_cast<BerElement *>(1);
   EXPECT_EQ(ldap_first_attribute(ld, bad, &cursor), nullptr);
   EXPECT_EQ(ldap_get_errno(ld), LDAP_DECODING_ERROR);

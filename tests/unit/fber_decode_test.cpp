@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ber_build.h"
+#include "ldap-protocol.h"
 #include "ldap-utils.h"
 #include "ldap-xlate.h"
 
@@ -179,7 +180,7 @@ TEST(FberDecode, VectorsSkippingAndFirstElement) {
   }
   std::string members;  // large vectors grow and stay terminated
   for (int i = 0; i < 1025; ++i) members += str(std::to_string(i));
-  Ber big = reader(tlv(0x31, members));
+  Ber big = reader(tlv(ldap_proto::kSet, members));
   ASSERT_EQ(fber_scanf(big.get(), "{v}", &strs), 0x04u);
   int n = 0;
   for (; strs[n] != nullptr; ++n) ASSERT_EQ(std::string(strs[n]), std::to_string(n));
@@ -213,9 +214,12 @@ TEST(FberDecode, VectorsSkippingAndFirstElement) {
 }
 
 TEST(FberDecode, AllocationFailureAtEveryStepOfADecode) {
-  const std::string pdu = tlv(
-      0x30, integer(2) +
-                tlv(0x64, str("cn=") + tlv(0x30, tlv(0x30, str("cn") + tlv(0x31, str("a") + str("b") + str("cc"))))));
+  const std::string pdu =
+      tlv(ldap_proto::kSequence,
+          integer(2) + tlv(ldap_proto::kSearchEntry,
+                           str("cn=") + tlv(ldap_proto::kSequence,
+                                            tlv(ldap_proto::kSequence,
+                                                str("cn") + tlv(ldap_proto::kSet, str("a") + str("b") + str("cc"))))));
   for (long n = 1;; ++n) {
     Ber b(fber_alloc_with_options(0, 0, 3));  // with the session's translation settings
     fber_write(b.get(), pdu.data(), pdu.size());

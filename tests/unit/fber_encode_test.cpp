@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ber_build.h"
+#include "ldap-protocol.h"
 #include "ldap-utils.h"
 #include "ldap-xlate.h"
 
@@ -64,10 +65,14 @@ TEST(FberEncode, EveryLetterWritesItsFixedShape) {
       {[](BerElement *b) { return fber_printf(b, "{i{", 1) | fber_printf(b, "n}") | fber_printf(b, "}"); },
        "30 84 00 00 00 0B 02 01 01 30 84 00 00 00 02 05 00"},
       {[](BerElement *b) {
-         return fber_printf(b, "{it{ists}", 1, tag(0x60), 3, "cn=a", tag(0x80), "pw") | fber_printf(b, "}");
+         return fber_printf(b, "{it{ists}", 1, tag(ldap_proto::kBindRequest), 3, "cn=a", tag(ldap_proto::kSimpleAuth),
+                            "pw") |
+                fber_printf(b, "}");
        },
        "30 84 00 00 00 16 02 01 01 60 84 00 00 00 0D 02 01 03 04 04 63 6E 3D 61 80 02 70 77"},
-      {[](BerElement *b) { return fber_printf(b, "{its", 5, tag(0x4A), "o=x") | fber_printf(b, "}"); },
+      {[](BerElement *b) {
+         return fber_printf(b, "{its", 5, tag(ldap_proto::kDeleteRequest), "o=x") | fber_printf(b, "}");
+       },
        "30 84 00 00 00 08 02 01 05 4A 03 6F 3D 78"},
       {[](BerElement *b) { return fber_printf(b, "{i", 7); }, "30 84 00 00 00 00 02 01 07"}  // open: zeros
   };
@@ -119,8 +124,8 @@ TEST(FberEncode, FailuresReturnMinusOneAndKeepWhatWasWritten) {
 TEST(FberEncode, TranslationSettingsAndGrowthKeepTheBytes) {
   // With the local code page UTF-8, translated, untranslated and raw output agree.
   static const char *utf8[] = {"\xC3\xA9", "\xC3\xBC", nullptr};
-  const std::string want =
-      seq4(0x30, str("cn=\xC3\xA9") + str(std::string("x\0y", 3)) + seq4(0x31, str("\xC3\xA9") + str("\xC3\xBC")));
+  const std::string want = seq4(ldap_proto::kSequence, str("cn=\xC3\xA9") + str(std::string("x\0y", 3)) +
+                                                           seq4(ldap_proto::kSet, str("\xC3\xA9") + str("\xC3\xBC")));
   for (auto [noxlate, version] : {std::pair{1, 3}, std::pair{0, 3}, std::pair{0, 2}}) {
     Ber p(fber_alloc_with_options(0, noxlate, version)), r(fber_alloc_with_options(0, noxlate, version));
     ASSERT_EQ(fber_printf(p.get(), "{so[v]}", "cn=\xC3\xA9", "x\0y", 3, utf8), 0);
@@ -131,23 +136,26 @@ TEST(FberEncode, TranslationSettingsAndGrowthKeepTheBytes) {
   // Values larger than the inline buffer move it several times while three
   // SEQUENCEs and a SET are open; every length lands in the right place.
   Ber b(fber_alloc_with_options(0, 0, 3));
-  ASSERT_EQ(fber_printf(b.get(), "{it{s{{s[", 9, tag(0x68), "cn=big", "jpegPhoto"), 0);
+  ASSERT_EQ(fber_printf(b.get(), "{it{s{{s[", 9, tag(ldap_proto::kAddRequest), "cn=big", "jpegPhoto"), 0);
   std::string values;
   for (int i = 0; i < 12; ++i) {
     std::string v(1000 + i * 300, static_cast<char>('a' + i));
     ASSERT_EQ(fber_printf(b.get(), "o", v.data(), static_cast<int>(v.size())), 0);
-    values += prim4(0x04, v);
+    values += prim4(ldap_proto::kOctetString, v);
   }
   ASSERT_EQ(fber_printf(b.get(), "]}}}}"), 0);
   EXPECT_TRUE(written(b.get()) ==
-              seq4(0x30, integer(9) + seq4(0x68, str("cn=big") +
-                                                     seq4(0x30, seq4(0x30, str("jpegPhoto") + seq4(0x31, values))))));
+              seq4(ldap_proto::kSequence,
+                   integer(9) + seq4(ldap_proto::kAddRequest,
+                                     str("cn=big") + seq4(ldap_proto::kSequence,
+                                                          seq4(ldap_proto::kSequence,
+                                                               str("jpegPhoto") + seq4(ldap_proto::kSet, values))))));
 }
 
 TEST(FberEncode, AllocationFailureAtEveryStepOfAGrowingEncode) {
   const std::string big(5000, 'v');
   auto scenario = [&](BerElement *b) {
-    if (fber_printf(b, "{it{s{", 3, tag(0x68), "cn=x") != 0) return -1;
+    if (fber_printf(b, "{it{s{", 3, tag(ldap_proto::kAddRequest), "cn=x") != 0) return -1;
     for (int i = 0; i < 4; ++i)
       if (fber_printf(b, "{s[o]}", "description", big.data(), static_cast<int>(big.size())) != 0) return -1;
     return fber_printf(b, "}}}");

@@ -8,14 +8,16 @@
 #include "ber_build.h"
 #include "ldap-controls.h"
 #include "ldap-engine.h"
+#include "ldap-protocol.h"
 
 using namespace tavtest;
 using namespace std::string_literals;
 
 namespace {
 
-const std::string kControls = tlv(0xA0, tlv(0x30, str("1.2.3")));
-const std::string kReferral = result(0x65, 10, "", "go away", tlv(0xA3, str("ldap://a/") + str("ldap://b/")));
+const std::string kControls = tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, str("1.2.3")));
+const std::string kReferral =
+    result(ldap_proto::kSearchDone, 10, "", "go away", tlv(ldap_proto::kReferral, str("ldap://a/") + str("ldap://b/")));
 
 class Parse : public ::testing::Test {
  protected:
@@ -25,7 +27,7 @@ class Parse : public ::testing::Test {
   LDAPMessage *msg(const std::string &op_and_controls) {
     LDAPMessage *m = ldap_msg_new(get_default_connection(ld));
     m->lm_msgid = 7;
-    m->lm_msgtype = static_cast<unsigned char>(op_and_controls.empty() ? 0x65 : op_and_controls[0]);
+    m->lm_msgtype = static_cast<unsigned char>(op_and_controls.empty() ? ldap_proto::kSearchDone : op_and_controls[0]);
     struct berval bv = {op_and_controls.size(), const_cast<char *>(op_and_controls.data())};
     m->lm_ber = fber_init2(&bv);
     return m;
@@ -41,8 +43,9 @@ class Parse : public ::testing::Test {
 };
 
 TEST_F(Parse, ResultAfterEntriesIsFoundAndCanBeReadAgain) {
-  LDAPMessage *res = chain(
-      {msg(tlv(0x64, str("cn=a"))), msg(tlv(0x73, str("ldap://x"))), msg(result(0x65, 32, "dc=example", "no such"))});
+  LDAPMessage *res =
+      chain({msg(tlv(ldap_proto::kSearchEntry, str("cn=a"))), msg(tlv(ldap_proto::kSearchReference, str("ldap://x"))),
+             msg(result(ldap_proto::kSearchDone, 32, "dc=example", "no such"))});
   for (int round = 0; round < 2; ++round) {
     int code = -1;
     char *matched = nullptr, *text = nullptr;
@@ -58,9 +61,10 @@ TEST_F(Parse, ResultAfterEntriesIsFoundAndCanBeReadAgain) {
   EXPECT_EQ(std::make_pair(std::string(m), std::string(t)), std::make_pair("dc=example"s, "no such"s));
   free(m);
   free(t);
-  EXPECT_EQ(ldap_msgfree(res), 0x65);
+  EXPECT_EQ(ldap_msgfree(res), ldap_proto::kSearchDone);
 
-  LDAPMessage *entries = chain({msg(tlv(0x64, str("cn=a"))), msg(tlv(0x64, str("cn=b")))});
+  LDAPMessage *entries =
+      chain({msg(tlv(ldap_proto::kSearchEntry, str("cn=a"))), msg(tlv(ldap_proto::kSearchEntry, str("cn=b")))});
   EXPECT_EQ(ldap_result2error(ld, entries, 0), LDAP_PARAM_ERROR);  // no result in the chain
   int code = -1;
   EXPECT_EQ(ldap_parse_result(ld, entries, &code, nullptr, nullptr, nullptr, nullptr, 1), 1);  // and freed
@@ -91,24 +95,28 @@ TEST_F(Parse, ReferralsAndControlsAfterThem) {
     ldap_controls_free(got);
   }
   LDAPControl **ctrls = nullptr;
-  const std::string bad_controls = tlv(0xA0, tlv(0x30, str("1.1") + str("v") + boolean(true)));
-  EXPECT_EQ(ldap_parse_result(ld, msg(result(0x65, 0) + bad_controls), nullptr, nullptr, nullptr, nullptr, &ctrls, 1),
+  const std::string bad_controls =
+      tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, str("1.1") + str("v") + boolean(true)));
+  EXPECT_EQ(ldap_parse_result(ld, msg(result(ldap_proto::kSearchDone, 0) + bad_controls), nullptr, nullptr, nullptr,
+                              nullptr, &ctrls, 1),
             LDAP_DECODING_ERROR);
   EXPECT_EQ(ctrls, nullptr);
 }
 
 TEST_F(Parse, SaslBindAndExtendedResults) {
   struct berval *creds = nullptr;
-  EXPECT_EQ(ldap_parse_sasl_bind_result(ld, msg(result(0x61, LDAP_SASL_BIND_IN_PROGRESS, "", "", tlv(0x87, "chal"))),
+  EXPECT_EQ(ldap_parse_sasl_bind_result(ld,
+                                        msg(result(ldap_proto::kBindResponse, LDAP_SASL_BIND_IN_PROGRESS, "", "",
+                                                   tlv(ldap_proto::kServerSaslCreds, "chal"))),
                                         &creds, 1),
             LDAP_SASL_BIND_IN_PROGRESS);
   ASSERT_NE(creds, nullptr);
   EXPECT_EQ(std::string(creds->bv_val, creds->bv_len), "chal");
   fber_bvfree(creds);
   creds = nullptr;
-  EXPECT_EQ(ldap_parse_sasl_bind_result(ld, msg(result(0x61, 0)), &creds, 1), 0);
+  EXPECT_EQ(ldap_parse_sasl_bind_result(ld, msg(result(ldap_proto::kBindResponse, 0)), &creds, 1), 0);
   EXPECT_EQ(creds, nullptr);
-  LDAPMessage *done = msg(result(0x65, 0));  // the wrong type for both
+  LDAPMessage *done = msg(result(ldap_proto::kSearchDone, 0));  // the wrong type for both
   EXPECT_EQ(ldap_parse_sasl_bind_result(ld, done, &creds, 0), LDAP_PARAM_ERROR);
   EXPECT_EQ(ldap_parse_extended_result(ld, done, nullptr, nullptr, 1), LDAP_PARAM_ERROR);
 
@@ -116,8 +124,11 @@ TEST_F(Parse, SaslBindAndExtendedResults) {
   struct berval *value = nullptr;
   LDAPControl **ctrls = nullptr;
   ASSERT_EQ(ldap_parse_extended_result_ext(
-                ld, msg(result(0x78, 0, "", "", tlv(0x8A, "1.2.9") + tlv(0x8B, "dn:cn=me")) + kControls), &oid, &value,
-                1, &ctrls),
+                ld,
+                msg(result(ldap_proto::kExtendedResponse, 0, "", "",
+                           tlv(ldap_proto::kResponseName, "1.2.9") + tlv(ldap_proto::kResponseValue, "dn:cn=me")) +
+                    kControls),
+                &oid, &value, 1, &ctrls),
             0);
   EXPECT_STREQ(oid, "1.2.9");
   EXPECT_EQ(std::string(value->bv_val, value->bv_len), "dn:cn=me");
@@ -128,7 +139,10 @@ TEST_F(Parse, SaslBindAndExtendedResults) {
   // A failed operation: name and value are not read, the code is the result.
   oid = nullptr;
   EXPECT_EQ(
-      ldap_parse_extended_result(ld, msg(result(0x78, 53, "", "unwilling", tlv(0x8A, "1.2.9"))), &oid, nullptr, 1), 53);
+      ldap_parse_extended_result(
+          ld, msg(result(ldap_proto::kExtendedResponse, 53, "", "unwilling", tlv(ldap_proto::kResponseName, "1.2.9"))),
+          &oid, nullptr, 1),
+      53);
   EXPECT_EQ(oid, nullptr);
   EXPECT_EQ(ldap_get_errno(ld), 53);
 }
@@ -136,9 +150,12 @@ TEST_F(Parse, SaslBindAndExtendedResults) {
 // Every proper prefix of each response is a decoding error; the sanitizer
 // build shows that nothing taken before the failure is left behind.
 TEST_F(Parse, EveryTruncationIsADecodingError) {
-  const std::string results[] = {result(0x65, 0), kReferral + kControls,
-                                 result(0x61, LDAP_SASL_BIND_IN_PROGRESS, "o=x", "more", tlv(0x87, "chal")),
-                                 result(0x78, 0, "", "", tlv(0x8A, "1.2.9") + tlv(0x8B, "v"))};
+  const std::string results[] = {
+      result(ldap_proto::kSearchDone, 0), kReferral + kControls,
+      result(ldap_proto::kBindResponse, LDAP_SASL_BIND_IN_PROGRESS, "o=x", "more",
+             tlv(ldap_proto::kServerSaslCreds, "chal")),
+      result(ldap_proto::kExtendedResponse, 0, "", "",
+             tlv(ldap_proto::kResponseName, "1.2.9") + tlv(ldap_proto::kResponseValue, "v"))};
   for (const std::string &full : results) {
     for (size_t cut = 1; cut < full.size() - (full == kReferral + kControls ? kControls.size() : 0); ++cut) {
       SCOPED_TRACE(hex(full.substr(0, cut)));
@@ -154,9 +171,10 @@ TEST_F(Parse, EveryTruncationIsADecodingError) {
           cut < 9 || &full == &results[0] ? ldap_result2error(ld, msg(full.substr(0, cut)), 1) : LDAP_DECODING_ERROR,
           LDAP_DECODING_ERROR);
       const std::string cut_pdu = full.substr(0, cut);
-      EXPECT_EQ(full[0] == 0x61   ? ldap_parse_sasl_bind_result(ld, msg(cut_pdu), &data, 1)
-                : full[0] == 0x78 ? ldap_parse_extended_result(ld, msg(cut_pdu), &oid, &data, 1)
-                                  : LDAP_DECODING_ERROR,
+      EXPECT_EQ(full[0] == ldap_proto::kBindResponse ? ldap_parse_sasl_bind_result(ld, msg(cut_pdu), &data, 1)
+                : full[0] == ldap_proto::kExtendedResponse
+                    ? ldap_parse_extended_result(ld, msg(cut_pdu), &oid, &data, 1)
+                    : LDAP_DECODING_ERROR,
                 LDAP_DECODING_ERROR);
       EXPECT_TRUE(!oid && !data);
     }
@@ -165,11 +183,11 @@ TEST_F(Parse, EveryTruncationIsADecodingError) {
 
 TEST(PasswordPolicy, ErrorsAndWarningsFromTheResponseControl) {
   const std::tuple<std::string, int, int, int> cases[] = {
-      {tlv(0x30, tlv(0x81, "\x00"s)), 3, 0, 0},                                // expired
-      {tlv(0x30, tlv(0x81, "\x08")), 11, 0, 0},                                // in history
-      {tlv(0x30, tlv(0xA0, tlv(0x80, "\x0e\x10"))), 0, 1, 3600},               // time before expiration
-      {tlv(0x30, tlv(0xA0, tlv(0x81, "\x02"))), 0, 2, 2},                      // grace logins
-      {tlv(0x30, tlv(0xA0, tlv(0x81, "\x01")) + tlv(0x81, "\x00"s)), 3, 2, 1}  // warning and error
+      {tlv(ldap_proto::kSequence, tlv(0x81, "\x00"s)), 3, 0, 0},                   // expired
+      {tlv(ldap_proto::kSequence, tlv(0x81, "\x08")), 11, 0, 0},                   // in history
+      {tlv(ldap_proto::kSequence, tlv(0xA0, tlv(0x80, "\x0e\x10"))), 0, 1, 3600},  // time before expiration
+      {tlv(ldap_proto::kSequence, tlv(0xA0, tlv(0x81, "\x02"))), 0, 2, 2},         // grace logins
+      {tlv(ldap_proto::kSequence, tlv(0xA0, tlv(0x81, "\x01")) + tlv(0x81, "\x00"s)), 3, 2, 1}  // warning and error
   };
   for (auto [value, want_err, want_warn, want_res] : cases) {
     LDAPControl ctl = {const_cast<char *>(LDAP_CONTROL_PWDPOLICY), {value.size(), value.data()}, 0};

@@ -13,6 +13,7 @@
 #include "ber_build.h"
 #include "fber-stream.h"
 #include "ldap-debug.h"
+#include "ldap-protocol.h"
 #include "ldap-utils.h"
 #include "trace_watch.h"
 
@@ -165,9 +166,18 @@ TEST(StreamTrace, DumpsNeverShowPasswords) {
   const std::string pw = "Zq7-Kv3-Wp8-Hx-Lm4";
   const std::pair<std::string, bool> pdus[] = {
       // the PDU and whether the client reads it
-      {seq4(0x30, integer(1) + seq4(0x60, integer(3) + str("cn=admin,o=x") + tlv(0x80, pw))), false},
-      {seq4(0x30, integer(2) + seq4(0x60, integer(3) + str("") + seq4(0xA3, str("PLAIN") + str(pw)))), false},
-      {tlv(0x30, integer(3) + tlv(0x64, str("cn=u") + tlv(0x30, tlv(0x30, str("userPassword") + tlv(0x31, str(pw)))))),
+      {seq4(ldap_proto::kSequence, integer(1) + seq4(ldap_proto::kBindRequest, integer(3) + str("cn=admin,o=x") +
+                                                                                   tlv(ldap_proto::kSimpleAuth, pw))),
+       false},
+      {seq4(ldap_proto::kSequence,
+            integer(2) + seq4(ldap_proto::kBindRequest,
+                              integer(3) + str("") + seq4(ldap_proto::kSaslAuth, str("PLAIN") + str(pw)))),
+       false},
+      {tlv(ldap_proto::kSequence,
+           integer(3) + tlv(ldap_proto::kSearchEntry,
+                            str("cn=u") +
+                                tlv(ldap_proto::kSequence,
+                                    tlv(ldap_proto::kSequence, str("userPassword") + tlv(ldap_proto::kSet, str(pw)))))),
        true}};
   const std::string trace = tavtest::traced(0xFFFF, [&] {
     for (const auto &[pdu, read_back] : pdus) {

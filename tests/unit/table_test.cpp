@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "ldap-engine.h"
+#include "ldap-protocol.h"
 #include "trace_watch.h"
 
 namespace {
@@ -24,7 +25,7 @@ class Table : public ::testing::Test {
   // A request stored in its row, as an operation would leave it.
   int outstanding() {
     int id = ldap_msg_table_get_next_msgid(table);
-    table->rows[id].request = message(id, 0x63);
+    table->rows[id].request = message(id, ldap_proto::kSearchRequest);
     return id;
   }
   LDAPMessage *message(int id, int type) {
@@ -119,23 +120,26 @@ TEST_F(Table, AnyMessageWaitersAreSpreadOverOutstandingRequests) {
 TEST_F(Table, ResponsesAreSortedIntoRowsOrDroppedAndGivenUpRowsReleased) {
   int id = outstanding();
   for (int bad : {id + 1, (int)table->size, -4}) {  // no request, beyond the table, negative
-    LDAPMessage *m = message(bad, 0x65);
+    LDAPMessage *m = message(bad, ldap_proto::kSearchDone);
     EXPECT_EQ(put_msg_in_table(table, m), LDAP_OTHER) << bad;
     free_msg(m, 0);
   }
-  arrive({{id, 0x64}, {0, 0x78}, {id, 0x65}, {id + 2, 0x64}});  // the last one is dropped
+  arrive({{id, ldap_proto::kSearchEntry},
+          {0, ldap_proto::kExtendedResponse},
+          {id, ldap_proto::kSearchDone},
+          {id + 2, ldap_proto::kSearchEntry}});  // the last one is dropped
   ASSERT_NE(table->rows[id].head, nullptr);
-  EXPECT_EQ(table->rows[id].head->lm_msgtype, 0x64);
-  EXPECT_EQ(table->rows[id].tail->lm_msgtype, 0x65);
+  EXPECT_EQ(table->rows[id].head->lm_msgtype, ldap_proto::kSearchEntry);
+  EXPECT_EQ(table->rows[id].tail->lm_msgtype, ldap_proto::kSearchDone);
   EXPECT_TRUE(table->rows[id].flags & LDAP_ROW_COMPLETE);
   ASSERT_NE(table->rows[0].head, nullptr);  // unsolicited notifications, never complete
   EXPECT_EQ(table->rows[0].flags & LDAP_ROW_COMPLETE, 0u);
 
   int given_up = outstanding();
-  arrive({{given_up, 0x64}});
+  arrive({{given_up, ldap_proto::kSearchEntry}});
   table->rows[given_up].flags |= LDAP_ROW_RELEASE_WHEN_DONE;
   int free_before = table->free_count;
-  arrive({{given_up, 0x64}, {given_up, 0x65}});
+  arrive({{given_up, ldap_proto::kSearchEntry}, {given_up, ldap_proto::kSearchDone}});
   EXPECT_EQ(table->rows[given_up].flags, 0u);
   EXPECT_EQ(table->rows[given_up].head, nullptr);
   EXPECT_EQ(table->free_count, free_before + 1);
@@ -143,7 +147,7 @@ TEST_F(Table, ResponsesAreSortedIntoRowsOrDroppedAndGivenUpRowsReleased) {
 
 TEST_F(Table, FreeingMessagesReleasesTheRowWithTheLastOne) {
   int id = outstanding();
-  arrive({{id, 0x64}, {id, 0x73}, {id, 0x65}});
+  arrive({{id, ldap_proto::kSearchEntry}, {id, ldap_proto::kSearchReference}, {id, ldap_proto::kSearchDone}});
   ASSERT_EQ(acquire(id, LDAP_MSG_ONE), 0);
   LDAPMessage *m[3];
   for (auto &msg : m) {
@@ -154,20 +158,20 @@ TEST_F(Table, FreeingMessagesReleasesTheRowWithTheLastOne) {
   }
   EXPECT_EQ(ldap_next_message(ld, m[0]), nullptr);  // handed out alone: a chain of one
   EXPECT_EQ(ldap_count_messages(ld, m[0]), 1);
-  EXPECT_EQ(ldap_msgfree(m[0]), 0x64);
+  EXPECT_EQ(ldap_msgfree(m[0]), ldap_proto::kSearchEntry);
   EXPECT_EQ(table->rows[id].head, m[1]);
-  EXPECT_EQ(ldap_msgfree(m[2]), 0x65);  // out of order: still not the last one
+  EXPECT_EQ(ldap_msgfree(m[2]), ldap_proto::kSearchDone);  // out of order: still not the last one
   EXPECT_TRUE(table->rows[id].flags & LDAP_ROW_IN_USE);
-  EXPECT_EQ(ldap_msgfree(m[1]), 0x73);
+  EXPECT_EQ(ldap_msgfree(m[1]), ldap_proto::kSearchReference);
   EXPECT_EQ(table->rows[id].flags, 0u) << "row not released after its last message";
 
   int whole = outstanding();
-  arrive({{whole, 0x64}, {whole, 0x73}, {whole, 0x65}});
+  arrive({{whole, ldap_proto::kSearchEntry}, {whole, ldap_proto::kSearchReference}, {whole, ldap_proto::kSearchDone}});
   LDAPMessage *chain = table->rows[whole].head;
   table->rows[whole].next_unread = nullptr;  // as after LDAP_MSG_ALL delivered it
   EXPECT_EQ(ldap_count_messages(ld, chain), 3);
   EXPECT_EQ(ldap_msgid(chain), whole);
-  EXPECT_EQ(ldap_msgfree(chain), 0x65);
+  EXPECT_EQ(ldap_msgfree(chain), ldap_proto::kSearchDone);
   EXPECT_EQ(table->rows[whole].flags, 0u);
   EXPECT_EQ(ldap_msgfree(nullptr), 0);
 }
@@ -176,8 +180,10 @@ TEST(Messages, FinalResponseTypesAndTheWriteTimeOutSetting) {
   LDAPMessage m{};
   for (int type = 0x40; type < 0x90; ++type) {
     m.lm_msgtype = type;
-    bool final = type == 0x61 || type == 0x65 || type == 0x67 || type == 0x69 || type == 0x6B || type == 0x6D ||
-                 type == 0x6F || type == 0x78;
+    bool final = type == ldap_proto::kBindResponse || type == ldap_proto::kSearchDone ||
+                 type == ldap_proto::kModifyResponse || type == ldap_proto::kAddResponse ||
+                 type == ldap_proto::kDeleteResponse || type == ldap_proto::kModDNResponse ||
+                 type == ldap_proto::kCompareResponse || type == ldap_proto::kExtendedResponse;
     EXPECT_EQ(is_last_msg(&m), final ? 1 : 0) << std::hex << type;
   }
   const std::pair<const char *, int> env[] = {{nullptr, -1}, {"0", -1}, {"-5", -1}, {"abc", -1}, {"5", 5}, {"12x", 12}};

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "fake_server.h"
+#include "ldap-protocol.h"
 #include "ldap-update.h"
 #include "ldap-utils.h"
 #include "ldap_requests.h"
@@ -22,10 +23,10 @@ char *s(const char *text) { return const_cast<char *>(text); }
 std::string set_of(std::initializer_list<std::string> values) {
   std::string out;
   for (const auto &v : values) out += str(v);
-  return seq4(0x31, out);
+  return seq4(ldap_proto::kSet, out);
 }
 std::string pdu(int msgid, const std::string &op, const std::string &controls = "") {
-  return seq4(0x30, integer(msgid) + op + controls);
+  return seq4(ldap_proto::kSequence, integer(msgid) + op + controls);
 }
 
 // One session against a fake server that records the first request and
@@ -37,8 +38,8 @@ struct Recorded {
       msgid = request_msgid(r);
       // 30 84 LLLL 02 01 ID <tag>: the response type is the request's plus one (0x4A: 0x6B).
       const unsigned char type = static_cast<unsigned char>(r[9]);
-      return message(msgid, result(type == 0x4A ? 0x6B : type + 1, code, code ? "dc=example,dc=com" : "",
-                                   code ? "no such entry" : ""));
+      return message(msgid, result(type == ldap_proto::kDeleteRequest ? ldap_proto::kDeleteResponse : type + 1, code,
+                                   code ? "dc=example,dc=com" : "", code ? "no such entry" : ""));
     });
     fake.hold_until_closed();
     fake.start();
@@ -62,40 +63,42 @@ TEST(UpdateRequests, ShapesOnTheWire) {
                  *mod_mods[] = {&repl_none, &add_bin, &add_str, nullptr};
   static LDAPControl ctrl = {s("1.2.3"), {0, nullptr}, 0}, *ctrls[] = {&ctrl, nullptr}, *empty[] = {nullptr};
   const std::string dn = "cn=x,dc=example,dc=com", bin5("a\0b\0c", 5);
-  const std::string with_control = seq4(0xA0, seq4(0x30, str("1.2.3") + boolean(false)));
+  const std::string with_control =
+      seq4(ldap_proto::kControls, seq4(ldap_proto::kSequence, str("1.2.3") + boolean(false)));
   auto change = [](int op, const std::string &type, const std::string &set) {
-    return seq4(0x30, integer(op, 0x0A) + seq4(0x30, str(type) + set));
+    return seq4(ldap_proto::kSequence,
+                integer(op, ldap_proto::kEnumerated) + seq4(ldap_proto::kSequence, str(type) + set));
   };
   const std::tuple<const char *, std::function<int(LDAP *)>, std::string, std::string> cases[] = {
       {"add: string and binary values, operation bits ignored", [&](LDAP *ld) { return ldap_add_s(ld, dn.c_str(), add_mods); },
-       seq4(0x68, str(dn) + seq4(0x30, seq4(0x30, str("objectClass") + set_of({"person"})) +
-                                           seq4(0x30, str("cn") + set_of({"Jo", "Joe"})) +
-                                           seq4(0x30, str("jpegPhoto") + set_of({bin5})))),
+       seq4(ldap_proto::kAddRequest, str(dn) + seq4(ldap_proto::kSequence, seq4(ldap_proto::kSequence, str("objectClass") + set_of({"person"})) +
+                                           seq4(ldap_proto::kSequence, str("cn") + set_of({"Jo", "Joe"})) +
+                                           seq4(ldap_proto::kSequence, str("jpegPhoto") + set_of({bin5})))),
        ""},
       {"add: an empty list sends an empty attribute list", [&](LDAP *ld) { return ldap_add_s(ld, dn.c_str(), no_mods); },
-       seq4(0x68, str(dn) + seq4(0x30, "")), ""},
+       seq4(ldap_proto::kAddRequest, str(dn) + seq4(ldap_proto::kSequence, "")), ""},
       {"modify: replace without values, delete 0x81 sent as 1, add",
        [&](LDAP *ld) { return ldap_modify_s(ld, dn.c_str(), mod_mods); },
-       seq4(0x66, str(dn) + seq4(0x30, change(2, "description", set_of({})) + change(1, "jpegPhoto", set_of({bin5})) +
+       seq4(ldap_proto::kModifyRequest, str(dn) + seq4(ldap_proto::kSequence, change(2, "description", set_of({})) + change(1, "jpegPhoto", set_of({bin5})) +
                                            change(0, "cn", set_of({"Jo", "Joe"})))),
        ""},
       {"delete: the DN is the primitive operation 0x4A", [&](LDAP *ld) { return ldap_delete_s(ld, dn.c_str()); },
-       tlv(0x4A, dn), ""},
+       tlv(ldap_proto::kDeleteRequest, dn), ""},
       {"rename without new superior ends after the flag", [&](LDAP *ld) { return ldap_modrdn_s(ld, dn.c_str(), "cn=y", 1); },
-       seq4(0x6C, str(dn) + str("cn=y") + boolean(true)), ""},
+       seq4(ldap_proto::kModDNRequest, str(dn) + str("cn=y") + boolean(true)), ""},
       {"rename with new superior adds [0] after the flag",
        [&](LDAP *ld) { return ldap_rename_s(ld, dn.c_str(), "cn=y", "ou=new", 0, nullptr, nullptr); },
-       seq4(0x6C, str(dn) + str("cn=y") + boolean(false) + tlv(0x80, "ou=new")), ""},
+       seq4(ldap_proto::kModDNRequest, str(dn) + str("cn=y") + boolean(false) + tlv(ldap_proto::kNewSuperior, "ou=new")), ""},
       {"server controls follow the operation", [&](LDAP *ld) { return ldap_delete_ext_s(ld, "cn=x", ctrls, nullptr); },
-       tlv(0x4A, "cn=x"), with_control},
+       tlv(ldap_proto::kDeleteRequest, "cn=x"), with_control},
       {"without server controls the session's defaults go out",
        [&](LDAP *ld) { return ldap_set_option(ld, LDAP_OPT_SERVER_CONTROLS, ctrls) != 0 ? -1 : ldap_modrdn_s(ld, "cn=x", "cn=y", 0); },
-       seq4(0x6C, str("cn=x") + str("cn=y") + boolean(false)), with_control},
+       seq4(ldap_proto::kModDNRequest, str("cn=x") + str("cn=y") + boolean(false)), with_control},
       {"an empty list means none at all",
        [&](LDAP *ld) {
          return ldap_set_option(ld, LDAP_OPT_SERVER_CONTROLS, ctrls) != 0 ? -1 : ldap_delete_ext_s(ld, "cn=x", empty, nullptr);
        },
-       tlv(0x4A, "cn=x"), ""}
+       tlv(ldap_proto::kDeleteRequest, "cn=x"), ""}
   };
   for (const auto &[name, run, op, controls] : cases) {
     SCOPED_TRACE(name);
@@ -120,7 +123,7 @@ TEST(UpdateRequests, ServerAnswersReachTheCaller) {
   static LDAPMod m = {LDAP_MOD_ADD, s("cn"), {v}}, *mods[] = {&m, nullptr};
   const int id = ldap_add(a.ld, "cn=x", mods);
   LDAPMessage *res = nullptr;
-  ASSERT_EQ(ldap_result(a.ld, id, LDAP_MSG_ALL, nullptr, &res), 0x69);
+  ASSERT_EQ(ldap_result(a.ld, id, LDAP_MSG_ALL, nullptr, &res), ldap_proto::kAddResponse);
   EXPECT_EQ(a.msgid, id);
   EXPECT_EQ(ldap_result2error(a.ld, res, 1), LDAP_ALREADY_EXISTS);
 }
