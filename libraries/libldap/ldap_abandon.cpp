@@ -12,9 +12,7 @@ using ldap_proto::kAbandonRequest;
 
 extern "C" {
 
-int ldap_send_abandon(LDAP *ld, LDAPConn *conn, int abandoned) {
-  return ldap_send_abandon_ctrls(ld, conn, abandoned, nullptr);
-}
+int ldap_send_abandon(LDAP *ld, LDAPConn *conn, int abandoned) { return ldap_send_abandon_ctrls(ld, conn, abandoned, nullptr); }
 
 int ldap_send_abandon_ctrls(LDAP *ld, LDAPConn *conn, int abandoned, LDAPControl **sctrls) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_send_abandon: msgid(%d)\n", abandoned);

@@ -2,11 +2,11 @@
 // responses, the preparation every operation applies, the last bind
 // response's controls, and constructors and parsers for particular controls
 // and extended-operation values.
-#include <strings.h>
-
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
+
 #include <string_view>
 
 #include "ldap-controls.h"
@@ -146,7 +146,8 @@ void ldap_controls_free(LDAPControl **ctrls) {
 
 void ldap_free_empty_control_list(LDAPControl **ctrls) {
   if (ctrls == nullptr || ctrls[0] == nullptr) {
-    LDAP_LOG(LDAP_LOG_TRACE, "ldap_free_empty_control_list: called with NULL free, skipping ctrl(%p)\n", (void *)ctrls);
+    LDAP_LOG(LDAP_LOG_TRACE, "ldap_free_empty_control_list: called with NULL free, skipping ctrl(%p)\n",
+             (void *)ctrls);
     return;
   }
   free(ctrls);
@@ -263,7 +264,8 @@ int ldap_append_control(LDAPControl *ctrl, LDAPControl ***list) {
   return LDAP_SUCCESS;
 }
 
-int ldap_add_control_to_list(const char *oid, ber_len_t len, const char *value, int critical, LDAPControl ***list) {
+int ldap_add_control_to_list(const char *oid, ber_len_t len, const char *value, int critical,
+                             LDAPControl ***list) {
   if (list == nullptr || (len != 0 && value == nullptr)) return LDAP_PARAM_ERROR;
   LDAPControl *c = nullptr;
   int rc = ldap_build_control(&c, oid, len, value, critical);
@@ -365,10 +367,9 @@ int get_ctrls_from_ber(BerElement *ber, LDAPControl ***out) {
     if (rc != LDAP_SUCCESS) break;
     if (ldap_trace_on()) {
       if (c->ldctl_value.bv_val != nullptr) {
-        ldap_log(LDAP_LOG_TRACE, "get_ctrls_from_ber: Control OID = %s, critical = %s, value follows\n", c->ldctl_oid,
-                 c->ldctl_iscritical ? "Yes" : "No");
-        if (ldap_trace_enabled(LDAP_LOG_TRACE))
-          ldap_log_dump(c->ldctl_value.bv_val, (unsigned)c->ldctl_value.bv_len, nullptr);
+        ldap_log(LDAP_LOG_TRACE, "get_ctrls_from_ber: Control OID = %s, critical = %s, value follows\n",
+                 c->ldctl_oid, c->ldctl_iscritical ? "Yes" : "No");
+        if (ldap_trace_enabled(LDAP_LOG_TRACE)) ldap_log_dump(c->ldctl_value.bv_val, (unsigned)c->ldctl_value.bv_len, nullptr);
       } else {
         ldap_log(LDAP_LOG_TRACE, "get_ctrls_from_ber: control value is NULL. \n");
       }
@@ -555,7 +556,8 @@ int ldap_create_sort_control(LDAP *, LDAPsortkey **keys, char critical, LDAPCont
     if (fber_printf(g.ber, "{s", keys[i]->sk_attrtype ? keys[i]->sk_attrtype : "") != 0) return LDAP_ENCODING_ERROR;
     if (keys[i]->sk_matchruleoid && fber_printf(g.ber, "ts", (ber_tag_t)0x80, keys[i]->sk_matchruleoid) != 0)
       return LDAP_ENCODING_ERROR;
-    if (keys[i]->sk_reverseorder == 1 && fber_printf(g.ber, "tb", (ber_tag_t)0x81, 1) != 0) return LDAP_ENCODING_ERROR;
+    if (keys[i]->sk_reverseorder == 1 && fber_printf(g.ber, "tb", (ber_tag_t)0x81, 1) != 0)
+      return LDAP_ENCODING_ERROR;
     if (fber_printf(g.ber, "}") != 0) return LDAP_ENCODING_ERROR;
   }
   if (fber_printf(g.ber, "}") != 0) return LDAP_ENCODING_ERROR;
@@ -612,8 +614,8 @@ int ldap_parse_entrychange_control(LDAP *, LDAPControl **ctrls, int *changetype,
   return LDAP_SUCCESS;
 }
 
-int ldap_create_persistentsearch_control(LDAP *, int changetypes, int changesonly, int return_echg_ctls, char critical,
-                                         LDAPControl **out) {
+int ldap_create_persistentsearch_control(LDAP *, int changetypes, int changesonly, int return_echg_ctls,
+                                         char critical, LDAPControl **out) {
   if (out == nullptr) return LDAP_PARAM_ERROR;
   if (!(changetypes == 1 || changetypes == 2 || changetypes == 4 || changetypes == 8 || changetypes == 15) ||
       (changesonly != 0 && changesonly != 1))

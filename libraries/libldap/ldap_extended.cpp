@@ -26,8 +26,7 @@ constexpr ber_tag_t kUserIdentity = 0x80, kOldPasswd = 0x81, kNewPasswd = 0x82, 
 int extended_int(LDAP *ld, const char *oid, const struct berval *data, LDAPControl **sctrls, LDAPControl **cctrls,
                  int *msgidp) {
   if (msgidp != nullptr) *msgidp = -1;
-  if (oid == nullptr || *oid == '\0' || msgidp == nullptr ||
-      (data != nullptr && data->bv_val == nullptr && data->bv_len)) {
+  if (oid == nullptr || *oid == '\0' || msgidp == nullptr || (data != nullptr && data->bv_val == nullptr && data->bv_len)) {
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     return LDAP_PARAM_ERROR;
   }
@@ -195,9 +194,10 @@ int start_tls_int(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls) {
 
 extern "C" {
 
-int ldap_extended_operation(LDAP *ld, const char *oid, struct berval *data, LDAPControl **sctrls, LDAPControl **cctrls,
-                            int *msgidp) {
-  return bracketed(ld, "ldap_extended_operation", [&] { return extended_int(ld, oid, data, sctrls, cctrls, msgidp); });
+int ldap_extended_operation(LDAP *ld, const char *oid, struct berval *data, LDAPControl **sctrls,
+                            LDAPControl **cctrls, int *msgidp) {
+  return bracketed(ld, "ldap_extended_operation",
+                   [&] { return extended_int(ld, oid, data, sctrls, cctrls, msgidp); });
 }
 
 int ldap_extended_operation_s(LDAP *ld, const char *oid, struct berval *data, LDAPControl **sctrls,
@@ -215,10 +215,8 @@ int ldap_parse_whoami(LDAP *ld, LDAPMessage *res, struct berval **authzid) {
   return bracketed(ld, "ldap_parse_whoami", [&] {
     struct berval *data = nullptr;
     int rc = ldap_parse_extended_result_direct(ld, res, nullptr, &data, 0, nullptr);
-    if (rc == LDAP_SUCCESS)
-      rc = whoami_value(data, authzid);
-    else
-      fber_bvfree(data);
+    if (rc == LDAP_SUCCESS) rc = whoami_value(data, authzid);
+    else fber_bvfree(data);
     ldap_set_errno_direct(ld, rc, nullptr, nullptr);
     return rc;
   });
@@ -229,10 +227,8 @@ int ldap_whoami_s(LDAP *ld, struct berval **authzid, LDAPControl **sctrls, LDAPC
   return bracketed(ld, "ldap_whoami_s", [&] {
     struct berval *data = nullptr;
     int rc = extended_s_int(ld, kWhoAmI, nullptr, sctrls, cctrls, nullptr, &data);
-    if (rc == LDAP_SUCCESS)
-      rc = whoami_value(data, authzid);
-    else
-      fber_bvfree(data);
+    if (rc == LDAP_SUCCESS) rc = whoami_value(data, authzid);
+    else fber_bvfree(data);
     return rc;
   });
 }
@@ -242,10 +238,8 @@ int ldap_passwd(LDAP *ld, struct berval *user, struct berval *oldpw, struct berv
   return bracketed(ld, "ldap_passwd", [&] {
     struct berval *value = nullptr;
     int rc = passwd_request(ld, user, oldpw, newpw, &value);
-    if (rc == LDAP_SUCCESS)
-      rc = extended_int(ld, kPasswdModify, value, sctrls, cctrls, msgidp);
-    else
-      ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+    if (rc == LDAP_SUCCESS) rc = extended_int(ld, kPasswdModify, value, sctrls, cctrls, msgidp);
+    else ldap_set_errno_direct(ld, rc, nullptr, nullptr);
     fber_bvfree(value);
     return rc;
   });

@@ -34,7 +34,7 @@ const std::set<std::string> kExports = {
     "tav_ldap_get_dn",         "tav_ldap_memfree",        "tav_ldap_first_attribute", "tav_ldap_next_attribute",
     "tav_ldap_get_values_len", "tav_ldap_value_free_len", "tav_ldap_get_errno",       "tav_ldap_ber_free",
     "tav_ldap_msgfree",        "tav_ldap_err2string",     "tav_ldap_set_option",      "tav_ldap_unbind",
-    "tav_ldap_url_search_st",  "tavldap_loaded_from",     "tavldap_SCCSInfo",         "tavldap_Copyright"};
+    "tav_ldap_url_search_st",  "tavldap_loaded_from",     "tavldap_SCCSInfo",        "tavldap_Copyright"};
 
 int rebinds = 0;
 int rebind_as_root(LDAP *, char **dn, char **pw, int *method, int freeit) {
