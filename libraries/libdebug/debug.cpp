@@ -243,7 +243,7 @@ char *ldap_getenv(const char *name) {
     if (copy == nullptr) LDAP_LOG(LDAP_LOG_ERROR, "Error - ldap_getenv: strdup failed for %s value\n", name);
   }
   unlock_syscall_mutex();
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_getenv: %s=%s\n", name, copy ? copy : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_getenv: %s=%s\n", name, ldap_trace_str(copy, "NULL"));
   return copy;
 }
 
@@ -294,7 +294,7 @@ int ldap_env_has_element(const char *list, char separator, const char *value) {
 }
 
 int ldap_change_env_var(int mode, const char *name, char separator, const char *value) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_change_env_var: env=%s\n", name ? name : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_change_env_var: env=%s\n", ldap_trace_str(name, "NULL"));
   if (name == nullptr || name[0] == '\0' || value == nullptr || value[0] == '\0') return LDAP_PARAM_ERROR;
   char *current = ldap_getenv(name);
   // A set variable whose copy failed must not be taken for an unset one: the

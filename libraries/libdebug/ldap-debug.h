@@ -31,6 +31,11 @@
 #define LDAP_NO_MEMORY 0x5a
 #endif
 
+// A string for a trace line's %s, never a null pointer.  Each trace keeps the
+// text it has always printed for null: "(null)" unless the caller says
+// "NULL" or "<NULL>".
+inline const char *ldap_trace_str(const char *s, const char *if_null = "(null)") { return s != nullptr ? s : if_null; }
+
 // The trace mask.  Call sites read it with one relaxed load (a plain move on
 // every platform we build for) before building any trace line.
 TAV_INTERNAL extern std::atomic<uint32_t> ldap_trace_mask;

@@ -137,7 +137,4 @@ int ldap_update_with_controls(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctr
   return rc;
 }
 
-// "(null)" in traces rather than passing a null pointer to %s.
-inline const char *ldap_trace_str(const char *s) { return s != nullptr ? s : "(null)"; }
-
 #endif

@@ -93,7 +93,8 @@ int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPCo
   LDAP_LOG(LDAP_LOG_TRACE,
            "ldap_simple_bind_direct: entering with ld(%x) dn(%s) pw(***) serverctrls(%x) clientctrls(%x) msgidp(*x) "
            "connection(%x)\n",
-           (unsigned)(uintptr_t)ld, dn ? dn : "NULL", (unsigned)(uintptr_t)sctrls, 0u, (unsigned)(uintptr_t)conn);
+           (unsigned)(uintptr_t)ld, ldap_trace_str(dn, "NULL"), (unsigned)(uintptr_t)sctrls, 0u,
+           (unsigned)(uintptr_t)conn);
   *msgidp = -1;
   if (conn == nullptr) conn = get_default_connection(ld);
   if (conn == nullptr) {
@@ -119,7 +120,7 @@ int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPCo
 }
 
 int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind: ld(%p) dn(%s) pw(***)\n", (void *)ld, dn ? dn : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind: ld(%p) dn(%s) pw(***)\n", (void *)ld, ldap_trace_str(dn, "NULL"));
   if (ldap_start_operation(ld) != 0) return -1;
   int id = -1;
   if (ldap_simple_bind_direct(ld, dn, passwd, nullptr, &id, nullptr) != 0) {
@@ -138,7 +139,7 @@ int ldap_simple_bind_s_int(LDAP *ld, const char *dn, const char *passwd) {
 }
 
 int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind_s: ld(%p) dn(%s) pw(***)\n", (void *)ld, dn ? dn : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind_s: ld(%p) dn(%s) pw(***)\n", (void *)ld, ldap_trace_str(dn, "NULL"));
   if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
   const int rc = ldap_simple_bind_s_int(ld, dn, passwd);
   ldap_end_operation(ld);
@@ -427,8 +428,8 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct 
 
 int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mech, const struct berval *cred, LDAPControl **sctrls,
                    LDAPControl **cctrls, int *msgidp) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind: ld(%p) dn(%s) mechanism(%s) cred(***)\n", (void *)ld, dn ? dn : "NULL",
-           mech ? mech : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind: ld(%p) dn(%s) mechanism(%s) cred(***)\n", (void *)ld,
+           ldap_trace_str(dn, "NULL"), ldap_trace_str(mech, "NULL"));
   if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
   int rc;
   if (msgidp == nullptr) {
@@ -448,8 +449,8 @@ int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mech, const struct berv
 
 int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mech, const struct berval *cred, LDAPControl **sctrls,
                      LDAPControl **cctrls, struct berval **servercredp) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_s: ld(%p) dn(%s) mechanism(%s) cred(***)\n", (void *)ld, dn ? dn : "NULL",
-           mech ? mech : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_s: ld(%p) dn(%s) mechanism(%s) cred(***)\n", (void *)ld,
+           ldap_trace_str(dn, "NULL"), ldap_trace_str(mech, "NULL"));
   if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
   int rc = ldap_sasl_bind_int(ld, dn, mech, cred, sctrls, cctrls, servercredp, 0, nullptr);
   ldap_end_operation(ld);

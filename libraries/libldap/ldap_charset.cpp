@@ -18,8 +18,6 @@ ldap_xlate_state ldap_xlate_globals;
 namespace {
 const char kDefaultLocalePath[] = "/usr/lib/locale";
 
-const char *or_null(const char *s) { return s != nullptr ? s : "NULL"; }
-
 void store_codepage(char *name) {
   free(ldap_xlate_globals.codepage);
   ldap_xlate_globals.codepage = name;
@@ -75,7 +73,7 @@ extern "C" {
 
 char *ldap_get_default_locale_path(void) {
   char *path = olx_strdup(kDefaultLocalePath);
-  LDAP_LOG(LDAP_LOG_XLATE, "ldap_get_default_locale_path: path = %s\n", or_null(path));
+  LDAP_LOG(LDAP_LOG_XLATE, "ldap_get_default_locale_path: path = %s\n", ldap_trace_str(path, "NULL"));
   return path;
 }
 
@@ -88,7 +86,7 @@ int ldap_set_locpath(void) {
 }
 
 char *ldap_get_iconv_compliant_codepage(const char *name) {
-  LDAP_LOG(LDAP_LOG_XLATE, "ldap_get_iconv_compliant_codepage(): %s\n", or_null(name));
+  LDAP_LOG(LDAP_LOG_XLATE, "ldap_get_iconv_compliant_codepage(): %s\n", ldap_trace_str(name, "NULL"));
   if (name != nullptr && *name != '\0') return olx_strdup(name);
   LDAP_LOG(LDAP_LOG_XLATE,
            "ldap_get_iconv_compliant_codepage: replacing             NULL or empty codepage with "
@@ -97,7 +95,7 @@ char *ldap_get_iconv_compliant_codepage(const char *name) {
 }
 
 int ldap_set_iconv_local_codepage(const char *name) {
-  LDAP_LOG(LDAP_LOG_XLATE, "ldap_set_iconv_local_codepage: codepage = %s\n", or_null(name));
+  LDAP_LOG(LDAP_LOG_XLATE, "ldap_set_iconv_local_codepage: codepage = %s\n", ldap_trace_str(name, "NULL"));
   int rc = ldap_set_locpath();
   if (rc != 0) return rc;
   if (name != nullptr) {
@@ -144,7 +142,7 @@ int ldap_set_iconv_local_codepage(const char *name) {
 }
 
 int ldap_set_locale(const char *locale) {
-  LDAP_LOG(LDAP_LOG_XLATE, "ldap_set_locale: locale = %s\n", or_null(locale));
+  LDAP_LOG(LDAP_LOG_XLATE, "ldap_set_locale: locale = %s\n", ldap_trace_str(locale, "NULL"));
   int rc = ldap_set_locpath();
   if (rc != 0) return rc;
   if (ldap_iconv_lock() != 0) {
@@ -152,7 +150,7 @@ int ldap_set_locale(const char *locale) {
     return LDAP_LOCK_ERROR;
   }
   LDAP_LOG(LDAP_LOG_XLATE, "ldap_set_locale: Calling setlocale(LC_ALL, \"%s\")                            \n",
-           or_null(locale));
+           ldap_trace_str(locale, "NULL"));
   const char *set = setlocale(LC_ALL, locale);
   if (set == nullptr) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_set_locale: setlocale returned error,             errno = %d\n", errno);

@@ -16,7 +16,7 @@ extern "C" {
 
 int olx_getaddrinfo(const char *host, int port_net, struct addrinfo **res) {
   int port = ntohs((uint16_t)port_net);
-  LDAP_LOG(LDAP_LOG_TRACE, "olx_getaddrinfo: host(%s), port(%d), res(%p)\n", host != nullptr ? host : "NULL", port,
+  LDAP_LOG(LDAP_LOG_TRACE, "olx_getaddrinfo: host(%s), port(%d), res(%p)\n", ldap_trace_str(host, "NULL"), port,
            (void *)res);
   if (res == nullptr) return LDAP_PARAM_ERROR;
   // A name that does not fit the copy is a caller error, not a lookup failure.

@@ -192,7 +192,7 @@ extern "C" {
 
 int open_connection(Sockbuf *sb, const char *host, int port_net) {
   LDAP_LOG(LDAP_LOG_TRACE, "open_connection: entered sb(%p) host(%s) port(%d)\n", (void *)sb,
-           host != nullptr ? host : "NULL", ntohs((uint16_t)port_net));
+           ldap_trace_str(host, "NULL"), ntohs((uint16_t)port_net));
   if (sb == nullptr || host == nullptr) return LDAP_SERVER_DOWN;
   if (host[0] == '/') return open_local_socket(sb, host);
 

@@ -802,7 +802,7 @@ int ldap_parse_effective_pwdpolicy_response(const char *oid, const struct berval
   *items = nullptr;
   *trailing = nullptr;
   if (oid == nullptr || strcmp(oid, LDAP_EXOP_EFFECTIVE_PWDPOLICY_RESPONSE) != 0) {
-    LDAP_LOG(LDAP_LOG_ERROR, "Unexpected extended response: %s\n", oid ? oid : "(null)");
+    LDAP_LOG(LDAP_LOG_ERROR, "Unexpected extended response: %s\n", ldap_trace_str(oid));
     return LDAP_DECODING_ERROR;
   }
   if (value == nullptr) return LDAP_DECODING_ERROR;

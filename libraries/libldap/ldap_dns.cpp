@@ -421,8 +421,6 @@ void trace_list(char *out, size_t size, char **list) {
   if (used < size) snprintf(out + used, size - used, "}");
 }
 
-const char *or_null(const char *s) { return s != nullptr ? s : "NULL"; }
-
 // File lookup for the current service name and domain.
 int file_lookup(ldap_dns_state *st) {
   LDAPServerInfo *found = nullptr;
@@ -985,9 +983,10 @@ int ldap_server_locate(struct ldap_server_request *request, LDAPServerInfo **lis
     trace_list(ns, sizeof ns, request->name_servers);
     trace_list(dom, sizeof dom, request->dns_domains);
     ldap_log(LDAP_LOG_TRACE, "ldap_server_locate({%d, %s, x, %s, %s, %s, %s, %s, %d, %d, %s, x}, x)\n",
-             request->search_source, or_null(request->conf_filename), or_null(request->service_key),
-             or_null(request->protocol), or_null(request->enetwork_domain), ns, dom, request->connection_type,
-             request->connection_timeout, or_null(request->dn_filter));
+             request->search_source, ldap_trace_str(request->conf_filename, "NULL"),
+             ldap_trace_str(request->service_key, "NULL"), ldap_trace_str(request->protocol, "NULL"),
+             ldap_trace_str(request->enetwork_domain, "NULL"), ns, dom, request->connection_type,
+             request->connection_timeout, ldap_trace_str(request->dn_filter, "NULL"));
   }
   *listp = nullptr;
   ldap_dns_state st;

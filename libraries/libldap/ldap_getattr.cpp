@@ -107,7 +107,7 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursorp) {
     }
   }
   ldap_end_operation(ld);
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_first_attribute: returning (%s)\n", name ? name : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_first_attribute: returning (%s)\n", ldap_trace_str(name, "NULL"));
   return name;
 }
 
@@ -121,7 +121,7 @@ char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *cursor) {
   else
     name = next_name(ld, cursor);
   ldap_end_operation(ld);
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_attribute: returning (%s)\n", name ? name : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_attribute: returning (%s)\n", ldap_trace_str(name, "NULL"));
   return name;
 }
 

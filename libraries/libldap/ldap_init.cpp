@@ -200,7 +200,7 @@ LDAPConn *ldap_lc_init(const char *host, int port, int table_size) {
 
 LDAP *ldap_init(const char *host, int port) {
   ldap_debug_init();
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: defhost=%s, defport=%d\n", host != nullptr ? host : "(null)", port);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: defhost=%s, defport=%d\n", ldap_trace_str(host), port);
   // Ports above 65535 are refused too: they would be cut to 16 bits on connect.
   if (port < 0 || port > 65535) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_init: bad port (%d)\n", port);
@@ -309,7 +309,7 @@ LDAP *ldap_init(const char *host, int port) {
 
 LDAP *ldap_open(const char *host, int port) {
   ldap_debug_init();
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_open: host=%s, port=%d\n", host != nullptr ? host : "(null)", port);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_open: host=%s, port=%d\n", ldap_trace_str(host), port);
   LDAP *ld = ldap_init(host, port);
   if (ld == nullptr) return nullptr;
   unique_cstr version(ldap_getenv("LDAP_VERSION"));
@@ -468,7 +468,7 @@ bool uri_entry(const std::string &uri, int *scheme, std::string *entry) {
 }  // namespace
 
 extern "C" int ldap_initialize(LDAP **ldp, const char *uris) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_initialize: uris(%s)\n", uris != nullptr ? uris : "(null)");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_initialize: uris(%s)\n", ldap_trace_str(uris));
   if (ldp == nullptr) return LDAP_PARAM_ERROR;
   *ldp = nullptr;
   if (uris == nullptr) return LDAP_PARAM_ERROR;

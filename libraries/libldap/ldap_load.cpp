@@ -61,7 +61,7 @@ ldap_dl *ldap_dlopen(const char *file, int flags) {
   if (lib->handle == nullptr) {
     const char *why = dlerror();
     // The line number is the one this trace has always carried.
-    LDAP_LOG(LDAP_LOG_ERROR, "dlopen(%s,%d) failed at %d in %s with error: %s\n", file ? file : "(null)", flags, 190,
+    LDAP_LOG(LDAP_LOG_ERROR, "dlopen(%s,%d) failed at %d in %s with error: %s\n", ldap_trace_str(file), flags, 190,
              __FILE__, why ? why : "");
     free(lib);
     return nullptr;

@@ -332,7 +332,7 @@ void ldap_conf_forget(void) {
 }
 
 int ldap_load_plugin(const char *path) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_load_plugin(): %s\n", path ? path : "(null)");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_load_plugin(): %s\n", ldap_trace_str(path));
   char *file = ldap_replace_extension(path, '.', "so");
   if (file == nullptr) return path == nullptr ? LDAP_PLUGIN_NOT_LOADED : LDAP_NO_MEMORY;
   auto *node = static_cast<loaded_library *>(olx_calloc(1, sizeof(loaded_library)));

@@ -32,8 +32,6 @@ struct BerDeleter {
 };
 using BerPtr = std::unique_ptr<BerElement, BerDeleter>;
 
-const char *or_null(const char *s) { return s != nullptr ? s : "<NULL>"; }
-
 struct ConnRelease {
   LDAP *ld;
   void operator()(LDAPConn *conn) const { ldap_conn_release(ld, conn, 1); }
@@ -199,7 +197,7 @@ int get_return_error_msg(LDAPMessage *carrier, int code, const char *text, LDAPM
 }
 
 int append_referral(char **text, const char *url) {
-  LDAP_LOG(LDAP_LOG_TRACE, "append_referral: append_this(%s)\n", or_null(url));
+  LDAP_LOG(LDAP_LOG_TRACE, "append_referral: append_this(%s)\n", ldap_trace_str(url, "<NULL>"));
   const bool blank = url == nullptr || *url == '\0';
   const size_t old_len = *text != nullptr ? strlen(*text) : 0;
   const char *head = *text == nullptr ? "Referral:\n" : "";
@@ -760,7 +758,7 @@ LDAPMessage *chase_v3_referrals(LDAP *ld, char **urls, LDAPMessage *msg, struct 
 
 LDAPMessage *chase_v2_referrals(LDAP *ld, LDAPMessage *msg, const char *text, struct timeval *timeout, int *err,
                                 int hops) {
-  LDAP_LOG(LDAP_LOG_TRACE, "Chase_v2_referrals: errstr(%s)\n", or_null(text));
+  LDAP_LOG(LDAP_LOG_TRACE, "Chase_v2_referrals: errstr(%s)\n", ldap_trace_str(text, "<NULL>"));
   if (text == nullptr || strlen(text) < 10) return msg;
   const size_t len = strlen(text);
   size_t at = len;

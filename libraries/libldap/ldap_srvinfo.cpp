@@ -306,7 +306,8 @@ int ldap_conf_read_servers(const char *filename, LDAPServerInfo **entries) {
 }
 
 int ldap_server_cache_save(const char *filename, unsigned long ttl, LDAPServerInfo *list) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_server_cache_save(%s, %lu, %p)\n", filename ? filename : "NULL", ttl, (void *)list);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_server_cache_save(%s, %lu, %p)\n", ldap_trace_str(filename, "NULL"), ttl,
+           (void *)list);
   const char *path = filename != nullptr ? filename : LDAP_SERVER_INFO_FILE;
   if (make_parent_dirs(path) != 0) return LDAP_LOCAL_ERROR;
   // The reader takes expiry times up to 0xffffffff: a longer time to live
@@ -331,7 +332,7 @@ int ldap_server_cache_save(const char *filename, unsigned long ttl, LDAPServerIn
       text += line;
     else
       LDAP_LOG(LDAP_LOG_ERROR, "ldapdns: server %s cannot be saved in the configuration file\n",
-               s->host != nullptr ? s->host : "NULL");
+               ldap_trace_str(s->host, "NULL"));
   }
   // Savers take turns on a lock file beside the target; each writes a
   // temporary file in the same directory and renames it over the target, so

@@ -111,7 +111,7 @@ void ldap_free_urldesc(LDAPURLDesc *ludp) {
 }
 
 int ldap_url_parse_internal(const char *url, LDAPURLDesc **ludpp) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_parse_internal(%s)\n", url != nullptr ? url : "(null)");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_parse_internal(%s)\n", ldap_trace_str(url));
   if (ludpp == nullptr) return LDAP_PARAM_ERROR;
   *ludpp = nullptr;
   auto *lud = static_cast<LDAPURLDesc *>(olx_calloc(1, sizeof(LDAPURLDesc)));
@@ -247,7 +247,7 @@ int ldap_url_parse_internal(const char *url, LDAPURLDesc **ludpp) {
 }
 
 int ldap_url_parse(const char *url, LDAPURLDesc **ludpp) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_parse(%s)\n", url != nullptr ? url : "(null)");
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_parse(%s)\n", ldap_trace_str(url));
   int rc = ldap_url_parse_internal(url, ludpp);
   if (rc != LDAP_SUCCESS) return rc;
   LDAPURLDesc *lud = *ludpp;

@@ -21,8 +21,6 @@ constexpr int kSearchRequest = 99;
 constexpr int kRetiredTurns = 64;
 constexpr int kSearchDone = 101;
 
-const char *or_null(const char *s) { return s != nullptr ? s : "<NULL>"; }
-
 // What ldap_url_search_direct takes before the request is out; released on
 // every failure so that no row stays in use.
 struct Taken {
@@ -70,8 +68,8 @@ void link_row(ldap_msg_row *row, bool chase, int hops) {
 extern "C" {
 
 int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search_direct: ld(%p), url(%s), attrsonly(%d)\n", (void *)ld, or_null(url),
-           attrsonly);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search_direct: ld(%p), url(%s), attrsonly(%d)\n", (void *)ld,
+           ldap_trace_str(url, "<NULL>"), attrsonly);
   Taken t(ld);
   if (ldap_url_parse(url, &t.lud) != 0) return t.fail(LDAP_PARAM_ERROR);
   LDAPConn *def = get_default_connection(ld);
@@ -205,7 +203,8 @@ int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
 }
 
 int ldap_url_search(LDAP *ld, const char *url, int attrsonly) {
-  LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search: ld(%p) url(%s) attrsonly(%d)\n", (void *)ld, or_null(url), attrsonly);
+  LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search: ld(%p) url(%s) attrsonly(%d)\n", (void *)ld, ldap_trace_str(url, "<NULL>"),
+           attrsonly);
   if (ldap_start_operation(ld) != 0) return -1;
   int rc;
   if (url == nullptr) {
@@ -221,7 +220,7 @@ int ldap_url_search(LDAP *ld, const char *url, int attrsonly) {
 
 int ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval *timeout, LDAPMessage **res) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search_st: ld(%p), url(%s), attrsonly(%d) timeout(%p), res(%p)\n", (void *)ld,
-           or_null(url), attrsonly, (void *)timeout, (void *)res);
+           ldap_trace_str(url, "<NULL>"), attrsonly, (void *)timeout, (void *)res);
   if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
   int rc;
   if (url == nullptr || res == nullptr) {

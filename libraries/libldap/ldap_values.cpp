@@ -95,7 +95,8 @@ ber_tag_t scan(BerElement *ber, char ***out) { return fber_scan_strings(ber, out
 
 template <typename T>
 T **get_values(const char *name, LDAP *ld, LDAPMessage *entry, const char *attr) {
-  LDAP_LOG(LDAP_LOG_TRACE, "%s: ld(%p) entry(%p) attr(%s)\n", name, (void *)ld, (void *)entry, attr ? attr : "NULL");
+  LDAP_LOG(LDAP_LOG_TRACE, "%s: ld(%p) entry(%p) attr(%s)\n", name, (void *)ld, (void *)entry,
+           ldap_trace_str(attr, "NULL"));
   if (ldap_start_operation(ld) != 0) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   T **vals = nullptr;

@@ -18,8 +18,6 @@
 namespace {
 std::atomic<int> g_identity{0};
 
-const char *or_null(const char *s) { return s != nullptr ? s : "NULL"; }
-
 bool two_step() {
   char *v = ldap_getenv("LDAP_USE_UNICODE");
   bool yes = v != nullptr && (v[0] == 'y' || v[0] == 'Y');
@@ -102,8 +100,8 @@ int public_form(const char *name, const char *in, size_t *in_len, char *out, siz
   static const char *const kOther[] = {"UTF-8", "UTF-8", "UCS-2", "UCS-2"};
   if (ldap_trace_on()) {
     char *loc = ldap_get_current_locale();
-    LDAP_LOG(LDAP_LOG_XLATE, "%s() locale: %s\tcodeset: %s\n", name, or_null(loc),
-             or_null(ldap_xlate_globals.codepage));
+    LDAP_LOG(LDAP_LOG_XLATE, "%s() locale: %s\tcodeset: %s\n", name, ldap_trace_str(loc, "NULL"),
+             ldap_trace_str(ldap_xlate_globals.codepage, "NULL"));
     free(loc);
   }
   char title[80];
@@ -129,7 +127,7 @@ int xlate_buffer(char **buffer, unsigned long *length, int free_input, int direc
     LDAP_LOG(LDAP_LOG_XLATE,
              to_utf8 ? "ldap_xlate_local_to_utf8: codepage = %s, locale = %s\n"
                      : "xlate_utf8_to_local() : codepage = %s, locale = %s\n",
-             or_null(ldap_xlate_globals.codepage), or_null(loc));
+             ldap_trace_str(ldap_xlate_globals.codepage, "NULL"), ldap_trace_str(loc, "NULL"));
     free(loc);
   }
   if (ldap_trace_enabled(LDAP_LOG_XLATE))
@@ -255,7 +253,8 @@ int ldap_init_iconv(ldap_iconv_handle **slot, const char *other, int to_other, i
   if (g.locale == nullptr) {
     if (ldap_set_locale("") != 0) return LDAP_LOCAL_ERROR;
     if (ldap_set_iconv_local_codepage(nullptr) != 0) return LDAP_LOCAL_ERROR;
-    LDAP_LOG(LDAP_LOG_XLATE, "ldap_init_iconv: codepage = %s, locale = %s\n", or_null(g.codepage), or_null(g.locale));
+    LDAP_LOG(LDAP_LOG_XLATE, "ldap_init_iconv: codepage = %s, locale = %s\n", ldap_trace_str(g.codepage, "NULL"),
+             ldap_trace_str(g.locale, "NULL"));
   }
   if (*slot == nullptr) ldap_set_locpath();
   if (*reset) {
