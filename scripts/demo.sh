@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The main job: build the library and its client, start a private slapd on
-# loopback (with an ldaps listener and certificates it makes), and run the client
-# session against it through the shared object, then a session over ldaps.
+# loopback (with an ldaps listener and certificates it makes), and run a session
+# of the command-line client against it, then a session over ldaps.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
