@@ -140,6 +140,7 @@ struct Options {
   bool manage_dsa_it = false;         // -M
   int page_size = 0;                  // -E pr=N
   std::string assertion;              // -e assert=
+  std::string authzid;                // -e authzid=: proxied authorisation
   bool keep_going = false, dry_run = false, verbose = false;
   bool delete_old_rdn = false;  // modrdn -r
   std::string newsuperior;      // modrdn -s
@@ -203,7 +204,7 @@ int finish(LDAP *ld, const char *func, int rc, int msgid) {
   return r.code;
 }
 
-// Server controls from -M and -e assert=; owned by the list.
+// Server controls from -M, -e assert= and -e authzid=; owned by the list.
 struct Controls {
   std::vector<LDAPControl *> list;
   ~Controls() {
@@ -230,6 +231,13 @@ int common_controls(LDAP *ld, const Options &o, Controls &c) {
   }
   if (!o.assertion.empty()) {
     if (int rc = ldap_create_assertion_control(ld, o.assertion.c_str(), 1, &ctrl); rc != 0) return rc;
+    c.add(ctrl);
+  }
+  if (!o.authzid.empty()) {
+    // The authzId's bytes as given, as ldap-utils send them (the library's
+    // constructor counts a terminating zero in the value).
+    if (int rc = ldap_build_control(&ctrl, LDAP_CONTROL_PROXYAUTH, o.authzid.size(), o.authzid.data(), 1); rc != 0)
+      return rc;
     c.add(ctrl);
   }
   return LDAP_SUCCESS;
@@ -848,6 +856,7 @@ void usage(FILE *to = stderr) {
           "  -H URIS  -h HOST -p PORT  -x  -D DN  -w PW | -W | -y FILE  -Z | -ZZ  -P 2|3\n"
           "  -b BASE  -s base|one|sub  -z SIZE  -l SECONDS  -a never|always|search|find  -A\n"
           "  -L | -LL | -LLL  -C (chase referrals)  -M (manageDSAit)  -E pr=N  -e assert=FILTER\n"
+          "  -e authzid=dn:DN|u:USER\n"
           "  -e manageDSAit  -c (go on after errors)  -n (show, do not send)  -v  -f FILE  -d LEVEL\n"
           "  -o nettimeout=N | timeout=N | referral-credentials=yes|no | keydb=FILE |\n"
           "     keydb-password=PW | ldif-wrap=no|76\n"
@@ -972,6 +981,8 @@ bool take_option(int opt, const char *arg, Options &o) {
         o.manage_dsa_it = true;
       } else if (strncmp(v, "assert=", 7) == 0) {
         o.assertion = v + 7;
+      } else if (strncmp(v, "authzid=", 8) == 0) {
+        o.authzid = v + 8;
       } else if (opt == 'E' && search && strncmp(v, "pr=", 3) == 0) {
         std::string size(v + 3);
         size = size.substr(0, size.find('/'));  // "/noprompt": pages are always read without asking

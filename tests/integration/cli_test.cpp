@@ -149,6 +149,7 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
       {"ldapcompare", "compare", {"uid=x," + P, "cn:User 1"}, ""},
       {"ldapwhoami", "whoami", bound({}), ""},
       {"ldapwhoami", "whoami", {}, ""},
+      {"ldapwhoami", "whoami", bound({"-e", "!authzid=dn:" + u1}), ""},
       {"ldapexop", "exop", bound({"whoami"}), ""},
       {"ldapexop", "exop", bound({"1.3.6.1.4.1.4203.1.11.3"}), ""},
       {"ldappasswd", "passwd", bound({"-s", "pass5", SlapdServer::user_dn(5)}), ""},
