@@ -700,19 +700,23 @@ int cmd_compare(Options &o) {
   Controls ctrls;
   struct berval bv = {value.size(), value.data()};
   int msgid = -1;
-  Result r;
-  if ((rc = common_controls(ld, o, ctrls)) == LDAP_SUCCESS &&
-      (rc = ldap_compare_ext(ld, o.args[0].c_str(), attr.c_str(), &bv, ctrls.get(), nullptr, &msgid)) == LDAP_SUCCESS)
-    rc = wait_result(ld, msgid, r);
-  else
-    session_error(ld, "ldap_compare", rc);
-  if (rc == LDAP_COMPARE_TRUE || rc == LDAP_COMPARE_FALSE) {
-    puts(rc == LDAP_COMPARE_TRUE ? "TRUE" : "FALSE");
-  } else {
-    printf("Compare Result: %s (%d)\n", peer_text(rc), peer_code(rc));
-    if (r.matched && *r.matched) printf("Matched DN: %s\n", r.matched);
-    if (r.text && *r.text) printf("Additional info: %s\n", r.text);
-    puts("UNDEFINED");
+  {
+    // The result is freed before the session that holds it.
+    Result r;
+    if ((rc = common_controls(ld, o, ctrls)) == LDAP_SUCCESS &&
+        (rc = ldap_compare_ext(ld, o.args[0].c_str(), attr.c_str(), &bv, ctrls.get(), nullptr, &msgid)) ==
+            LDAP_SUCCESS)
+      rc = wait_result(ld, msgid, r);
+    else
+      session_error(ld, "ldap_compare", rc);
+    if (rc == LDAP_COMPARE_TRUE || rc == LDAP_COMPARE_FALSE) {
+      puts(rc == LDAP_COMPARE_TRUE ? "TRUE" : "FALSE");
+    } else {
+      printf("Compare Result: %s (%d)\n", peer_text(rc), peer_code(rc));
+      if (r.matched && *r.matched) printf("Matched DN: %s\n", r.matched);
+      if (r.text && *r.text) printf("Additional info: %s\n", r.text);
+      puts("UNDEFINED");
+    }
   }
   ldap_unbind(ld);
   return rc;
