@@ -100,6 +100,7 @@ const char *peer_text(int rc) {
       {53, "Server is unwilling to perform"},
       {66, "Operation not allowed on non-leaf"},
       {71, "Operation affects multiple DSAs"},
+      {76, "Virtual List View error"},
       {91, "Connect error"},
       {95, "More results to return"},
       {100, "Client Loop"},
@@ -141,6 +142,13 @@ struct Options {
   int page_size = 0;                  // -E pr=N
   std::string assertion;              // -e assert=
   std::string authzid;                // -e authzid=: proxied authorisation
+  std::string sort_keys;              // -E sss=, blank-separated as the library reads them
+  bool sort_critical = false;
+  bool vlv = false, vlv_critical = false;  // -E vlv=
+  int vlv_before = 0, vlv_after = 0, vlv_offset = 0, vlv_count = 0;
+  std::string vlv_value;  // ":value" positions by value, else by offset/count
+  bool vlv_by_value = false;
+  std::string vlv_text;  // as given, for the header
   bool keep_going = false, dry_run = false, verbose = false;
   bool delete_old_rdn = false;  // modrdn -r
   std::string newsuperior;      // modrdn -s
@@ -434,6 +442,38 @@ const char *scope_name(int scope) {
   return scope == LDAP_SCOPE_BASE ? "baseObject" : scope == LDAP_SCOPE_ONELEVEL ? "oneLevel" : "subtree";
 }
 
+// Response controls as ldapsearch writes them: in the result block each as
+// "control:" with its value in base64, then what it says for those it knows;
+// at -L and beyond only the latter, as comments.
+void print_result_controls(LDAP *ld, LDAPControl **ctrls, const Options &o) {
+  const char *mark = o.ldif ? "# " : "";
+  for (LDAPControl **c = ctrls; c && *c; ++c) {
+    std::string line = std::string("control: ") + (*c)->ldctl_oid + ((*c)->ldctl_iscritical ? " true" : " false");
+    if ((*c)->ldctl_value.bv_len > 0)
+      line += " " + tavldif::base64_encode(std::string_view((*c)->ldctl_value.bv_val, (*c)->ldctl_value.bv_len));
+    if (o.ldif == 0) puts(line.c_str());
+    LDAPControl *one[] = {*c, nullptr};
+    if (strcmp((*c)->ldctl_oid, LDAP_CONTROL_SORTRESPONSE) == 0) {
+      unsigned long code = 0;
+      char *attr = nullptr;
+      if (ldap_parse_sort_control(ld, one, &code, &attr) == LDAP_SUCCESS)
+        printf("%ssortResult: (%d) %s\n", mark, peer_code((int)code), peer_text((int)code));
+      ldap_memfree(attr);
+    } else if (strcmp((*c)->ldctl_oid, LDAP_CONTROL_VLVRESPONSE) == 0) {
+      unsigned long pos = 0, count = 0;
+      struct berval *context = nullptr;
+      const int code = ldap_parse_vlv_control(ld, one, &pos, &count, &context);
+      // ldapsearch's comment form lacks the ": ".
+      printf("%spos=%lu count=%lu context=%s (%d) %s\n", o.ldif ? "# vlvResult" : "vlvResult: ", pos, count,
+             context ? tavldif::base64_encode(std::string_view(context->bv_val, context->bv_len)).c_str() : "",
+             peer_code(code), code == 77 ? "Unknown error" : peer_text(code));
+      fber_bvfree(context);
+    }
+  }
+}
+
+bool parse_vlv(const char *text, Options &o);
+
 int cmd_search(Options &o) {
   std::string filter = "(objectclass=*)";
   size_t first_attr = 0;
@@ -441,43 +481,74 @@ int cmd_search(Options &o) {
     filter = o.args[0];
     first_attr = 1;
   }
+  if (o.vlv && o.sort_keys.empty()) {
+    // A view is a window on a sorted list: ldapsearch refuses it alone.
+    fprintf(stderr, "VLV control requires server side sort control\n");
+    return EXIT_FAILURE;
+  }
   std::vector<char *> attrs;
   for (size_t i = first_attr; i < o.args.size(); ++i) attrs.push_back(o.args[i].data());
   attrs.push_back(nullptr);
   if (o.ldif > 0 && o.ldif < 3) fputs("version: 1\n\n", stdout);
-  if (o.ldif < 2) {
-    printf("%s#\n# LDAPv%d\n# base <%s>%s with scope %s\n# filter: %s\n# requesting: ", o.ldif ? "" : "# extended LDIF\n",
-           o.version, o.base.c_str(), o.have_base ? "" : " (default)", scope_name(o.scope), filter.c_str());
+  const auto header = [&] {
+    if (o.ldif >= 2) return;
+    printf(
+        "%s#\n# LDAPv%d\n# base <%s>%s with scope %s\n# filter: %s\n# requesting: ", o.ldif ? "" : "# extended LDIF\n",
+        o.version, o.base.c_str(), o.have_base ? "" : " (default)", scope_name(o.scope), filter.c_str());
     if (attrs.size() == 1) fputs("ALL", stdout);
     for (size_t i = 0; i + 1 < attrs.size(); ++i) printf("%s ", attrs[i]);
+    if (!o.sort_keys.empty()) printf("\n# with server side sorting %scontrol", o.sort_critical ? "critical " : "");
+    if (o.vlv)
+      printf("\n# with virtual list view %scontrol: %s", o.vlv_critical ? "critical " : "", o.vlv_text.c_str());
     if (o.page_size > 0) printf("\n# with pagedResults control: size=%d", o.page_size);
     fputs("\n#\n\n", stdout);
-  }
+  };
+  header();
   if (o.dry_run) return 0;
   int rc;
   LDAP *ld = open_session(o, &rc);
   if (ld == nullptr) return rc;
   Controls common;
-  if ((rc = common_controls(ld, o, common)) != LDAP_SUCCESS) {
+  if ((rc = common_controls(ld, o, common)) == LDAP_SUCCESS && !o.sort_keys.empty()) {
+    // The sort goes with every page and window.
+    LDAPsortkey **keys = nullptr;
+    LDAPControl *sort = nullptr;
+    rc = ldap_create_sort_keylist(&keys, o.sort_keys.c_str());
+    if (rc == LDAP_SUCCESS) rc = ldap_create_sort_control(ld, keys, o.sort_critical ? 1 : 0, &sort);
+    ldap_free_sort_keylist(keys);
+    if (rc == LDAP_SUCCESS) common.add(sort);
+  }
+  if (rc != LDAP_SUCCESS) {
     session_error(ld, "ldap_search_ext", rc);
     ldap_unbind(ld);
     return rc;
   }
   Counts n;
-  struct berval *cookie = nullptr;
+  struct berval *cookie = nullptr, *context = nullptr;
   int status = LDAP_SUCCESS;
   for (bool more = true; more;) {
     more = false;
-    // The common controls belong to `common`; the page control is this turn's.
+    // The common controls belong to `common`; page and view are this turn's.
     std::vector<LDAPControl *> ctrls;
     for (auto *c : common.list)
       if (c) ctrls.push_back(c);
-    std::unique_ptr<LDAPControl, void (*)(LDAPControl *)> page(nullptr, ldap_control_free);
+    std::unique_ptr<LDAPControl, void (*)(LDAPControl *)> page(nullptr, ldap_control_free),
+        view(nullptr, ldap_control_free);
     if (o.page_size > 0) {
       LDAPControl *p = nullptr;
       rc = ldap_create_page_control(ld, (unsigned)o.page_size, cookie, 0, &p);
       page.reset(p);
       ctrls.push_back(p);
+    }
+    if (rc == LDAP_SUCCESS && o.vlv) {
+      struct berval value = {o.vlv_value.size(), o.vlv_value.data()};
+      LDAPVLVInfo info = {o.vlv_before, o.vlv_after, o.vlv_offset, o.vlv_count, o.vlv_by_value ? &value : nullptr,
+                          context};
+      LDAPControl *v = nullptr;
+      rc = ldap_create_vlv_control(ld, &info, &v);
+      view.reset(v);
+      if (v) v->ldctl_iscritical = o.vlv_critical ? 1 : 0;
+      ctrls.push_back(v);
     }
     ctrls.push_back(nullptr);
     int msgid = -1;
@@ -517,7 +588,19 @@ int cmd_search(Options &o) {
       r.msg = m;
       if ((rc = ldap_parse_result(ld, m, &r.code, &r.matched, &r.text, &r.refs, &r.ctrls, 0)) != LDAP_SUCCESS)
         r.code = rc;
-      print_search_result(r, msgid, o);
+      if (o.ldif == 0 && r.ctrls) {
+        // The control lines go inside the result block, before its blank line.
+        if (o.ldif < 2) fputs("# search result\n", stdout);
+        printf("search: %d\nresult: %d %s\n", msgid, peer_code(r.code), peer_text(r.code));
+        if (r.matched && *r.matched) fputs(tavldif::attr_line("matchedDN", r.matched).c_str(), stdout);
+        if (r.text && *r.text) fputs(tavldif::attr_line("text", r.text).c_str(), stdout);
+        print_refs(r.refs, o);
+        print_result_controls(ld, r.ctrls, o);
+        fputs("\n", stdout);
+      } else {
+        print_search_result(r, msgid, o);
+        print_result_controls(ld, r.ctrls, o);
+      }
       status = r.code;
       if (page && r.code == LDAP_SUCCESS) {
         unsigned size = 0;
@@ -528,10 +611,40 @@ int cmd_search(Options &o) {
           printf("# pagedresults: cookie=%s\n",
                  cookie ? tavldif::base64_encode(std::string_view(cookie->bv_val, cookie->bv_len)).c_str() : "");
       }
+      if (view && r.code == LDAP_SUCCESS) {
+        // As ldapsearch walks a view: after each window a new one may be typed;
+        // a bare Enter (or the end of input) moves the window on by one.
+        unsigned long pos = 0, count = 0;
+        fber_bvfree(context);
+        context = nullptr;
+        ldap_parse_vlv_control(ld, r.ctrls, &pos, &count, &context);
+        if (o.ldif < 2) {
+          printf("# numResponses: %d\n", n.responses);
+          if (n.entries) printf("# numEntries: %d\n", n.entries);
+          if (n.references) printf("# numReferences: %d\n", n.references);
+        }
+        n = Counts();
+        puts("Press [before/after(/offset/count|:value)] Enter for the next window.");
+        fflush(stdout);
+        std::string line;
+        if (std::getline(std::cin, line) && !line.empty()) {
+          if (!parse_vlv(line.c_str(), o)) break;
+        } else {
+          o.vlv_offset = o.vlv_by_value ? 1 : o.vlv_offset + 1;
+          o.vlv_by_value = false;
+          o.vlv_count = (int)count;
+        }
+        o.vlv_text = std::to_string(o.vlv_before) + "/" + std::to_string(o.vlv_after) +
+                     (o.vlv_by_value ? ":" + o.vlv_value
+                                     : "/" + std::to_string(o.vlv_offset) + "/" + std::to_string(o.vlv_count));
+        header();
+        more = true;
+      }
       break;
     }
   }
   fber_bvfree(cookie);
+  fber_bvfree(context);
   if (o.ldif < 2) {
     printf("# numResponses: %d\n", n.responses);
     if (n.entries) printf("# numEntries: %d\n", n.entries);
@@ -860,7 +973,7 @@ void usage(FILE *to = stderr) {
           "  -H URIS  -h HOST -p PORT  -x  -D DN  -w PW | -W | -y FILE  -Z | -ZZ  -P 2|3\n"
           "  -b BASE  -s base|one|sub  -z SIZE  -l SECONDS  -a never|always|search|find  -A\n"
           "  -L | -LL | -LLL  -C (chase referrals)  -M (manageDSAit)  -E pr=N  -e assert=FILTER\n"
-          "  -e authzid=dn:DN|u:USER\n"
+          "  -e authzid=dn:DN|u:USER  -E sss=[-]ATTR[:RULE][/...]  -E vlv=BEFORE/AFTER(/OFFSET/COUNT|:VALUE)\n"
           "  -e manageDSAit  -c (go on after errors)  -n (show, do not send)  -v  -f FILE  -d LEVEL\n"
           "  -o nettimeout=N | timeout=N | referral-credentials=yes|no | keydb=FILE |\n"
           "     keydb-password=PW | ldif-wrap=no|76\n"
@@ -882,6 +995,29 @@ bool seconds_option(const char *arg, const char *name, long *out) {
   int v;
   if (strncmp(arg, name, n) != 0 || !parse_int(arg + n, &v)) return false;
   *out = v;
+  return true;
+}
+
+// "BEFORE/AFTER/OFFSET/COUNT" or "BEFORE/AFTER:VALUE", as ldapsearch's vlv= reads.
+bool parse_vlv(const char *text, Options &o) {
+  std::string t(text);
+  const size_t colon = t.find(':');
+  o.vlv_by_value = colon != std::string::npos;
+  if (colon != std::string::npos) {
+    o.vlv_value = t.substr(colon + 1);
+    t.resize(colon);
+  }
+  std::vector<std::string> parts;
+  for (size_t start = 0;;) {
+    const size_t slash = t.find('/', start);
+    parts.push_back(t.substr(start, slash == std::string::npos ? std::string::npos : slash - start));
+    if (slash == std::string::npos) break;
+    start = slash + 1;
+  }
+  if (parts.size() != (o.vlv_by_value ? 2u : 4u)) return false;
+  int *fields[] = {&o.vlv_before, &o.vlv_after, &o.vlv_offset, &o.vlv_count};
+  for (size_t i = 0; i < parts.size(); ++i)
+    if (!parse_int(parts[i].c_str(), fields[i])) return false;
   return true;
 }
 
@@ -987,6 +1123,17 @@ bool take_option(int opt, const char *arg, Options &o) {
         o.assertion = v + 7;
       } else if (strncmp(v, "authzid=", 8) == 0) {
         o.authzid = v + 8;
+      } else if (opt == 'E' && search && strncmp(v, "sss=", 4) == 0) {
+        o.sort_keys = v + 4;
+        for (char &ch : o.sort_keys)
+          if (ch == '/') ch = ' ';
+        o.sort_critical = v != arg;
+        if (o.sort_keys.empty()) return bad("sort keys", arg);
+      } else if (opt == 'E' && search && strncmp(v, "vlv=", 4) == 0) {
+        if (!parse_vlv(v + 4, o)) return bad("virtual list view", arg);
+        o.vlv = true;
+        o.vlv_text = v + 4;
+        o.vlv_critical = v != arg;
       } else if (opt == 'E' && search && strncmp(v, "pr=", 3) == 0) {
         std::string size(v + 3);
         size = size.substr(0, size.find('/'));  // "/noprompt": pages are always read without asking
