@@ -142,6 +142,7 @@ struct Options {
   int page_size = 0;                  // -E pr=N
   std::string assertion;              // -e assert=
   std::string authzid;                // -e authzid=: proxied authorisation
+  bool ppolicy = false;               // -e ppolicy: asked for with the bind
   std::string sort_keys;              // -E sss=, blank-separated as the library reads them
   bool sort_critical = false;
   bool vlv = false, vlv_critical = false;  // -E vlv=
@@ -277,6 +278,50 @@ int rebind(LDAP *, char **dn, char **pw, int *method, int freeit) {
   return LDAP_SUCCESS;
 }
 
+// The password policy's errors in ldap-utils' words (the response's error
+// number is the index).
+const char *ppolicy_text(int err) {
+  static const char *const texts[] = {"Password expired",
+                                      "Account locked",
+                                      "Password must be changed",
+                                      "Policy prevents password modification",
+                                      "Policy requires old password in order to change password",
+                                      "Password fails quality checks",
+                                      "Password is too short for policy",
+                                      "Password has been changed too recently",
+                                      "New password is in list of old passwords"};
+  return err >= 0 && err < (int)std::size(texts) ? texts[err] : "Unknown error";
+}
+
+// A simple bind with the password-policy request control, and what the
+// policy's response says written as ldap-utils write it.
+int ppolicy_bind(LDAP *ld, const Options &o) {
+  LDAPControl *ctrl = nullptr;
+  int rc = ldap_build_control(&ctrl, LDAP_CONTROL_PWDPOLICY, 0, nullptr, 0);
+  if (rc != LDAP_SUCCESS) return session_error(ld, "ldap_sasl_bind(SIMPLE)", rc);
+  LDAPControl *ctrls[] = {ctrl, nullptr};
+  struct berval cred = {o.have_password ? o.password.size() : 0, const_cast<char *>(o.password.data())};
+  int msgid = -1;
+  rc = ldap_sasl_bind(ld, o.binddn.empty() ? nullptr : o.binddn.c_str(), nullptr, &cred, ctrls, nullptr, &msgid);
+  ldap_control_free(ctrl);
+  if (rc != LDAP_SUCCESS) return session_error(ld, "ldap_sasl_bind(SIMPLE)", rc);
+  Result r;
+  wait_result(ld, msgid, r);
+  int err = 0, warn = 0, value = 0;
+  std::string extra;
+  if (ldap_parse_pwdpolicy_response(r.ctrls, &err, &warn, &value) > 0 && err >= 3)
+    extra = std::string("; ") + ppolicy_text(err - 3);
+  if (r.code != LDAP_SUCCESS || !extra.empty() || (r.matched && *r.matched) || (r.text && *r.text) || r.refs) {
+    fflush(stdout);
+    fprintf(stderr, "ldap_bind: %s (%d)%s\n", peer_text(r.code), peer_code(r.code), extra.c_str());
+    if (r.matched && *r.matched) fprintf(stderr, "\tmatched DN: %s\n", r.matched);
+    if (r.text && *r.text) fprintf(stderr, "\tadditional info: %s\n", r.text);
+  }
+  if (warn == 2) fprintf(stderr, "Password expired, %d grace logins remain\n", value);
+  if (warn == 1) fprintf(stderr, "Password expires in %d seconds\n", value);
+  return r.code;
+}
+
 // A session as the options say: URI list or host, protocol version,
 // referrals, limits, time-outs, StartTLS, then a simple bind (anonymous
 // without -D or a password, as ldap-utils bind).  Null after saying why,
@@ -342,10 +387,14 @@ LDAP *open_session(Options &o, int *rc) {
     }
     o.have_password = true;
   }
-  const int msgid = ldap_simple_bind(ld, o.binddn.empty() ? nullptr : o.binddn.c_str(),
-                                     o.have_password ? o.password.c_str() : nullptr);
-  *rc = msgid < 0 ? session_error(ld, "ldap_sasl_bind(SIMPLE)", ldap_get_errno(ld))
-                  : finish(ld, "ldap_bind", LDAP_SUCCESS, msgid);
+  if (o.ppolicy) {
+    *rc = ppolicy_bind(ld, o);
+  } else {
+    const int msgid = ldap_simple_bind(ld, o.binddn.empty() ? nullptr : o.binddn.c_str(),
+                                       o.have_password ? o.password.c_str() : nullptr);
+    *rc = msgid < 0 ? session_error(ld, "ldap_sasl_bind(SIMPLE)", ldap_get_errno(ld))
+                    : finish(ld, "ldap_bind", LDAP_SUCCESS, msgid);
+  }
   if (*rc != LDAP_SUCCESS) {
     ldap_unbind(ld);
     return nullptr;
@@ -973,7 +1022,8 @@ void usage(FILE *to = stderr) {
           "  -H URIS  -h HOST -p PORT  -x  -D DN  -w PW | -W | -y FILE  -Z | -ZZ  -P 2|3\n"
           "  -b BASE  -s base|one|sub  -z SIZE  -l SECONDS  -a never|always|search|find  -A\n"
           "  -L | -LL | -LLL  -C (chase referrals)  -M (manageDSAit)  -E pr=N  -e assert=FILTER\n"
-          "  -e authzid=dn:DN|u:USER  -E sss=[-]ATTR[:RULE][/...]  -E vlv=BEFORE/AFTER(/OFFSET/COUNT|:VALUE)\n"
+          "  -e authzid=dn:DN|u:USER  -e ppolicy  -E sss=[-]ATTR[:RULE][/...]\n"
+          "  -E vlv=BEFORE/AFTER(/OFFSET/COUNT|:VALUE)\n"
           "  -e manageDSAit  -c (go on after errors)  -n (show, do not send)  -v  -f FILE  -d LEVEL\n"
           "  -o nettimeout=N | timeout=N | referral-credentials=yes|no | keydb=FILE |\n"
           "     keydb-password=PW | ldif-wrap=no|76\n"
@@ -1123,6 +1173,8 @@ bool take_option(int opt, const char *arg, Options &o) {
         o.assertion = v + 7;
       } else if (strncmp(v, "authzid=", 8) == 0) {
         o.authzid = v + 8;
+      } else if (strcmp(v, "ppolicy") == 0) {
+        o.ppolicy = true;
       } else if (opt == 'E' && search && strncmp(v, "sss=", 4) == 0) {
         o.sort_keys = v + 4;
         for (char &ch : o.sort_keys)

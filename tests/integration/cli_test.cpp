@@ -24,13 +24,20 @@ std::string people(const std::string &rdn) { return rdn + "," + SlapdServer::kPe
 
 class Cli : public tavtest::SlapdSuite<Cli> {
  public:
-  // Server-side sorting and virtual list views for -E sss= and -E vlv=.
+  // Server-side sorting and virtual list views for -E sss= and -E vlv=; a
+  // password policy that makes cn=reset change its password, for -e ppolicy.
   static tavtest::SlapdOptions options() {
     tavtest::SlapdOptions options;
-    options.modules = {"sssvlv"};
+    options.modules = {"sssvlv", "ppolicy"};
     // With the default limit on sorts in progress (half the server's threads)
     // slapd now and then answered a view's next window with 51, busy.
-    options.database_config = "overlay sssvlv\nsssvlv-max 32\n";
+    options.database_config =
+        "overlay sssvlv\nsssvlv-max 32\noverlay ppolicy\nppolicy_default cn=policy,dc=example,dc=com\n";
+    options.extra_ldif =
+        "dn: cn=policy,dc=example,dc=com\nobjectClass: pwdPolicy\nobjectClass: person\ncn: policy\nsn: policy\n"
+        "pwdAttribute: userPassword\npwdMustChange: TRUE\n\n"
+        "dn: cn=reset,dc=example,dc=com\nobjectClass: person\ncn: reset\nsn: reset\nuserPassword: resetpw\n"
+        "pwdReset: TRUE\n";
     return options;
   }
 
@@ -167,6 +174,7 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
       {"ldapwhoami", "whoami", bound({}), ""},
       {"ldapwhoami", "whoami", {}, ""},
       {"ldapwhoami", "whoami", bound({"-e", "!authzid=dn:" + u1}), ""},
+      {"ldapwhoami", "whoami", {"-e", "ppolicy", "-D", "cn=reset," + S, "-w", "resetpw"}, ""},
       {"ldapexop", "exop", bound({"whoami"}), ""},
       {"ldapexop", "exop", bound({"1.3.6.1.4.1.4203.1.11.3"}), ""},
       {"ldappasswd", "passwd", bound({"-s", "pass5", SlapdServer::user_dn(5)}), ""},
