@@ -143,6 +143,8 @@ struct Options {
   std::string assertion;              // -e assert=
   std::string authzid;                // -e authzid=: proxied authorisation
   bool ppolicy = false;               // -e ppolicy: asked for with the bind
+  int tmpfiles = 0;                   // -t: unprintable values to files, -tt: all
+  std::string tmpdir = "/var/tmp";    // -T, where ldapsearch puts them by default
   std::string sort_keys;              // -E sss=, blank-separated as the library reads them
   bool sort_critical = false;
   bool vlv = false, vlv_critical = false;  // -E vlv=
@@ -431,6 +433,32 @@ struct Counts {
   int entries = 0, references = 0, responses = 0;
 };
 
+// What ldapsearch -t counts as printable: ASCII text without control characters.
+bool printable(std::string_view value) {
+  for (unsigned char ch : value)
+    if (ch < 0x20 || ch > 0x7E) return false;
+  return true;
+}
+
+// -t/-T: the value written to a new file in the directory; its file: URL, or
+// "" (after saying why) when it could not be written.
+std::string value_file(const char *attr, std::string_view value, const Options &o) {
+  std::string path = o.tmpdir + "/tavldap-" + attr + "-XXXXXX";
+  const int fd = mkstemp(path.data());
+  bool ok = fd >= 0;
+  for (size_t done = 0; ok && done < value.size();) {
+    const ssize_t n = write(fd, value.data() + done, value.size() - done);
+    ok = n > 0;
+    done += ok ? (size_t)n : 0;
+  }
+  if (fd >= 0 && close(fd) != 0) ok = false;
+  if (!ok) {
+    fprintf(stderr, "tavldap: cannot write %s: %s\n", path.c_str(), strerror(errno));
+    return "";
+  }
+  return "file://" + path;
+}
+
 void print_entry(LDAP *ld, LDAPMessage *e, const Options &o) {
   std::string out;
   char *dn = ldap_get_dn(ld, e);
@@ -443,8 +471,12 @@ void print_entry(LDAP *ld, LDAPMessage *e, const Options &o) {
     if (o.attrs_only || vals == nullptr) {
       out += std::string(a) + ":\n";
     } else {
-      for (struct berval **v = vals; *v != nullptr; ++v)
-        out += tavldif::attr_line(a, std::string_view((*v)->bv_val, (*v)->bv_len));
+      for (struct berval **v = vals; *v != nullptr; ++v) {
+        const std::string_view value((*v)->bv_val, (*v)->bv_len);
+        std::string url;
+        if (o.tmpfiles > 1 || (o.tmpfiles == 1 && !printable(value))) url = value_file(a, value, o);
+        out += url.empty() ? tavldif::attr_line(a, value) : std::string(a) + ":< " + url + "\n";
+      }
     }
     ldap_value_free_len(vals);
     ldap_memfree(a);
@@ -1023,7 +1055,7 @@ void usage(FILE *to = stderr) {
           "  -b BASE  -s base|one|sub  -z SIZE  -l SECONDS  -a never|always|search|find  -A\n"
           "  -L | -LL | -LLL  -C (chase referrals)  -M (manageDSAit)  -E pr=N  -e assert=FILTER\n"
           "  -e authzid=dn:DN|u:USER  -e ppolicy  -E sss=[-]ATTR[:RULE][/...]\n"
-          "  -E vlv=BEFORE/AFTER(/OFFSET/COUNT|:VALUE)\n"
+          "  -E vlv=BEFORE/AFTER(/OFFSET/COUNT|:VALUE)  -t[t] (values to files)  -T DIR\n"
           "  -e manageDSAit  -c (go on after errors)  -n (show, do not send)  -v  -f FILE  -d LEVEL\n"
           "  -o nettimeout=N | timeout=N | referral-credentials=yes|no | keydb=FILE |\n"
           "     keydb-password=PW | ldif-wrap=no|76\n"
@@ -1195,6 +1227,12 @@ bool take_option(int opt, const char *arg, Options &o) {
       }
       return true;
     }
+    case 't':
+      ++o.tmpfiles;
+      return search || bad("option", "-t");
+    case 'T':
+      o.tmpdir = arg;
+      return search || bad("option", "-T");
     case 'c':
       o.keep_going = true;
       return true;
@@ -1235,7 +1273,7 @@ bool take_option(int opt, const char *arg, Options &o) {
 int parse_options(int argc, char **argv, Options &o) {
   int opt;
   optind = 1;
-  while ((opt = getopt(argc, argv, "H:h:p:D:w:Wy:ZP:b:s:z:l:a:ALCME:e:cnvf:rxd:o:")) != -1) {
+  while ((opt = getopt(argc, argv, "H:h:p:D:w:Wy:ZP:b:s:z:l:a:ALCME:e:tT:cnvf:rxd:o:")) != -1) {
     if (opt == '?' || !take_option(opt, optarg, o)) {
       if (opt == '?') usage();
       return kUsage;

@@ -133,6 +133,7 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
                     S = SlapdServer::kSuffix, ref = "ou=ref," + S, u1 = SlapdServer::user_dn(1);
   const std::string moved = "uid=user4,ou=Groups," + S, user4 = SlapdServer::user_dn(4);
   const std::string O = ":caseIgnoreOrderingMatch";  // uid and sn have no ordering rule of their own
+  const tavtest::TempDir files;                        // for -t
   std::string out;
   ASSERT_EQ(slapd->ldap_tool("ldapadd", {"-M", root[0], root[1], root[2], root[3]}, &out,
                              "dn: " + ref + "\nobjectClass: referral\nobjectClass: extensibleObject\nou: ref\nref: " +
@@ -165,6 +166,7 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
       // A window typed on input, then the end of input.
       {"ldapsearch", "search", {"-LLL", "-E", "sss=uid" + O, "-E", "!vlv=0/1:user4", "-b", P, "-s", "one", "uid"},
        "1/0/6/5\n"},
+      {"ldapsearch", "search", {"-LLL", "-tt", "-T", files.path(), "-b", u1, "-s", "base", "cn", "sn"}, ""},
       {"ldapsearch", "search", {"-LLL", "-A", "-b", u1, "-s", "base", "(objectClass=*)", "cn", "sn"}, ""},
       {"ldapsearch", "search", {"-LLL", "-a", "never", "-l", "5", "-b", u1, "-s", "base", "uid"}, ""},
       {"ldapsearch", "search", {"-LLL", "-D", SlapdServer::kRootDn, "-w", "wrong", "-b", P}, ""},
@@ -199,10 +201,16 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
     argv.insert(argv.begin() + 1, verb);
     auto got = tavtest::run_process(argv, {{"LDAP_DEBUG", ""}}, input);
     for (size_t at; (at = got.err.find("tavldap")) != std::string::npos;) got.err.replace(at, 7, tool);
-    // A view's context ID is the server's own for each search.
-    for (auto *text : {&want.out, &got.out})
+    // A view's context ID is the server's own for each search; the files
+    // -t writes have names of their own.
+    for (auto *text : {&want.out, &got.out}) {
       for (size_t at = 0; (at = text->find("context=", at)) != std::string::npos; at += 8)
         text->erase(at + 8, text->find_first_of(" \n", at) - at - 8);
+      for (size_t at = 0; (at = text->find(":< file://", at)) != std::string::npos; ++at) {
+        const size_t name = text->rfind('/', text->find('\n', at)) + 1;
+        text->erase(name, text->find('\n', at) - name);
+      }
+    }
     const bool ok = std::tie(got.exit_code, got.out, got.err) == std::tie(want.exit_code, want.out, want.err);
     same += ok;
     EXPECT_TRUE(ok) << tool << " " << testing::PrintToString(args) << "\n" << want.exit_code << " " << want.out
