@@ -5,6 +5,7 @@
 // chased only when told, with the credentials only when told.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <iostream>
 #include <string>
 #include <tuple>
@@ -14,6 +15,7 @@
 #include "ldap-int.h"
 #include "process.h"
 #include "referral_servers.h"
+#include "sasl_plugins.h"
 #include "slapd_suite.h"
 
 using tavtest::SlapdServer;
@@ -25,10 +27,12 @@ std::string people(const std::string &rdn) { return rdn + "," + SlapdServer::kPe
 class Cli : public tavtest::SlapdSuite<Cli> {
  public:
   // Server-side sorting and virtual list views for -E sss= and -E vlv=; a
-  // password policy that makes cn=reset change its password, for -e ppolicy.
+  // password policy that makes cn=reset change its password, for -e ppolicy;
+  // SASL mechanisms checked against the entries' passwords, for -Y.
   static tavtest::SlapdOptions options() {
     tavtest::SlapdOptions options;
     options.modules = {"sssvlv", "ppolicy"};
+    options.global_config = tavtest::sasl_slapd_options().global_config;  // for -Y
     // With the default limit on sorts in progress (half the server's threads)
     // slapd now and then answered a view's next window with 51, busy.
     options.database_config =
@@ -133,7 +137,8 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
                     S = SlapdServer::kSuffix, ref = "ou=ref," + S, u1 = SlapdServer::user_dn(1);
   const std::string moved = "uid=user4,ou=Groups," + S, user4 = SlapdServer::user_dn(4);
   const std::string O = ":caseIgnoreOrderingMatch";  // uid and sn have no ordering rule of their own
-  const tavtest::TempDir files;                        // for -t
+  const tavtest::TempDir files;                        // for -t, and krvldap.conf for -Y
+  tavtest::use_config(files.path(), "plugin sasl SCRAM-SHA-256 " TAV_BUILD_DIR "/lib/libtavsasl.so\n");
   std::string out;
   ASSERT_EQ(slapd->ldap_tool("ldapadd", {"-M", root[0], root[1], root[2], root[3]}, &out,
                              "dn: " + ref + "\nobjectClass: referral\nobjectClass: extensibleObject\nou: ref\nref: " +
@@ -177,6 +182,7 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
       {"ldapwhoami", "whoami", {}, ""},
       {"ldapwhoami", "whoami", bound({"-e", "!authzid=dn:" + u1}), ""},
       {"ldapwhoami", "whoami", {"-e", "ppolicy", "-D", "cn=reset," + S, "-w", "resetpw"}, ""},
+      {"ldapwhoami", "whoami", {"-Y", "SCRAM-SHA-256", "-U", "user2", "-w", "pass2"}, ""},
       {"ldapexop", "exop", bound({"whoami"}), ""},
       {"ldapexop", "exop", bound({"1.3.6.1.4.1.4203.1.11.3"}), ""},
       {"ldappasswd", "passwd", bound({"-s", "pass5", SlapdServer::user_dn(5)}), ""},
@@ -194,7 +200,8 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
            "\nchangetype: add\nobjectClass: person\ncn: Cli\nsn: C\n\ndn: cn=Cli," + P + "\nchangetype: delete\n"}};
   int same = 0;
   for (const auto &[tool, verb, args, input] : lines) {
-    std::vector<std::string> argv = {"/usr/bin/" + tool, "-H", slapd->url(), "-x"};
+    std::vector<std::string> argv = {"/usr/bin/" + tool, "-H", slapd->url()};
+    if (std::find(args.begin(), args.end(), "-Y") == args.end()) argv.push_back("-x");
     argv.insert(argv.end(), args.begin(), args.end());
     auto want = tavtest::run_process(argv, {}, input);
     argv[0] = TAV_CLIENT;
