@@ -89,7 +89,7 @@ changetype: rename
 EOF
 
 if [ -n "${TAVLDAP_TEST_LDAPS_PORT:-}" ]; then
-  # tavldap cannot do this part: the exported interface has no SSL entry point.
+  # The SSL entry points called directly, as a program does: a key database, the environment, a session.
   step "ldaps: a key database made with tavkeydb, a session through the library's SSL entry points"
   tls="$TAVLDAP_TEST_TLS_DIR"
   keys=$(mktemp -d)
