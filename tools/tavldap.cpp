@@ -10,6 +10,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -145,6 +146,7 @@ struct Options {
   bool ppolicy = false;               // -e ppolicy: asked for with the bind
   std::string sasl_mech, sasl_authcid;  // -Y, -U: a SASL bind through the plug-ins
   bool sasl_quiet = false;              // -Q
+  std::string sasl_realm, sasl_authzid;  // -R, -X: words on the plug-in's krvldap.conf line
   int tmpfiles = 0;                   // -t: unprintable values to files, -tt: all
   std::string tmpdir = "/var/tmp";    // -T, where ldapsearch puts them by default
   std::string sort_keys;              // -E sss=, blank-separated as the library reads them
@@ -336,7 +338,10 @@ int sasl_bind(LDAP *ld, const Options &o) {
   const int rc = ldap_sasl_bind_s(ld, o.sasl_authcid.empty() ? nullptr : o.sasl_authcid.c_str(), o.sasl_mech.c_str(),
                                   o.have_password ? &cred : nullptr, nullptr, nullptr, nullptr);
   if (rc != LDAP_SUCCESS) return session_error(ld, "ldap_sasl_interactive_bind", rc);
-  if (!o.sasl_quiet) fprintf(stderr, "SASL username: %s\nSASL SSF: 0\n", o.sasl_authcid.c_str());
+  // The name Cyrus reports is the authorisation identity when there is one.
+  if (!o.sasl_quiet)
+    fprintf(stderr, "SASL username: %s\nSASL SSF: 0\n",
+            (o.sasl_authzid.empty() ? o.sasl_authcid : o.sasl_authzid).c_str());
   return rc;
 }
 
@@ -1263,10 +1268,27 @@ bool take_option(int opt, const char *arg, Options &o) {
       return true;
     case 'R':
     case 'X':
-      // The plug-in reads these from its krvldap.conf line, not from the bind.
-      fprintf(stderr, "tavldap: -%c: set %s= on the mechanism's line in krvldap.conf\n", opt,
-              opt == 'R' ? "realm" : "authzid");
-      return false;
+      // They become one word of a krvldap.conf line, which blanks would split.
+      if (!*arg || strpbrk(arg, " \t\r\n") != nullptr) return bad(opt == 'R' ? "realm" : "authzid", arg);
+      (opt == 'R' ? o.sasl_realm : o.sasl_authzid) = arg;
+      return true;
+    case 'O': {
+      // The plug-in never negotiates a security layer and has no properties
+      // to set, so only the values that say just that are accepted.
+      std::string props(arg);
+      for (size_t at = 0, end; at <= props.size(); at = end + 1) {
+        end = std::min(props.find(',', at), props.size());
+        const std::string p = props.substr(at, end - at);
+        if (p != "minssf=0" && p != "maxssf=0" && p != "maxbufsize=0") {
+          fprintf(stderr,
+                  "tavldap: -O %s: the SASL plug-in negotiates no security layer; "
+                  "only minssf=0, maxssf=0 and maxbufsize=0 are accepted\n",
+                  p.c_str());
+          return false;
+        }
+      }
+      return true;
+    }
     case 'c':
       o.keep_going = true;
       return true;
@@ -1307,7 +1329,7 @@ bool take_option(int opt, const char *arg, Options &o) {
 int parse_options(int argc, char **argv, Options &o) {
   int opt;
   optind = 1;
-  while ((opt = getopt(argc, argv, "H:h:p:D:w:Wy:ZP:b:s:z:l:a:ALCME:e:tT:Y:U:R:X:Qcnvf:rxd:o:")) != -1) {
+  while ((opt = getopt(argc, argv, "H:h:p:D:w:Wy:ZP:b:s:z:l:a:ALCME:e:tT:Y:U:R:X:O:Qcnvf:rxd:o:")) != -1) {
     if (opt == '?' || !take_option(opt, optarg, o)) {
       if (opt == '?') usage();
       return kUsage;
@@ -1316,6 +1338,81 @@ int parse_options(int argc, char **argv, Options &o) {
   for (int i = optind; i < argc; ++i) o.args.push_back(argv[i]);
   return 0;
 }
+
+// -R and -X reach the plug-in only as words on its krvldap.conf line, so the
+// run gets a krvldap.conf of its own: the one the library would read (the
+// directory KRVLDAP_CONF names, then the installed ones), with a line for the
+// mechanism first, carrying the words.  The library reads the file at the
+// first SASL bind, so KRVLDAP_CONF set here is seen.
+class PrivateConf {
+ public:
+  ~PrivateConf() {
+    if (dir_.empty()) return;
+    unlink((dir_ + "/krvldap.conf").c_str());
+    rmdir(dir_.c_str());
+  }
+  bool make(const Options &o) {
+    std::vector<std::string> dirs;
+    if (const char *env = getenv("KRVLDAP_CONF"); env && *env) dirs.push_back(env);
+    dirs.insert(dirs.end(), {"/opt/KRV/ldap/V6.2/etc", "/opt/KRV/ldap/V6.2"});
+    std::string text, line, first;
+    for (const auto &d : dirs)
+      if (access((d + "/krvldap.conf").c_str(), F_OK) == 0) {
+        if (!read_file(d + "/krvldap.conf", &text)) return false;
+        break;
+      }
+    for (size_t at = 0, end; at < text.size() && first.empty(); at = end + 1) {
+      end = std::min(text.find('\n', at), text.size());
+      line = text.substr(at, end - at);
+      // kind type name library [init [arguments, up to a tab]]
+      std::vector<std::string> words;
+      size_t w = 0;
+      while (words.size() < 5 && (w = line.find_first_not_of(" \t\r", w)) != std::string::npos) {
+        const size_t e = std::min(line.find_first_of(" \t\r", w), line.size());
+        words.push_back(line.substr(w, e - w));
+        w = e;
+      }
+      if (line.empty() || line[0] == '#' || words.size() < 4 || words[0] != "plugin" || words[1] != "sasl" ||
+          words[2] != o.sasl_mech)
+        continue;
+      std::string args;  // after word 5, blanks skipped, up to a tab
+      if (words.size() == 5 && w < line.size() && line[w] == ' ') {
+        args = line.substr(w, line.find('\t', w) - w);
+        args.erase(0, args.find_first_not_of(' '));
+      }
+      // The words given here replace the line's own.
+      std::string kept;
+      for (size_t b = 0, e; b < args.size(); b = e + 1) {
+        e = std::min(args.find(' ', b), args.size());
+        const std::string word = args.substr(b, e - b);
+        if (word.empty() || (!o.sasl_realm.empty() && word.rfind("realm=", 0) == 0) ||
+            (!o.sasl_authzid.empty() && word.rfind("authzid=", 0) == 0))
+          continue;
+        kept += " " + word;
+      }
+      if (!o.sasl_realm.empty()) kept += " realm=" + o.sasl_realm;
+      if (!o.sasl_authzid.empty()) kept += " authzid=" + o.sasl_authzid;
+      first = "plugin sasl " + o.sasl_mech + " " + words[3] + " " + (words.size() == 5 ? words[4] : "ldap_plugin_init") +
+              kept + "\n";
+    }
+    if (first.empty()) {
+      fprintf(stderr, "tavldap: -R/-X: krvldap.conf has no line for %s\n", o.sasl_mech.c_str());
+      return false;
+    }
+    char templ[] = "/tmp/tavldap-XXXXXX";
+    if (mkdtemp(templ) == nullptr) return perror("tavldap: mkdtemp"), false;
+    dir_ = templ;
+    std::ofstream out(dir_ + "/krvldap.conf");
+    out << first << text;
+    out.close();
+    if (!out) return fprintf(stderr, "tavldap: cannot write %s/krvldap.conf\n", dir_.c_str()), false;
+    setenv("KRVLDAP_CONF", dir_.c_str(), 1);
+    return true;
+  }
+
+ private:
+  std::string dir_;
+};
 
 }  // namespace
 
@@ -1356,6 +1453,8 @@ int main(int argc, char **argv) {
     return kUsage;
   }
   if (int rc = parse_options(argc - optind, argv + optind, o); rc != 0) return rc;
+  PrivateConf conf;  // removed when main returns
+  if (!o.sasl_mech.empty() && (!o.sasl_realm.empty() || !o.sasl_authzid.empty()) && !conf.make(o)) return kUsage;
   int rc;
   if (o.command == "search")
     rc = cmd_search(o);

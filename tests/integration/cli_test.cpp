@@ -32,7 +32,8 @@ class Cli : public tavtest::SlapdSuite<Cli> {
   static tavtest::SlapdOptions options() {
     tavtest::SlapdOptions options;
     options.modules = {"sssvlv", "ppolicy"};
-    options.global_config = tavtest::sasl_slapd_options().global_config;  // for -Y
+    // -X: user2 may act as user1.
+    options.global_config = tavtest::sasl_slapd_options().global_config + "authz-policy to\n";  // for -Y
     // With the default limit on sorts in progress (half the server's threads)
     // slapd now and then answered a view's next window with 51, busy.
     options.database_config =
@@ -138,11 +139,17 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
   const std::string moved = "uid=user4,ou=Groups," + S, user4 = SlapdServer::user_dn(4);
   const std::string O = ":caseIgnoreOrderingMatch";  // uid and sn have no ordering rule of their own
   const tavtest::TempDir files;                        // for -t, and krvldap.conf for -Y
-  tavtest::use_config(files.path(), "plugin sasl SCRAM-SHA-256 " TAV_BUILD_DIR "/lib/libtavsasl.so\n");
+  tavtest::use_config(files.path(), "plugin sasl SCRAM-SHA-256 " TAV_BUILD_DIR "/lib/libtavsasl.so\n"
+                                    "plugin sasl DIGEST-MD5 " TAV_BUILD_DIR "/lib/libtavsasl.so\n");
   std::string out;
   ASSERT_EQ(slapd->ldap_tool("ldapadd", {"-M", root[0], root[1], root[2], root[3]}, &out,
                              "dn: " + ref + "\nobjectClass: referral\nobjectClass: extensibleObject\nou: ref\nref: " +
                                  slapd->url() + "/" + SlapdServer::user_dn(3) + "\n"),
+            0)
+      << out;
+  ASSERT_EQ(slapd->ldap_tool("ldapmodify", {root[0], root[1], root[2], root[3]}, &out,
+                             "dn: " + SlapdServer::user_dn(2) + "\nchangetype: modify\nadd: authzTo\nauthzTo: dn:" + u1 +
+                                 "\n"),
             0)
       << out;
   const auto bound = [&](std::vector<std::string> args) {
@@ -183,6 +190,8 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
       {"ldapwhoami", "whoami", bound({"-e", "!authzid=dn:" + u1}), ""},
       {"ldapwhoami", "whoami", {"-e", "ppolicy", "-D", "cn=reset," + S, "-w", "resetpw"}, ""},
       {"ldapwhoami", "whoami", {"-Y", "SCRAM-SHA-256", "-U", "user2", "-w", "pass2"}, ""},
+      {"ldapwhoami", "whoami", {"-Y", "DIGEST-MD5", "-U", "user2", "-R", "example", "-O", "maxssf=0", "-w", "pass2"}, ""},
+      {"ldapwhoami", "whoami", {"-Y", "DIGEST-MD5", "-U", "user2", "-X", "dn:" + u1, "-O", "maxssf=0", "-w", "pass2"}, ""},
       {"ldapexop", "exop", bound({"whoami"}), ""},
       {"ldapexop", "exop", bound({"1.3.6.1.4.1.4203.1.11.3"}), ""},
       {"ldappasswd", "passwd", bound({"-s", "pass5", SlapdServer::user_dn(5)}), ""},
@@ -231,6 +240,7 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
                                                                 {"search", "-s", "wide"},
                                                                 {"search", "-o", "referral-credentials=maybe"},
                                                                 {"search", "-o", "timeout=soon"},
+                                                                {"whoami", "-Y", "DIGEST-MD5", "-O", "maxssf=56"},
                                                                 {"frobnicate"}})
     EXPECT_EQ(run(args[0], std::vector<std::string>(args.begin() + 1, args.end())).exit_code, 2) << args[0];
   // -o timeout bounds the wait for a server that never answers.
