@@ -31,6 +31,7 @@ class Cli : public tavtest::SlapdSuite<Cli> {
   // SASL mechanisms checked against the entries' passwords, for -Y.
   static tavtest::SlapdOptions options() {
     tavtest::SlapdOptions options;
+    options.tls = true;  // for ldaps and -ZZ
     options.modules = {"sssvlv", "ppolicy"};
     // -X: user2 may act as user1.
     options.global_config = tavtest::sasl_slapd_options().global_config + "authz-policy to\n";  // for -Y
@@ -141,6 +142,13 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
   const tavtest::TempDir files;                        // for -t, and krvldap.conf for -Y
   tavtest::use_config(files.path(), "plugin sasl SCRAM-SHA-256 " TAV_BUILD_DIR "/lib/libtavsasl.so\n"
                                     "plugin sasl DIGEST-MD5 " TAV_BUILD_DIR "/lib/libtavsasl.so\n");
+  // The server's CA: ldap-utils take it from the environment, tavldap from a
+  // key database.
+  const std::string kdb = files.file("ca.kdb"), ca = slapd->tls_file("ca.pem");
+  for (const auto &a : std::vector<std::vector<std::string>>{
+           {TAV_BUILD_DIR "/bin/tavkeydb", "create", kdb, "-pw", "kdbpw"},
+           {TAV_BUILD_DIR "/bin/tavkeydb", "add-ca", kdb, "-pw", "kdbpw", "-label", "ca", "-cert", ca}})
+    ASSERT_EQ(tavtest::run_process(a).exit_code, 0) << a[1];
   std::string out;
   ASSERT_EQ(slapd->ldap_tool("ldapadd", {"-M", root[0], root[1], root[2], root[3]}, &out,
                              "dn: " + ref + "\nobjectClass: referral\nobjectClass: extensibleObject\nou: ref\nref: " +
@@ -182,6 +190,8 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
       {"ldapsearch", "search", {"-LLL", "-A", "-b", u1, "-s", "base", "(objectClass=*)", "cn", "sn"}, ""},
       {"ldapsearch", "search", {"-LLL", "-a", "never", "-l", "5", "-b", u1, "-s", "base", "uid"}, ""},
       {"ldapsearch", "search", {"-LLL", "-D", SlapdServer::kRootDn, "-w", "wrong", "-b", P}, ""},
+      {"ldapsearch", "search", {"-ZZ", "-LLL", "-b", u1, "-s", "base", "uid"}, ""},
+      {"ldapsearch", "search", {"-H", "ldaps://" + slapd->ldaps_host_port(), "-LLL", "-b", u1, "-s", "base", "uid"}, ""},
       {"ldapcompare", "compare", {u1, "cn:User 1"}, ""},
       {"ldapcompare", "compare", {u1, "cn::VXNlciAy"}, ""},
       {"ldapcompare", "compare", {"uid=x," + P, "cn:User 1"}, ""},
@@ -209,13 +219,15 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
            "\nchangetype: add\nobjectClass: person\ncn: Cli\nsn: C\n\ndn: cn=Cli," + P + "\nchangetype: delete\n"}};
   int same = 0;
   for (const auto &[tool, verb, args, input] : lines) {
-    std::vector<std::string> argv = {"/usr/bin/" + tool, "-H", slapd->url()};
+    std::vector<std::string> argv = {"/usr/bin/" + tool};
+    if (std::find(args.begin(), args.end(), "-H") == args.end()) argv.insert(argv.end(), {"-H", slapd->url()});
     if (std::find(args.begin(), args.end(), "-Y") == args.end()) argv.push_back("-x");
     argv.insert(argv.end(), args.begin(), args.end());
-    auto want = tavtest::run_process(argv, {}, input);
+    auto want = tavtest::run_process(argv, {{"LDAPTLS_CACERT", ca}, {"LDAPTLS_REQCERT", "demand"}}, input);
     argv[0] = TAV_CLIENT;
-    argv.insert(argv.begin() + 1, verb);
-    auto got = tavtest::run_process(argv, {{"LDAP_DEBUG", ""}}, input);
+    argv.insert(argv.begin() + 1, {verb, "-o", "keydb=" + kdb, "-o", "keydb-password=kdbpw"});
+    auto got = tavtest::run_process(
+        argv, {{"LDAP_DEBUG", ""}, {"TAVLIB_LOCAL_INSTALL_MODE", "1"}, {"LD_LIBRARY_PATH", TAV_BUILD_DIR "/lib"}}, input);
     for (size_t at; (at = got.err.find("tavldap")) != std::string::npos;) got.err.replace(at, 7, tool);
     // A view's context ID is the server's own for each search; the files
     // -t writes have names of their own.
