@@ -1080,6 +1080,7 @@ void usage(FILE *to = stderr) {
           "  -e authzid=dn:DN|u:USER  -e ppolicy  -E sss=[-]ATTR[:RULE][/...]\n"
           "  -E vlv=BEFORE/AFTER(/OFFSET/COUNT|:VALUE)  -t[t] (values to files)  -T DIR\n"
           "  -Y MECH  -U AUTHCID  -Q (SASL through the plug-in krvldap.conf names)\n"
+          "  -R REALM  -X AUTHZID  -O minssf=0,maxssf=0,maxbufsize=0 (SASL)\n"
           "  -e manageDSAit  -c (go on after errors)  -n (show, do not send)  -v  -f FILE  -d LEVEL\n"
           "  -o nettimeout=N | timeout=N | referral-credentials=yes|no | keydb=FILE |\n"
           "     keydb-password=PW | ldif-wrap=no|76\n"
