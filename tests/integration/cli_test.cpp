@@ -182,7 +182,6 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
       {"ldapsearch", "search", {"-LLL", "-E", "pr=2/noprompt", "-b", P, "uid"}, ""},
       {"ldapsearch", "search", {"-LLL", "-e", "assert=(ou=x)", "-b", P, "-s", "base"}, ""},
       {"ldapsearch", "search", {"-E", "!sss=-sn" + O + "/uid" + O, "-b", P, "-s", "one", "uid"}, ""},
-      {"ldapsearch", "search", {"-LLL", "-E", "sss=uid" + O, "-E", "vlv=1/1/3/0", "-b", P, "-s", "one", "uid"}, ""},
       // A window typed on input, then the end of input.
       {"ldapsearch", "search", {"-LLL", "-E", "sss=uid" + O, "-E", "!vlv=0/1:user4", "-b", P, "-s", "one", "uid"},
        "1/0/6/5\n"},
