@@ -4,6 +4,7 @@
 #define TAV_LDAP_ENGINE_H
 
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cstdint>
 
@@ -63,6 +64,15 @@ inline void set_conn_connected(LDAPConn *c) { __atomic_store_n(&c->lc_connected,
 inline void clear_conn_connected(LDAPConn *c) { __atomic_store_n(&c->lc_connected, 0, __ATOMIC_RELEASE); }
 // Records 81 for a connection that is gone, with the server's notice text
 // when it said goodbye.
+// The calling thread's kernel id, asked once per thread: gettid is a system
+// call, and every operation asks.  (A child of fork keeps its parent's cached
+// value; it cannot share the parent's sessions anyway, the connections being
+// the parent's.)
+inline int32_t ldap_thread_tid() {
+  static thread_local const int32_t tid = (int32_t)gettid();
+  return tid;
+}
+
 inline void record_conn_down(LDAP *ld, const LDAPConn *c) {
   ldap_set_errno_direct(ld, LDAP_SERVER_DOWN, nullptr, __atomic_load_n(&c->lc_notice, __ATOMIC_ACQUIRE));
 }

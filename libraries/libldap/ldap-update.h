@@ -58,6 +58,9 @@ TAV_INTERNAL int ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, int
 // operation's code, recording matched DN and message; `failed_trace` is the
 // trace format used when waiting fails (one %d).  Defined in ldap_modify.cpp.
 extern "C" TAV_INTERNAL int ldap_update_wait(LDAP *ld, int msgid, const char *failed_trace);
+// The waiting part of ldap_update_wait: 0 with the whole answer in *res, or
+// the failure's code (traced with `failed_trace`, the rows given back).
+extern "C" TAV_INTERNAL int ldap_wait_answer(LDAP *ld, int msgid, const char *failed_trace, LDAPMessage **res);
 
 // What the four workers share: take the connection, a message record, a
 // message ID and a BER element; let `encode` write the protocol operation

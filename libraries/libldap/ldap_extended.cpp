@@ -42,17 +42,6 @@ int extended_int(LDAP *ld, const char *oid, const struct berval *data, LDAPContr
   });
 }
 
-// Waits for the whole answer of `msgid`: 0 with *res, or the failure code.
-int wait_answer(LDAP *ld, int msgid, LDAPMessage **res) {
-  *res = nullptr;
-  if (ldap_result_int(ld, msgid, LDAP_MSG_ALL, nullptr, res) > 0) return LDAP_SUCCESS;
-  int rc = ldap_get_errno_direct(ld);
-  if (*res != nullptr) ldap_msgfree_direct(*res);
-  *res = nullptr;
-  ldap_msg_table_mark_rows(ld, msgid, LDAP_ROW_RELEASE_WHEN_DONE);
-  return rc != LDAP_SUCCESS ? rc : LDAP_LOCAL_ERROR;
-}
-
 int extended_s_int(LDAP *ld, const char *oid, const struct berval *data, LDAPControl **sctrls, LDAPControl **cctrls,
                    char **retoidp, struct berval **retdatap) {
   if (retoidp != nullptr) *retoidp = nullptr;
@@ -60,7 +49,7 @@ int extended_s_int(LDAP *ld, const char *oid, const struct berval *data, LDAPCon
   int msgid = -1;
   int rc = extended_int(ld, oid, data, sctrls, cctrls, &msgid);
   LDAPMessage *res = nullptr;
-  if (rc == LDAP_SUCCESS) rc = wait_answer(ld, msgid, &res);
+  if (rc == LDAP_SUCCESS) rc = ldap_wait_answer(ld, msgid, "ldap_extended_operation_s: ldap_result failed rc=%d\n", &res);
   if (rc == LDAP_SUCCESS) rc = ldap_parse_extended_result_direct(ld, res, retoidp, retdatap, 1, nullptr);
   ldap_set_errno_direct(ld, rc, nullptr, nullptr);
   return rc;

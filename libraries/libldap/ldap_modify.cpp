@@ -28,23 +28,31 @@ int encode_modify(BerElement *ber, const char *dn, LDAPMod **mods) {
 
 extern "C" {
 
+int ldap_wait_answer(LDAP *ld, int msgid, const char *failed_trace, LDAPMessage **res) {
+  *res = nullptr;
+  if (ldap_result_int(ld, msgid, LDAP_MSG_ALL, nullptr, res) > 0) return LDAP_SUCCESS;
+  int rc = ldap_get_errno_direct(ld);
+  LDAP_LOG(LDAP_LOG_ERROR, failed_trace, rc);
+  if (*res != nullptr) {
+    ldap_msgfree_direct(*res);
+    *res = nullptr;
+  } else {
+    // Nothing handed out: the rows go back now, or once their answers are complete.
+    ldap_msg_table_mark_rows(ld, msgid, LDAP_ROW_RELEASE_WHEN_DONE);
+  }
+  // Waiting without a time-out cannot end in 0; should a failure leave no
+  // code behind, the caller must still not read it as success.
+  if (rc == LDAP_SUCCESS) {
+    rc = LDAP_LOCAL_ERROR;
+    ldap_set_errno_direct(ld, rc, nullptr, nullptr);
+  }
+  return rc;
+}
+
 int ldap_update_wait(LDAP *ld, int msgid, const char *failed_trace) {
   LDAPMessage *res = nullptr;
-  if (ldap_result_int(ld, msgid, LDAP_MSG_ALL, nullptr, &res) <= 0) {
-    int rc = ldap_get_errno_direct(ld);
-    LDAP_LOG(LDAP_LOG_ERROR, failed_trace, rc);
-    if (res != nullptr) ldap_msgfree_direct(res);
-    // Nothing handed out: the rows go back now, or once their answers are complete.
-    if (res == nullptr) ldap_msg_table_mark_rows(ld, msgid, LDAP_ROW_RELEASE_WHEN_DONE);
-    // Waiting without a time-out cannot end in 0; should a failure leave no
-    // code behind, the caller must still not read it as success.
-    if (rc == LDAP_SUCCESS) {
-      rc = LDAP_LOCAL_ERROR;
-      ldap_set_errno_direct(ld, rc, nullptr, nullptr);
-    }
-    return rc;
-  }
-  return ldap_result2error_direct(ld, res, 1);
+  const int rc = ldap_wait_answer(ld, msgid, failed_trace, &res);
+  return rc != LDAP_SUCCESS ? rc : ldap_result2error_direct(ld, res, 1);
 }
 
 int ldap_modify_ext_direct(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls, int *msgidp,

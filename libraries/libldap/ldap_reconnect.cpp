@@ -29,10 +29,6 @@ using ldap_proto::kUnbindRequest;
 // under it is shut down (a half-open socket would keep it waiting).
 constexpr long kReaderGraceNs = 100 * 1000 * 1000;
 
-int32_t my_tid() {
-  static thread_local const int32_t tid = (int32_t)gettid();
-  return tid;
-}
 
 void wipe_free(char *s) {
   if (s == nullptr) return;
@@ -149,7 +145,7 @@ int reconnect(LDAP *ld, LDAPConn *conn) {
     return shared;
   }
   ++conn->lc_reconnect_tries;
-  __atomic_store_n(&conn->lc_reconnector, my_tid(), __ATOMIC_RELEASE);
+  __atomic_store_n(&conn->lc_reconnector, ldap_thread_tid(), __ATOMIC_RELEASE);
   LDAP_MUTEX_UNLOCK(&conn->lc_reconnect_mutex);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_reconnect: connection to %s lost, reopening\n",
            conn->lc_host != nullptr ? conn->lc_host : "");
@@ -188,7 +184,7 @@ bool ldap_reconnect_applies(LDAP *ld, LDAPConn *conn, const LDAPMessage *request
   if (conn != ld->ld_defconn || __atomic_load_n(&ld->ld_reconnect, __ATOMIC_RELAXED) == 0) return false;
   if (request->lm_msgtype == kAbandonRequest || request->lm_msgtype == kUnbindRequest) return false;
   // The reconnecting thread's own re-bind goes straight through.
-  return __atomic_load_n(&conn->lc_reconnector, __ATOMIC_ACQUIRE) != my_tid();
+  return __atomic_load_n(&conn->lc_reconnector, __ATOMIC_ACQUIRE) != ldap_thread_tid();
 }
 
 int ldap_reconnect_gate(LDAP *ld, LDAPConn *conn, const LDAPMessage *request) {

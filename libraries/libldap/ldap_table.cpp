@@ -87,13 +87,7 @@ namespace {
 
 constexpr int kMaxIds = LDAP_MSG_TABLE_MAX;  // rows 0..65535; IDs 1..65535
 
-// Asked once per thread: gettid is a system call, and every operation asks.
-// (A child of fork keeps its parent's cached value; it cannot share the
-// parent's sessions anyway, the connections being the parent's.)
-int32_t my_tid() {
-  static thread_local const int32_t tid = (int32_t)gettid();
-  return tid;
-}
+int32_t my_tid() { return ldap_thread_tid(); }
 
 bool owned_by_me(const ldap_msg_row *row) { return row->owner_tid != 0 && row->owner_tid == my_tid(); }
 
