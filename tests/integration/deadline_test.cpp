@@ -30,21 +30,8 @@ namespace {
 class BlackHole {
  public:
   BlackHole() {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (bind(listener_, reinterpret_cast<sockaddr *>(&a), len) != 0 || listen(listener_, 0) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr *>(&a), &len) != 0)
-      return;
-    port_ = ntohs(a.sin_port);
-    for (int i = 0; i < 4; ++i) {
-      int s = socket(AF_INET, SOCK_STREAM, 0);
-      fcntl(s, F_SETFL, O_NONBLOCK);
-      connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a);
-      fillers_.push_back(s);
-    }
+    listener_ = tavtest::loopback_listen(0, &port_);
+    for (int i = 0; i < 4 && listener_ >= 0; ++i) fillers_.push_back(tavtest::loopback_connect(port_, true));
   }
   ~BlackHole() {
     for (int s : fillers_) close(s);

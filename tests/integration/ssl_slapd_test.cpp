@@ -98,16 +98,8 @@ std::string string_option(LDAP *ld, int option, int *rc) {
 class CuttingRelay {
  public:
   CuttingRelay(int upstream_port, size_t budget) : upstream_port_(upstream_port), budget_(budget) {
-    listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&a), len) != 0 || listen(listen_fd_, 1) != 0 ||
-        getsockname(listen_fd_, reinterpret_cast<sockaddr *>(&a), &len) != 0)
-      return;
-    port_ = ntohs(a.sin_port);
-    thread_ = std::thread([this] { run(); });
+    listen_fd_ = tavtest::loopback_listen(1, &port_);
+    if (listen_fd_ >= 0) thread_ = std::thread([this] { run(); });
   }
   ~CuttingRelay() {
     if (thread_.joinable()) thread_.join();
@@ -116,23 +108,11 @@ class CuttingRelay {
   int port() const { return port_; }
 
  private:
-  static int connect_to(int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
-      close(fd);
-      return -1;
-    }
-    return fd;
-  }
   void run() {
     pollfd wait_accept = {listen_fd_, POLLIN, 0};
     if (poll(&wait_accept, 1, 20000) != 1) return;
     const int client = accept(listen_fd_, nullptr, nullptr);
-    const int server = connect_to(upstream_port_);
+    const int server = tavtest::loopback_connect(upstream_port_);
     size_t passed = 0;
     char buf[16384];
     while (client >= 0 && server >= 0 && passed < budget_) {
@@ -676,12 +656,8 @@ class OpensslServer {
 // A socket connected to `port` on loopback, made secure by the library as if
 // it had reached `host` (a name or an address): the certificate must name it.
 int secure_connect(LDAP *ld, int port, const char *host, Sockbuf *sb) {
-  sb->sb_sd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons((uint16_t)port);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(sb->sb_sd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) return -1;
+  sb->sb_sd = tavtest::loopback_connect(port);
+  if (sb->sb_sd < 0) return -1;
   return open_ssl_connection_to(ld, sb, host);
 }
 

@@ -84,6 +84,11 @@ class SlapdServer {
 int free_port();
 // Whether something accepts connections on 127.0.0.1:port.
 bool port_answers(int port);
+// A socket listening on 127.0.0.1 at a port the system chose (*port), or -1.
+int loopback_listen(int backlog, int *port);
+// A socket connected to 127.0.0.1:port (non-blocking when asked, the connect
+// then still under way), or -1.
+int loopback_connect(int port, bool nonblocking = false);
 // Makes the certificates of SlapdOptions::tls in `dir`; "" or the failure.
 std::string make_test_certificates(const std::string &dir, bool server_expired,
                                    const std::string &server_names = "DNS:localhost,IP:127.0.0.1");
