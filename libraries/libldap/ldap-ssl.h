@@ -74,6 +74,10 @@ TAV_INTERNAL void deleteTavEnvRef(TavEnvRef *ref);
 TAV_INTERNAL void freeTavEnvRef(TavEnvRef *ref);
 TAV_INTERNAL TavEnvRef *ldap_ssl_current_env(void);
 TAV_INTERNAL int ldap_ssl_init_count(void);
+// SSL environment lock held: the current environment with one more
+// reference (null when there is none).
+TAV_INTERNAL TavEnvRef *ldap_ssl_env_ref_direct(void);
+TAV_INTERNAL int ldap_ssl_guarded_handshake(tav_handle conn);
 TAV_INTERNAL int prepare_tav_init_data(const char *kdb, const char *pw, int timeout, int *tavrc,
                                        LDAP_PKCS11_PARMS *pkcs11);
 TAV_INTERNAL int initTavlibEnv(tav_handle env, const char *pw, LDAP_PKCS11_PARMS *pkcs11);
