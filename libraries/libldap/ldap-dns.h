@@ -50,6 +50,14 @@ struct ldap_dns_state {
   char **owned_servers;  // from resolv.conf
 };
 
+// Null-terminated lists of strings the state owns (domains, name servers).
+int ldap_dns_list_count(char **list);
+void ldap_dns_list_free(char **list);
+// Appends a copy of [s, s+len); 0 or LDAP_NO_MEMORY.
+int ldap_dns_list_add(char ***list, const char *s, size_t len);
+// A 16-bit field of a DNS message, network order.
+inline uint16_t ldap_dns_get16(const unsigned char *p) { return (uint16_t)((p[0] << 8) | p[1]); }
+
 extern "C" {
 // Location as callers use it.
 TAV_INTERNAL int ldap_server_locate(struct ldap_server_request *request, LDAPServerInfo **listp);
