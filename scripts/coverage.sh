@@ -5,8 +5,12 @@
 # from Debian's llvm package), one profile per test process.
 #   bash scripts/coverage.sh              build-cov/, every unit and integration test
 #   CTEST_ARGS="-R Search" bash scripts/coverage.sh   a subset (what one suite covers)
+#   PER_TEST=1 bash scripts/coverage.sh   also what each suite and case covers that no other does
 # Prints a table per folder and in total; the per-file summary is left in
-# build-cov/coverage.json for comparisons.
+# build-cov/coverage.json for comparisons.  With PER_TEST=1 each test runs on
+# its own, its profile is exported to build-cov/per-test/<test>.lcov, and
+# build-cov/per-test.txt lists, per suite and per case, the lines and
+# branches of our code that only it covers: what would be lost without it.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD:-$root/build-cov}
@@ -24,9 +28,22 @@ rm -rf "$profiles"
 mkdir -p "$profiles"
 # %p: one file per process (each GoogleTest case runs in its own); %m keeps
 # the shared objects' counters apart from the programs'.
-LLVM_PROFILE_FILE="$profiles/%p-%m.profraw" ctest --test-dir "$build" -L 'unit|integration' -j2 \
-  ${CTEST_ARGS:-} >"$build/coverage-ctest.log" 2>&1 || echo "coverage: some tests failed (see $build/coverage-ctest.log)"
-llvm-profdata merge -sparse "$profiles"/*.profraw -o "$build/coverage.profdata"
+if [ -z "${PER_TEST:-}" ]; then
+  LLVM_PROFILE_FILE="$profiles/%p-%m.profraw" ctest --test-dir "$build" -L 'unit|integration' -j2 \
+    ${CTEST_ARGS:-} >"$build/coverage-ctest.log" 2>&1 || echo "coverage: some tests failed (see $build/coverage-ctest.log)"
+else
+  # One ctest run per test, by its number, two at a time; its profiles in a
+  # folder named by that number.
+  ctest --test-dir "$build" -N -L 'unit|integration' ${CTEST_ARGS:-} |
+    sed -nE 's/^ *Test +#([0-9]+): (.*)/\1 \2/p' >"$build/per-test.list"
+  : >"$build/coverage-ctest.log"
+  # shellcheck disable=SC2016
+  xargs -P2 -L1 bash -c 'mkdir -p "$0/$2" && LLVM_PROFILE_FILE="$0/$2/%p-%m.profraw" \
+    ctest --test-dir "$1" -I "$2,$2" >>"$1/coverage-ctest.log" 2>&1 || echo "coverage: $3 failed"' \
+    "$profiles" "$build" <"$build/per-test.list"
+fi
+find "$profiles" -name '*.profraw' >"$build/profiles.list"
+llvm-profdata merge -sparse -f "$build/profiles.list" -o "$build/coverage.profdata"
 
 # Every program and shared object built from our sources.
 objects=()
@@ -35,6 +52,19 @@ while IFS= read -r f; do objects+=(-object "$f"); done < <(
     \( -perm -u+x -o -name '*.so' \) 2>/dev/null | sort -u)
 llvm-cov export -summary-only -instr-profile "$build/coverage.profdata" "${objects[@]:1}" \
   -ignore-filename-regex='(^|/)(tests|build[^/]*|bench|examples)/|^/usr/' >"$build/coverage.json"
+
+if [ -n "${PER_TEST:-}" ]; then
+  rm -rf "$build/per-test"
+  mkdir -p "$build/per-test"
+  # shellcheck disable=SC2016
+  OBJECTS="${objects[*]:1}" xargs -P2 -L1 bash -c 'ls "$0/$2"/*.profraw >/dev/null 2>&1 || exit 0
+    llvm-profdata merge -sparse "$0/$2"/*.profraw -o "$0/$2.profdata" &&
+    llvm-cov export -format=lcov -instr-profile "$0/$2.profdata" $OBJECTS \
+      -ignore-filename-regex="(^|/)(tests|build[^/]*|bench|examples)/|^/usr/" >"$1/per-test/$2.lcov" 2>/dev/null' \
+    "$profiles" "$build" <"$build/per-test.list"
+  python3 "$root/scripts/coverage_unique.py" "$build" "$root" >"$build/per-test.txt"
+  echo "coverage: lines and branches only one suite or case covers in $build/per-test.txt"
+fi
 
 python3 - "$build/coverage.json" "$root" <<'EOF'
 import collections, json, sys
