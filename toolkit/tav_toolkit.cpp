@@ -87,6 +87,8 @@ struct Conn {
   Env *env = nullptr;
   int fd = -1;
   std::string label, cipher_spec, cipher_code;
+  std::string protocol, cipher_name, group;  // as negotiated
+  bool resumed = false;
   std::string peer_host;  // TAV_PEER_HOST_NAME
   bool name_check = true;
   std::string session_key;  // empty: nothing is resumed or kept
@@ -452,6 +454,8 @@ int build_context(Env *e) {
     return TAV_ERROR_INIT_FAILED;
   }
   SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  // Room for several records per read once reading ahead (see tav_secure_soc_init).
+  SSL_CTX_set_default_read_buffer_len(ctx, 64 * 1024);
   // Only the key database's trust anchors vouch for a server.
   SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER, nullptr);
   X509_STORE *store = SSL_CTX_get_cert_store(ctx);
@@ -674,10 +678,20 @@ TAV_EXPORT int tav_secure_soc_init(tav_handle conn) {
   }
   const char *name = SSL_CIPHER_get_name(SSL_get_current_cipher(c->ssl));
   c->cipher_code = name != nullptr ? name : "";
+  c->cipher_name = c->cipher_code;
+  c->protocol = SSL_get_version(c->ssl);
+  const char *group = SSL_group_to_name(c->ssl, SSL_get_negotiated_group(c->ssl));
+  c->group = group != nullptr ? group : "";
+  c->resumed = SSL_session_reused(c->ssl) == 1;
   for (const CipherCode &k : kCiphers)
     if (name != nullptr && strcmp(k.name, name) == 0) c->cipher_code = k.code;
   if (X509 *peer = SSL_get0_peer_certificate(c->ssl)) cert_info(peer, &c->info_values, &c->info);
   c->established = true;
+  // From now on each read callback is one non-blocking read: let OpenSSL ask
+  // for as much as its buffer holds, so that one system call brings in many
+  // records rather than two calls (header, body) per record.  Not during the
+  // handshake, whose callbacks wait until every byte asked for has come.
+  SSL_set_read_ahead(c->ssl, 1);
   if (cb.io_setsocketoptions != nullptr) cb.io_setsocketoptions(c->fd, TAV_SOC_NORMAL_IO, c->user);
   return 0;
 }
@@ -702,7 +716,10 @@ TAV_EXPORT int tav_secure_soc_read(tav_handle conn, char *buffer, int length, in
   if (!c->established) return TAV_INVALID_STATE;
   std::lock_guard<std::mutex> lock(c->mu);
   if (buffer == nullptr) {
+    // Records read ahead but not yet decrypted count too: the socket no
+    // longer shows them.
     *count = SSL_pending(c->ssl);
+    if (*count == 0 && SSL_has_pending(c->ssl) == 1) *count = 1;
     return 0;
   }
   if (length <= 0) return TAV_INVALID_LENGTH;
@@ -785,9 +802,15 @@ TAV_EXPORT int tav_attribute_get_buffer(tav_handle h, int id, const char **buffe
       v = &c->peer_host;
       break;
     case TAV_CONNECT_CIPHER_SPEC:
+    case TAV_CONNECT_PROTOCOL:
+    case TAV_CONNECT_CIPHER_NAME:
+    case TAV_CONNECT_GROUP:
       if (c == nullptr) return TAV_INVALID_ATTRIBUTE;
       if (!c->established) return TAV_INVALID_STATE;
-      v = &c->cipher_code;
+      v = id == TAV_CONNECT_CIPHER_SPEC ? &c->cipher_code
+          : id == TAV_CONNECT_PROTOCOL  ? &c->protocol
+          : id == TAV_CONNECT_GROUP     ? &c->group
+                                        : &c->cipher_name;
       break;
     default:
       return TAV_INVALID_ATTRIBUTE;
@@ -842,6 +865,11 @@ TAV_EXPORT int tav_attribute_get_numeric_value(tav_handle h, int id, int *value)
     return 0;
   }
   if (Conn *c = as_conn(h)) {
+    if (id == TAV_CONNECT_RESUMED) {
+      if (!c->established) return TAV_INVALID_STATE;
+      *value = c->resumed ? 1 : 0;
+      return 0;
+    }
     if (id != TAV_FD) return TAV_INVALID_ATTRIBUTE;
     *value = c->fd;
     return 0;

@@ -28,6 +28,12 @@ enum {
   // caller connected to it.  A name is sent as SNI; with the name check on,
   // the certificate must match it.  Resumed sessions are keyed by it.
   TAV_PEER_HOST_NAME = 250,
+  // Our extensions, connection, read only once established: what was
+  // negotiated (OpenSSL's names), for diagnostics and benchmarks.
+  TAV_CONNECT_PROTOCOL = 251,     // "TLSv1.3"
+  TAV_CONNECT_CIPHER_NAME = 252,  // "TLS_AES_256_GCM_SHA384"
+  TAV_CONNECT_GROUP = 253,        // key exchange group, "x25519"; empty when none was negotiated
+  TAV_CONNECT_RESUMED = 254,      // numeric: 1 when the session was resumed
   TAV_FD = 300,                  // connection: socket descriptor
   TAV_V3_SESSION_TIMEOUT = 302,  // environment: session cache time-out (s)
   TAV_PROTOCOL_SSLV2 = 403,
