@@ -46,10 +46,18 @@ const char *(*fber_ssl_strerror_hook)(int code) = nullptr;
 
 int fber_socket_read_nb(Sockbuf *sb, char *dest, int count, int *would_block) {
   long result;
+  if (sb->sb_rpos < sb->sb_rlen) return take_ahead(sb, dest, count);
+  // Small reads (headers, short elements) fill the read-ahead instead, on
+  // either kind of socket; what the element reader does not take now is
+  // served from memory to its next calls.
+  const bool ahead =
+      (uint32_t)count < kReadAhead &&
+      (sb->sb_rbuf != nullptr || (sb->sb_rbuf = static_cast<char *>(olx_malloc(kReadAhead))) != nullptr);
   if (sb->sb_ssl != nullptr) {
     if (fber_ssl_read_hook == nullptr) return -1;
     int got = 0;
-    int rc = fber_ssl_read_hook(sb->sb_ssl, dest, count, &got);
+    int rc = ahead ? fber_ssl_read_hook(sb->sb_ssl, sb->sb_rbuf, (int)kReadAhead, &got)
+                   : fber_ssl_read_hook(sb->sb_ssl, dest, count, &got);
     if (rc == 502) {
       *would_block = kWouldBlock;
       return 0;
@@ -60,13 +68,13 @@ int fber_socket_read_nb(Sockbuf *sb, char *dest, int count, int *would_block) {
                fber_ssl_strerror_hook ? fber_ssl_strerror_hook(rc) : "");
       return -1;
     }
+    if (ahead && got > 0) {
+      sb->sb_rpos = 0;
+      sb->sb_rlen = (uint32_t)got;
+      return take_ahead(sb, dest, count);
+    }
     result = got;
-  } else if (sb->sb_rpos < sb->sb_rlen) {
-    return take_ahead(sb, dest, count);
-  } else if ((uint32_t)count < kReadAhead &&
-             (sb->sb_rbuf != nullptr || (sb->sb_rbuf = static_cast<char *>(olx_malloc(kReadAhead))) != nullptr)) {
-    // One read for as much as the socket holds; what the element reader does
-    // not take now is served from memory to its next calls.
+  } else if (ahead) {
     result = read(sb->sb_sd, sb->sb_rbuf, kReadAhead);
     if (result > 0) {
       sb->sb_rpos = 0;

@@ -7,9 +7,10 @@
 typedef struct sockbuf {
   int32_t sb_sd;  // socket descriptor; non-blocking once the connection is ready
   void *sb_ssl;   // owned cell holding the toolkit's secure-connection handle, or null
-  // Read-ahead of a plain socket: one read takes up to 64 KB, and the element
-  // reader is served from here.  Touched only by the connection's one reader
-  // (under its read lock); allocated on first use, freed with the socket.
+  // Read-ahead: one read (of the socket, or of the toolkit on a secure
+  // connection) takes up to 64 KB, and the element reader is served from
+  // here.  Touched only by the connection's one reader (under its read
+  // lock); allocated on first use, freed with the socket.
   char *sb_rbuf;
   uint32_t sb_rpos;  // next byte to hand out
   uint32_t sb_rlen;  // bytes held

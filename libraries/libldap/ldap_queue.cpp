@@ -168,8 +168,9 @@ void keep_intermediates_bounded(ldap_msg_row *row) {
 // search's client CPU is those wake-ups).  A pause in the run (kGatherUs
 // without a batch) or any other message ends it, so a result's tail, its
 // SearchResultDone and other requests' replies are at most kGatherUs late.
-// A closed or failed socket is readable whatever the mark.  Plain sockets
-// only: the toolkit reads a secure socket by records of its own.
+// A closed or failed socket is readable whatever the mark.  On a secure
+// socket the mark counts encrypted bytes, and fber_select asks the toolkit
+// first for records it already holds.
 constexpr uint32_t kStreak = 32;
 constexpr int kBatch = 16 * 1024;
 constexpr long kGatherUs = 2000;
@@ -185,7 +186,7 @@ void set_gathering(Sockbuf *sb, bool on) {
 int wait_readable(Sockbuf *sb, int64_t deadline) {
   struct timeval left = {0, 0};
   auto time_left = [&] { ldap_deadline_left_tv(deadline, &left); };
-  bool batch = sb->sb_streak >= kStreak && sb->sb_ssl == nullptr && sb->sb_rpos >= sb->sb_rlen;
+  bool batch = sb->sb_streak >= kStreak && sb->sb_rpos >= sb->sb_rlen;
   struct timeval gather = {0, kGatherUs};
   if (batch && deadline != kNoDeadline) {
     // Too little time left to wait for a batch: take what comes.
@@ -346,7 +347,7 @@ void received(ldap_msg_table *table, LDAPConn *conn, LDAPMessage *msg) {
 // tracing on, the staged reader does it all, so the trace stays the same.
 int take_whole_element(LDAP *ld, LDAPConn *conn, LDAPMessage **out) {
   Sockbuf *sb = &conn->lc_sb;
-  if (sb->sb_ssl != nullptr || sb->sb_rpos >= sb->sb_rlen || ldap_trace_enabled(LDAP_LOG_BER)) return 0;
+  if (sb->sb_rpos >= sb->sb_rlen || ldap_trace_enabled(LDAP_LOG_BER)) return 0;
   const char *at = sb->sb_rbuf + sb->sb_rpos, *end = sb->sb_rbuf + sb->sb_rlen;
   unsigned tag;
   ber_len_t len;
