@@ -64,6 +64,37 @@ inline double median(std::vector<double> v) {
   return v.empty() ? 0 : v[v.size() / 2];
 }
 
+// Rows of "measure  ours  libldap  ratio  spread ours / libldap", medians.
+class Table {
+ public:
+  void row(const std::string &what, const std::vector<double> &ours, const std::vector<double> &theirs) {
+    rows_.push_back({what, median(ours), median(theirs), spread(ours), spread(theirs)});
+  }
+  static void header() {
+    printf("  %-34s %12s %12s %8s   %s\n", "measure", "ours", "libldap", "ratio", "spread ours / libldap");
+  }
+  void print(bool with_header = true) const {
+    if (with_header) header();
+    for (const Row &r : rows_)
+      printf("  %-34s %12.2f %12.2f %8.2f   %s / %s\n", r.what.c_str(), r.ours, r.theirs,
+             r.theirs != 0 ? r.ours / r.theirs : 0.0, r.spread_ours.c_str(), r.spread_theirs.c_str());
+  }
+
+ private:
+  static std::string spread(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    char buf[64];
+    snprintf(buf, sizeof buf, "%.2f-%.2f", v.empty() ? 0 : v.front(), v.empty() ? 0 : v.back());
+    return buf;
+  }
+  struct Row {
+    std::string what;
+    double ours, theirs;
+    std::string spread_ours, spread_theirs;
+  };
+  std::vector<Row> rows_;
+};
+
 }  // namespace tavbench
 
 #endif

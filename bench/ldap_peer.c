@@ -9,7 +9,14 @@ static int peer_search_t(LDAP *ld, const char *base, int scope, const char *filt
                          LDAPMessage **res) {
   return ldap_search_ext_s(ld, base, scope, filter, NULL, 0, NULL, NULL, wait, 0, res);
 }
+static int peer_search_async(LDAP *ld, const char *base, int scope, const char *filter) {
+  int msgid = -1;
+  return ldap_search_ext(ld, base, scope, filter, NULL, 0, NULL, NULL, NULL, 0, &msgid) == 0 ? msgid : -1;
+}
+static int peer_result_any(LDAP *ld, LDAPMessage **res) { return ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ALL, NULL, res); }
 #define SB_SEARCH peer_search
+#define SB_SEARCH_ASYNC peer_search_async
+#define SB_RESULT_ANY peer_result_any
 #define SB_SEARCH_T peer_search_t
 #define SB_BER_FREE(c) ber_free((c), 0)
 #include "search_bench_work.h"

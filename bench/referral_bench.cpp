@@ -1,7 +1,8 @@
 // A chased search against OpenLDAP's libldap chasing the same referral: A
 // refers ou=branch,ou=t1 to B, which holds 10,000 entries and shows them only
 // to a bound user; both clients chase binding through their rebind callbacks
-// and walk every value.  Client CPU per entry, medians; ours / libldap.
+// and walk every value.  Client CPU per entry, medians; ours / libldap, one
+// row as search_bench prints them.
 // Usage: referral_bench [entries=10000] [runs=5]
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -17,7 +18,6 @@
 #include "bench_driver.h"
 #include "referral_servers.h"
 
-using tavbench::median;
 
 int main(int argc, char **argv) {
   const int entries = argc > 1 ? atoi(argv[1]) : 10000;
@@ -50,7 +50,8 @@ int main(int argc, char **argv) {
     }
   printf("chased search: A refers the subtree to B (%d and %d entries seen), median of %d runs\n", seen[0], seen[1],
          runs);
-  for (int c = 0; c < 2; ++c) printf("    %-8s client CPU %.2f us/entry\n", names[c], median(us_per_entry[c]));
-  printf("    ratio ours/libldap: %.2f\n", median(us_per_entry[0]) / median(us_per_entry[1]));
+  tavbench::Table table;
+  table.row("referral chase: client CPU us/entry", us_per_entry[0], us_per_entry[1]);
+  table.print();
   return seen[0] == seen[1] && seen[0] > 0 ? 0 : 1;
 }

@@ -4,7 +4,12 @@
 //   (a) one search of ~11000 entries walked to every value: client CPU per
 //       10000 entries and entries per second;
 //   (b) 1, 2, 8 and 32 threads sharing one session doing base searches;
-//   (c) peak resident memory of a walked 100000-entry search.
+//   (c) peak resident memory of a 100000-entry search kept whole, then walked;
+//   (d) one thread keeping 1, 16 and 128 base searches outstanding on one
+//       connection (ours linked from the full archive: the shared object
+//       has no asynchronous search);
+//   (e) user-space instructions per base search of one entry (callgrind, two
+//       runs of different lengths each, so start-up cancels out).
 // Usage: search_bench [people=100000] [runs=5] [seconds-per-thread-run=2]
 //        search_bench serve [people]   keeps the slapd up for profiling the
 //        clients by hand: prints its port, stops at end of input.
@@ -73,7 +78,8 @@ int main(int argc, char **argv) {
   const char *seconds = argc > 3 ? argv[3] : "2";
   tavtest::SlapdOptions opts;
   opts.people = people;
-  opts.global_config = "sizelimit unlimited\n";
+  // Above slapd's default of 100 requests outstanding per connection, for (d).
+  opts.global_config = "sizelimit unlimited\nconn_max_pending 1000\n";
   SlapdServer slapd(opts);
   std::string error;
   if (!slapd.start(&error)) {
@@ -89,6 +95,7 @@ int main(int argc, char **argv) {
   }
   const std::string dir = bin_dir();
   const std::string clients[2] = {dir + "/search_bench_ours", dir + "/ldap_peer"};
+  const std::string pipelined_clients[2] = {dir + "/search_bench_full", dir + "/ldap_peer"};
   const char *names[2] = {"ours", "libldap"};
   const std::vector<std::string> where = {"127.0.0.1", std::to_string(slapd.port())};
   auto args = [&](std::vector<std::string> rest) {
@@ -199,7 +206,47 @@ int main(int argc, char **argv) {
       ChildRun cr = run_child(clients[c], args({"walk", people_dn, "(objectClass=inetOrgPerson)"}));
       if (cr.status == 0 && (int)cr.figures["entries"] == entries[c]) rss[c].push_back(cr.max_rss_kb / 1024.0);
     }
-  row("walk: peak memory MB", rss[0], rss[1]);
+  row("kept result: peak memory MB", rss[0], rss[1]);
+
+  // (d)
+  for (int outstanding : {1, 16, 128}) {
+    std::vector<double> ops[2], cpu[2];
+    for (int r = 0; r < 3; ++r)
+      for (int c = 0; c < 2; ++c) {
+        ChildRun cr = run_child(pipelined_clients[c],
+                                args({"pipeline", dn_format, std::to_string(outstanding), seconds}));
+        if (cr.status != 0 || cr.figures["failures"] != 0) {
+          fprintf(stderr, "%s pipeline=%d: status %d, failures %.0f; discarded\n", names[c], outstanding, cr.status,
+                  cr.figures["failures"]);
+          continue;
+        }
+        ops[c].push_back(cr.figures["ops_per_s"]);
+        cpu[c].push_back(cr.figures["cpu_us_per_op"]);
+      }
+    row("pipelined " + std::to_string(outstanding) + ": client CPU us/op", cpu[0], cpu[1]);
+    row("pipelined " + std::to_string(outstanding) + ": ops/s", ops[0], ops[1]);
+  }
+
+  // (e) Instructions of N base searches: (I(long) - I(short)) / (long - short).
+  if (system("command -v valgrind > /dev/null 2>&1") == 0) {
+    const int few = people < 10000 ? 20 : 200, many = people < 10000 ? 120 : 1200;
+    std::vector<double> instr[2];
+    for (int c = 0; c < 2; ++c) {
+      double at[2] = {0, 0};
+      for (int k = 0; k < 2; ++k) {
+        const std::string out = "/tmp/search_bench.callgrind." + std::to_string(getpid());
+        std::string cmd = "valgrind --tool=callgrind --callgrind-out-file=" + out + " '" + clients[c] + "'";
+        for (const auto &a : args({"bases", dn_format, std::to_string(k == 0 ? few : many)})) cmd += " '" + a + "'";
+        cmd += " > /dev/null 2>&1";
+        const std::string text = system(cmd.c_str()) == 0 ? tavbench::read_text(out) : std::string();
+        unlink(out.c_str());
+        const size_t pos = text.find("\nsummary: ");
+        if (pos != std::string::npos) at[k] = atof(text.c_str() + pos + 10);
+      }
+      if (at[0] > 0 && at[1] > at[0]) instr[c].push_back((at[1] - at[0]) / (many - few));
+    }
+    if (!instr[0].empty() && !instr[1].empty()) row("base search: instructions/op", instr[0], instr[1]);
+  }
 
   printf("ours (the shared object) against OpenLDAP's libldap, %d entries walked, medians of %d runs\n", entries[0],
          runs);

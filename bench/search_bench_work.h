@@ -104,6 +104,57 @@ static int sb_threads_mode(LDAP *ld, const char *dn_format, int threads, double 
   return failures == 0 ? 0 : 1;
 }
 
+/* Base searches of single entries one after another, `count` of them, with
+ * no clock read between them: run under callgrind with two counts, the
+ * difference is the cost of the searches alone. */
+static int sb_bases_mode(LDAP *ld, const char *dn_format, int count) {
+  char dn[256];
+  long failures = 0;
+  for (int i = 0; i < count; ++i) {
+    snprintf(dn, sizeof dn, dn_format, i % 1000 + 1);
+    LDAPMessage *res = NULL;
+    if (SB_SEARCH(ld, dn, 0, "(objectClass=*)", &res) != 0 || ldap_count_entries(ld, res) != 1) ++failures;
+    ldap_msgfree(res);
+  }
+  printf("bases=%d failures=%ld\n", count, failures);
+  return failures == 0 ? 0 : 1;
+}
+
+/* Pipelined (clients that define SB_SEARCH_ASYNC, returning a message ID or
+ * -1, and SB_RESULT_ANY, the next whole answer of any request): one thread
+ * keeps `outstanding` base searches in flight on the one connection for
+ * `seconds`, sending a new one for each answer it takes. */
+#ifdef SB_SEARCH_ASYNC
+static int sb_pipeline_mode(LDAP *ld, const char *dn_format, int outstanding, double seconds) {
+  char dn[256];
+  long sent = 0, ops = 0, failures = 0;
+  double c0 = sb_cpu_seconds(), w0 = sb_wall_seconds(), until = w0 + seconds;
+  int in_flight = 0;
+  for (;;) {
+    while (in_flight < outstanding && sb_wall_seconds() < until) {
+      snprintf(dn, sizeof dn, dn_format, (int)(sent++ % 1000) + 1);
+      if (SB_SEARCH_ASYNC(ld, dn, 0, "(objectClass=*)") < 0) {
+        ++failures;
+        break;
+      }
+      ++in_flight;
+    }
+    if (in_flight == 0) break;
+    LDAPMessage *res = NULL;
+    int type = SB_RESULT_ANY(ld, &res);
+    if (type <= 0 || ldap_count_entries(ld, res) != 1) ++failures;
+    ldap_msgfree(res);
+    if (type <= 0) break; /* nothing more will come */
+    --in_flight;
+    ++ops;
+  }
+  double cpu = sb_cpu_seconds() - c0, wall = sb_wall_seconds() - w0;
+  printf("outstanding=%d ops=%ld failures=%ld ops_per_s=%.0f cpu_us_per_op=%.2f\n", outstanding, ops, failures,
+         ops / wall, cpu / (ops ? ops : 1) * 1e6);
+  return failures == 0 ? 0 : 1;
+}
+#endif
+
 /* Outage mode (clients that define SB_SEARCH_T, a search with a time-out):
  * each thread's tally of a run through a server restart. */
 #ifdef SB_SEARCH_T
@@ -226,6 +277,7 @@ static int sb_outage_mode(LDAP *ld, const char *dn_format, int threads, double s
 #endif
 
 /* argv: host port mode ...; walk <base> <filter> | threads <dn-format> <n> <seconds>
+ * | bases <dn-format> <count> | pipeline <dn-format> <outstanding> <seconds>
  * | outage <dn-format> <n> <seconds> */
 static int sb_main(LDAP *ld, int argc, char **argv) {
   if (argc >= 3 && strcmp(argv[0], "walk") == 0) return sb_walk_mode(ld, argv[1], argv[2]);
@@ -238,10 +290,22 @@ static int sb_main(LDAP *ld, int argc, char **argv) {
     ldap_msgfree(res);
     return sb_threads_mode(ld, argv[1], atoi(argv[2]), atof(argv[3]));
   }
+  if (argc >= 3 && strcmp(argv[0], "bases") == 0) return sb_bases_mode(ld, argv[1], atoi(argv[2]));
+#ifdef SB_SEARCH_ASYNC
+  if (argc >= 4 && strcmp(argv[0], "pipeline") == 0) {
+    LDAPMessage *res = NULL;
+    char dn[256];
+    snprintf(dn, sizeof dn, argv[1], 1);
+    SB_SEARCH(ld, dn, 0, "(objectClass=*)", &res);
+    ldap_msgfree(res);
+    return sb_pipeline_mode(ld, argv[1], atoi(argv[2]), atof(argv[3]));
+  }
+#endif
 #ifdef SB_SEARCH_T
   if (argc >= 4 && strcmp(argv[0], "outage") == 0) return sb_outage_mode(ld, argv[1], atoi(argv[2]), atof(argv[3]));
 #endif
-  fprintf(stderr, "usage: host port walk <base> <filter> | threads|outage <dn-format> <n> <seconds>\n");
+  fprintf(stderr, "usage: host port walk <base> <filter> | threads|pipeline|outage <dn-format> <n> <seconds>"
+                  " | bases <dn-format> <count>\n");
   return 2;
 }
 

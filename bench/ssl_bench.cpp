@@ -1,11 +1,20 @@
 // ldaps benchmark, ours (library + toolkit) against OpenLDAP's libldap in the
 // same run, on one private slapd with TLS and the same CA; each client is its
 // own process running the same workload code:
-//   (a) one search of 10000 entries over ldaps walked to every value: client
-//       CPU per 10000 entries and entries per second;
-//   (b) handshakes: a new session bound anonymously and unbound, N times;
-//       ours with full handshakes and with resumed sessions, libldap full.
-// Usage: ssl_bench [runs=5] [handshakes=200]
+//   (a) one search of 10000 entries (people) over ldaps walked to every value: client
+//       CPU per entry and entries per second;
+//   (b) connections: a new session bound anonymously and unbound, N times,
+//       against slapd (which hands out no session to resume) and against a
+//       TLS front that issues session tickets (tls_front.h) before slapd's
+//       plain port: ours keeping its environment (so resuming where it can)
+//       and with a new environment for every connection (always full),
+//       libldap as it comes.  Each client prints what it negotiated.
+// Prints rows "measure ours libldap ratio spread-ours / spread-libldap" as
+// search_bench does.
+// Usage: ssl_bench [runs=5] [handshakes=200] [people=10000]
+//        ssl_bench serve [people]   keeps slapd and the TLS front up for
+//        running the clients by hand: prints the ports, the CA file and the
+//        key database (password bench-pw), stops at end of input.
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +22,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
@@ -20,6 +30,7 @@
 #include "bench_driver.h"
 #include "process.h"
 #include "slapd_server.h"
+#include "tls_front.h"
 
 using tavbench::bin_dir;
 using tavbench::median;
@@ -27,20 +38,34 @@ using tavtest::SlapdServer;
 
 namespace {
 
-// The key=value figures of the child's output line; "status" holds its exit status.
-std::map<std::string, double> run_child(const std::vector<std::string> &argv) {
-  auto figures = tavbench::run_client(argv);
-  if (figures["status"] != 0) fprintf(stderr, "%s failed (%.0f)\n", argv[0].c_str(), figures["status"]);
+// The key=value figures of the child's output line; "status" holds its exit
+// status; the text itself in *text when asked.
+std::map<std::string, double> run_child(const std::vector<std::string> &argv, std::string *text = nullptr) {
+  tavtest::ProcessResult r = tavtest::run_process(argv);
+  auto figures = tavbench::figures_of(r.out);
+  figures["status"] = r.exit_code;
+  if (text != nullptr) *text = r.out;
+  if (r.exit_code != 0) fprintf(stderr, "%s failed (%d)\n", argv[0].c_str(), r.exit_code);
   return figures;
+}
+
+// The value of key=value in a client's line, as text.
+std::string word(const std::string &text, const std::string &key) {
+  size_t at = text.find(" " + key + "=");
+  if (at == std::string::npos) return "?";
+  at += key.size() + 2;
+  return text.substr(at, text.find_first_of(" \n", at) - at);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  const int runs = argc > 1 ? atoi(argv[1]) : 5;
-  const std::string handshakes = argc > 2 ? argv[2] : "200";
+  const bool serve = argc > 1 && strcmp(argv[1], "serve") == 0;
+  auto arg = [&](int i, const char *otherwise) { return argc > i ? argv[i] : otherwise; };
+  const int runs = atoi(arg(1, "5"));
+  const std::string handshakes = arg(2, "200");
   tavtest::SlapdOptions opts;
-  opts.people = 10000;
+  opts.people = atoi(serve ? arg(2, "10000") : arg(3, "10000"));
   opts.tls = true;
   opts.global_config = "sizelimit unlimited\n";
   SlapdServer slapd(opts);
@@ -67,47 +92,82 @@ int main(int argc, char **argv) {
     return a;
   };
 
+  if (serve) {
+    tavbench::TlsFront front;
+    if (!front.start(slapd.tls_file("server.pem"), slapd.tls_file("server.key"), slapd.port(), &error)) return 1;
+    printf("ldaps port %s, front port %d, plain port %d, CA %s, key database %s\n", port.c_str(), front.port(),
+           slapd.port(), slapd.tls_file("ca.pem").c_str(), kdb.c_str());
+    fflush(stdout);
+    while (getchar() != EOF) {
+    }
+    return 0;
+  }
+
   // (a) Alternate the clients so slapd's caches favour neither; the first round warms up.
+  tavbench::Table table;
   const std::vector<std::string> walk = {"walk", SlapdServer::kPeopleDn, "(objectClass=inetOrgPerson)"};
-  std::vector<double> cpu10k[2], eps[2];
+  std::vector<double> cpu_entry[2], eps[2];
   int entries = 0;
   for (int r = 0; r <= runs; ++r)
     for (int c = 0; c < 2; ++c) {
       auto f = run_child(with(c == 0 ? ours : peer, walk));
-      if (r == 0 || f["entries"] <= 0) continue;
+      if (f["status"] != 0 || f["rc"] != 0 || f["entries"] <= 0) continue;
       entries = (int)f["entries"];
-      cpu10k[c].push_back(f["cpu_s"] / entries * 10000 * 1e3);
+      if (r == 0) continue;
+      cpu_entry[c].push_back(f["cpu_s"] / entries * 1e6);
       eps[c].push_back(entries / f["wall_s"]);
     }
-  printf("(a) one ldaps search of %d entries walked to every value, median of %d runs\n", entries, runs);
-  printf("    %-8s %22s %14s\n", "client", "client CPU ms/10000", "entries/s");
-  const char *names[2] = {"ours", "libldap"};
-  for (int c = 0; c < 2; ++c) printf("    %-8s %22.1f %14.0f\n", names[c], median(cpu10k[c]), median(eps[c]));
-  printf("    ratio ours/libldap: CPU %.2f, entries/s %.2f\n", median(cpu10k[0]) / median(cpu10k[1]),
-         median(eps[0]) / median(eps[1]));
+  table.row("ldaps walk: client CPU us/entry", cpu_entry[0], cpu_entry[1]);
+  table.row("ldaps walk: entries/s", eps[0], eps[1]);
 
   // (b)
+  tavbench::TlsFront front;
+  if (!front.start(slapd.tls_file("server.pem"), slapd.tls_file("server.key"), slapd.port(), &error)) {
+    fprintf(stderr, "ssl_bench: %s\n", error.c_str());
+    return 1;
+  }
+  const std::string front_port = std::to_string(front.port());
+  auto at_front = [&](std::vector<std::string> a) {
+    a[2] = front_port;
+    return a;
+  };
   struct Kind {
     const char *name;
     std::vector<std::string> argv;
   } kinds[] = {
-      {"ours full", with(ours, {"handshakes", handshakes, "full"})},
-      {"ours resumed", with(ours, {"handshakes", handshakes, "resumed"})},
-      {"libldap full", with(peer, {"handshakes", handshakes, "full"})},
+      {"slapd, ours", with(ours, {"handshakes", handshakes, "resumed"})},
+      {"slapd, libldap", with(peer, {"handshakes", handshakes, "full"})},
+      {"tickets, ours", with(at_front(ours), {"handshakes", handshakes, "resumed"})},
+      {"tickets, libldap", with(at_front(peer), {"handshakes", handshakes, "full"})},
+      {"tickets, ours full", with(at_front(ours), {"handshakes", handshakes, "full"})},
   };
-  std::vector<double> rate[3], cpu[3];
+  constexpr int kKinds = sizeof kinds / sizeof kinds[0];
+  std::vector<double> rate[kKinds], cpu[kKinds];
+  std::string said[kKinds];
   for (int r = 0; r < 3; ++r)
-    for (int k = 0; k < 3; ++k) {
-      auto f = run_child(kinds[k].argv);
-      if (f["failures"] != 0) fprintf(stderr, "%s: %.0f failures\n", kinds[k].name, f["failures"]);
+    for (int k = 0; k < kKinds; ++k) {
+      std::string text;
+      auto f = run_child(kinds[k].argv, &text);
+      if (f["status"] != 0 || f["failures"] != 0) {
+        fprintf(stderr, "%s: %.0f failures; discarded\n", kinds[k].name, f["failures"]);
+        continue;
+      }
       rate[k].push_back(f["per_s"]);
       cpu[k].push_back(f["cpu_ms"]);
+      said[k] = word(text, "protocol") + " " + word(text, "cipher") + " " + word(text, "group") + ", resumed " +
+                word(text, "resumed") + "/" + handshakes;
     }
-  printf("(b) connections (handshake, anonymous bind, unbind), %s per run, median of 3\n", handshakes.c_str());
-  printf("    %-14s %14s %18s\n", "client", "per second", "client CPU ms each");
-  for (int k = 0; k < 3; ++k) printf("    %-14s %14.1f %18.3f\n", kinds[k].name, median(rate[k]), median(cpu[k]));
-  printf("    ratio ours/libldap, full: rate %.2f, CPU %.2f; resumed/full (ours): rate %.2f, CPU %.2f\n",
-         median(rate[0]) / median(rate[2]), median(cpu[0]) / median(cpu[2]), median(rate[1]) / median(rate[0]),
-         median(cpu[1]) / median(cpu[0]));
-  return 0;
+  table.row("connections, slapd: per s", rate[0], rate[1]);
+  table.row("connections, slapd: client CPU ms", cpu[0], cpu[1]);
+  table.row("connections, tickets: per s", rate[2], rate[3]);
+  table.row("connections, tickets: client CPU ms", cpu[2], cpu[3]);
+  table.row("connections, tickets, ours full: per s", rate[4], rate[3]);
+  table.row("conn., tickets, ours full: CPU ms", cpu[4], cpu[3]);
+
+  printf("ldaps: ours (library and toolkit, OpenSSL) against libldap (GnuTLS), %d entries walked (medians of %d runs), "
+         "%s connections a run (medians of 3)\n",
+         entries, runs, handshakes.c_str());
+  table.print();
+  for (int k = 0; k < kKinds; ++k) printf("  %-20s negotiated %s\n", kinds[k].name, said[k].c_str());
+  return entries > 0 ? 0 : 1;
 }

@@ -27,12 +27,30 @@ int our_connect(LDAP **ld) {
 void our_between() {
   if (fresh_environment) ldap_ssl_environment_init(kdb, password, 0, nullptr);
 }
+// The toolkit's own account of the default connection.
+int our_describe(LDAP *ld, char *protocol, char *cipher, char *group) {
+  void *cell = ld->ld_defconn != nullptr ? ld->ld_defconn->lc_sb.sb_ssl : nullptr;
+  if (cell == nullptr) return -1;
+  tav_handle conn = *static_cast<tav_handle *>(cell);
+  const struct {
+    int id;
+    char *into;
+  } facts[] = {{TAV_CONNECT_PROTOCOL, protocol}, {TAV_CONNECT_CIPHER_NAME, cipher}, {TAV_CONNECT_GROUP, group}};
+  for (const auto &f : facts) {
+    const char *v = nullptr;
+    if (tav_fn.attribute_get_buffer(conn, f.id, &v, nullptr) != 0) return -1;
+    snprintf(f.into, 64, "%s", *v != '\0' ? v : "none");
+  }
+  int resumed = 0;
+  return tav_fn.attribute_get_numeric_value(conn, TAV_CONNECT_RESUMED, &resumed) == 0 ? resumed : -1;
+}
 }  // namespace
 #define SB_SEARCH our_search
 #define SB_BER_FREE(c) ldap_ber_free(c)
 #define SB_CONNECT our_connect
 #define SB_DISCONNECT(ld) ldap_unbind(ld)
 #define SB_BETWEEN our_between
+#define SB_DESCRIBE our_describe
 #include "ssl_bench_work.h"
 
 int main(int argc, char **argv) {
