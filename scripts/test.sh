@@ -28,9 +28,9 @@ SKIP_ALLOWED=()
 # Floors: at least this many tests per label must run (pass or fail).  One
 # fuzz target per tests/fuzz/*_fuzz.cpp, and a corpus replay of each in unit.
 fuzz_targets=$(find tests/fuzz -maxdepth 1 -name '*_fuzz.cpp' | wc -l)
-UNIT_MIN=160
-INTEGRATION_MIN=79
-CONCURRENCY_MIN=9
+UNIT_MIN=213
+INTEGRATION_MIN=94
+CONCURRENCY_MIN=11
 # The install test (tests/install/run.sh): plain build only.
 INSTALL_MIN=1
 

@@ -105,25 +105,6 @@ TEST_F(Bind, SimpleBindsOfEveryKind) {
   ldap_unbind(old);
 }
 
-// An extended response is read on the message itself: a second parse of
-// the same message finds nothing left and fails.
-TEST_F(Bind, AnExtendedResponseCanBeParsedOnlyOnce) {
-  ASSERT_EQ(ldap_simple_bind_s(ld, SlapdServer::user_dn(2).c_str(), SlapdServer::user_password(2).c_str()), 0);
-  const int id = tavtest::send_raw_op(
-      ld, ldap_proto::kExtendedRequest,
-      tavtest::tlv(ldap_proto::kExtendedRequest, tavtest::tlv(ldap_proto::kRequestName, "1.3.6.1.4.1.4203.1.11.3")));
-  LDAPMessage *res = nullptr;
-  ASSERT_EQ(ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res), ldap_proto::kExtendedResponse);
-  struct berval *who = nullptr;
-  ASSERT_EQ(ldap_parse_extended_result(ld, res, nullptr, &who, 0), 0);
-  ASSERT_NE(who, nullptr);
-  EXPECT_EQ(std::string(who->bv_val, who->bv_len), "dn:" + SlapdServer::user_dn(2));
-  fber_bvfree(who);
-  who = nullptr;
-  EXPECT_EQ(ldap_parse_extended_result(ld, res, nullptr, &who, 1), LDAP_DECODING_ERROR);
-  EXPECT_EQ(who, nullptr);
-}
-
 TEST_F(Bind, SaslExternalOverTheLocalSocketUsesThePeerCredentials) {
   LDAP *local = ldap_init(slapd->ldapi_path().c_str(), 0);
   // Without an initial response slapd asks for one; the empty one completes it.

@@ -135,31 +135,6 @@ TEST(Deadline, EveryStepOfACallEndsWithItsTimeOut) {
   }
 }
 
-// A synchronous call that gives up tells the server to stop: an
-// AbandonRequest naming the request follows it.
-TEST(Deadline, ACallThatTimesOutAbandonsItsRequest) {
-  FakeServer server;
-  int searched = 0;
-  server
-      .on_request([&](const std::string &req) {
-        searched = tavtest::request_msgid(req);
-        return std::string();
-      })
-      .hold_until_closed();
-  server.start();
-  LDAP *ld = ldap_init("127.0.0.1", server.port());
-  EXPECT_EQ(search_within(ld, 1), LDAP_TIMEOUT);
-  ldap_unbind(ld);
-  ASSERT_TRUE(server.wait_done());
-  const std::string all = server.received();
-  int abandoned = -1;
-  for (size_t at = 0, len; (len = tavtest::ber_element_length(all.substr(at))) != 0; at += len) {
-    const std::string pdu = all.substr(at, len);
-    if (FakeServer::is_abandon(pdu)) abandoned = (unsigned char)pdu.back();
-  }
-  EXPECT_EQ(abandoned, searched);
-}
-
 // The largest time-out a caller can pass is no time-out at all (no overflow,
 // no immediate 85).
 TEST(Deadline, TheLargestTimeOutIsAsGoodAsNone) {

@@ -135,7 +135,11 @@ class DnsLocate : public ::testing::Test {
 };
 
 TEST_F(DnsLocate, DnsRecordsBecomeOrderedFilteredServers) {
-  const std::string l1 = ldap1();
+  const std::string l1 = ldap1(), all = "10{" + l1 + " ldaps1.example.com:1636} 20{other.example.com:389}";
+  // Asking the private dnsmasq for `domains`.
+  auto dns = [](std::vector<std::string> domains, const char *filter = nullptr, int ctype = 0) {
+    return Request{.domains = domains, .servers = {"127.0.0.1"}, .ctype = ctype, .filter = filter};
+  };
   struct Case {
     const char *name;
     Request q;
@@ -144,40 +148,17 @@ TEST_F(DnsLocate, DnsRecordsBecomeOrderedFilteredServers) {
     std::string servers;
   };
   const Case cases[] = {
-      {"SRV, request servers",
-       {{"example.com"}, {"127.0.0.1"}},
-       nullptr,
-       0,
-       "10{" + l1 + " ldaps1.example.com:1636} 20{other.example.com:389}"},
-      {"TCP only",
-       {.domains = {"example.com"}, .servers = {"127.0.0.1"}, .ctype = 2},
-       nullptr,
-       0,
-       "10{" + l1 + " ldaps1.example.com:1636} 20{other.example.com:389}"},
-      {"DN filter",
-       {.domains = {"example.com"}, .servers = {"127.0.0.1"}, .filter = "dc=example,dc=com"},
-       nullptr,
-       0,
-       "10{" + l1 + " ldaps1.example.com:1636}"},
-      {"other suffix",
-       {.domains = {"example.com"}, .servers = {"127.0.0.1"}, .filter = "o=other"},
-       nullptr,
-       0,
-       "20{other.example.com:389}"},
-      {"no fit",
-       {.domains = {"example.com"}, .servers = {"127.0.0.1"}, .filter = "o=none"},
-       nullptr,
-       LDAP_DNS_SERVERS_FOUND,
-       ""},
-      {"CNAME", {{"cname.test"}, {"127.0.0.1"}}, nullptr, 0, "0{" + l1 + "}"},
-      {"TXT server", {{"txt.test"}, {"127.0.0.1"}}, nullptr, 0, "10{" + l1 + "}"},
-      {"no records", {{"empty.test"}, {"127.0.0.1"}}, nullptr, LDAP_DNS_SERVERS_FOUND, ""},
-      {"domains searched in order",
-       {{"empty.test", "failover.test"}, {"127.0.0.1"}},
-       nullptr,
-       0,
+      {"SRV, request servers", dns({"example.com"}), nullptr, 0, all},
+      {"TCP only", dns({"example.com"}, nullptr, 2), nullptr, 0, all},
+      {"DN filter", dns({"example.com"}, "dc=example,dc=com"), nullptr, 0, "10{" + l1 + " ldaps1.example.com:1636}"},
+      {"other suffix", dns({"example.com"}, "o=other"), nullptr, 0, "20{other.example.com:389}"},
+      {"no fit", dns({"example.com"}, "o=none"), nullptr, LDAP_DNS_SERVERS_FOUND, ""},
+      {"CNAME", dns({"cname.test"}), nullptr, 0, "0{" + l1 + "}"},
+      {"TXT server", dns({"txt.test"}), nullptr, 0, "10{" + l1 + "}"},
+      {"no records", dns({"empty.test"}), nullptr, LDAP_DNS_SERVERS_FOUND, ""},
+      {"domains searched in order", dns({"empty.test", "failover.test"}), nullptr, 0,
        "0{down.failover.test:" + std::to_string(dead_port) + "} 1{" + l1 + "}"},
-      {"resolv.conf", {}, nullptr, 0, "10{" + l1 + " ldaps1.example.com:1636} 20{other.example.com:389}"},
+      {"resolv.conf", {}, nullptr, 0, all},
       {"LOCALDOMAIN", {}, "txt.test", 0, "10{" + l1 + "}"},
       {"LOCALDOMAIN, request servers", {.servers = {"127.0.0.1"}}, "cname.test", 0, "0{" + l1 + "}"},
   };
@@ -300,26 +281,22 @@ TEST_F(DnsLocate, FileOnlyFileThenDnsAndFailureCodes) {
     int rc;
     std::string servers;
   };
+  // The file alone (source 1) or first (source 0, then the private dnsmasq).
+  auto from = [](const char *domain, int source, const std::string &file, const char *filter = nullptr) {
+    return Request{.domains = {domain},
+                   .servers = source ? std::vector<std::string>{} : std::vector<std::string>{"127.0.0.1"},
+                   .source = source,
+                   .filter = filter,
+                   .file = file};
+  };
   const Case cases[] = {
-      {"file only", {.domains = {"example.com"}, .source = 1, .file = info}, 0, "0{file1:1389}"},
-      {"file only, filter",
-       {.domains = {"example.com"}, .source = 1, .filter = "o=x", .file = info},
-       LDAP_DNS_SERVERS_FOUND,
-       ""},
-      {"file only, no server", {.domains = {"empty.test"}, .source = 1, .file = info}, LDAP_DNS_SERVERS_FOUND, ""},
-      {"file only, expired", {.domains = {"example.com"}, .source = 1, .file = expired}, LDAP_DNS_CONF_FILE_ERROR, ""},
-      {"file then DNS, in the file",
-       {.domains = {"example.com"}, .servers = {"127.0.0.1"}, .source = 0, .file = info},
-       0,
-       "0{file1:1389}"},
-      {"file then DNS, not in the file",
-       {.domains = {"txt.test"}, .servers = {"127.0.0.1"}, .source = 0, .file = info},
-       0,
-       "10{" + l1 + "}"},
-      {"file then DNS, expired file",
-       {.domains = {"txt.test"}, .servers = {"127.0.0.1"}, .source = 0, .file = expired},
-       0,
-       "10{" + l1 + "}"},
+      {"file only", from("example.com", 1, info), 0, "0{file1:1389}"},
+      {"file only, filter", from("example.com", 1, info, "o=x"), LDAP_DNS_SERVERS_FOUND, ""},
+      {"file only, no server", from("empty.test", 1, info), LDAP_DNS_SERVERS_FOUND, ""},
+      {"file only, expired", from("example.com", 1, expired), LDAP_DNS_CONF_FILE_ERROR, ""},
+      {"file then DNS, in the file", from("example.com", 0, info), 0, "0{file1:1389}"},
+      {"file then DNS, not in the file", from("txt.test", 0, info), 0, "10{" + l1 + "}"},
+      {"file then DNS, expired file", from("txt.test", 0, expired), 0, "10{" + l1 + "}"},
       {"name server not numeric", {{"example.com"}, {"localhost"}}, LDAP_LOCAL_ERROR, ""},
       {"name server not numeric, then one that is", {{"txt.test"}, {"localhost", "127.0.0.1"}}, 0, "10{" + l1 + "}"},
       {"connection refused",

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "ber_build.h"
 #include "fake_server.h"
 #include "ldap-engine.h"
 #include "ldap-protocol.h"
@@ -24,26 +25,11 @@
 #include "ldap_requests.h"
 
 using tavtest::FakeServer;
+using tavtest::tlv;
 
 namespace {
 
-// "30 05 02 01 01" -> bytes.
-std::string hex(const char *text) {
-  std::string out;
-  for (const char *p = text; *p != '\0';) {
-    if (*p == ' ') {
-      ++p;
-      continue;
-    }
-    out += static_cast<char>(std::strtol(std::string(p, 2).c_str(), nullptr, 16));
-    p += 2;
-  }
-  return out;
-}
-
-std::string tlv(unsigned tag, const std::string &v) {
-  return std::string(1, static_cast<char>(tag)) + static_cast<char>(v.size()) + v;
-}
+const auto hex = tavtest::unhex;
 
 const std::string kId1 = hex("02 01 01");
 const std::string kEmptyStrings = hex("04 00 04 00");

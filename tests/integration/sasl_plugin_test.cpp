@@ -89,21 +89,6 @@ TEST_F(SaslPlugins, CleartextMechanismsWithoutSslNeedTheLinesConsent) {
   }
 }
 
-TEST_F(SaslPlugins, WithoutAConfigurationFileTheBindIsSentItself) {
-  tavtest::use_config(slapd->dir() + "/db", "");  // no krvldap.conf there
-  unlink((slapd->dir() + "/db/krvldap.conf").c_str());
-  ldap_conf_forget();
-  ldap_plugin_entry *entry = nullptr;
-  EXPECT_EQ(ldap_plugin_for_sasl("DIGEST-MD5", &entry), LDAP_PLUGIN_CONF_NOT_OPENED);
-  // The server's first DIGEST-MD5 challenge comes back to the caller.
-  struct berval *challenge = nullptr;
-  EXPECT_EQ(ldap_sasl_bind_s(ld, nullptr, "DIGEST-MD5", nullptr, nullptr, nullptr, &challenge),
-            LDAP_SASL_BIND_IN_PROGRESS);
-  ASSERT_NE(challenge, nullptr);
-  EXPECT_NE(std::string(challenge->bv_val, challenge->bv_len).find("nonce="), std::string::npos);
-  fber_bvfree(challenge);
-}
-
 TEST_F(SaslPlugins, LoadFailuresGiveTheirCodes) {
   struct {
     const char *mech;

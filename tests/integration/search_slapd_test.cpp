@@ -102,51 +102,6 @@ TEST_F(Search, EveryFilterFormSelectsExactlyItsEntries) {
   EXPECT_EQ(id, -1);
 }
 
-TEST_F(Search, AttributesOnlyLimitsAndReferences) {
-  char cn[] = "cn", photo[] = "jpegPhoto", *attrs[] = {cn, photo, nullptr};
-  for (int only = 0; only < 2; ++only) {
-    LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_search_s(ld, kFilters, 1, "(uid=f2)", attrs, only, &res), LDAP_SUCCESS);
-    LDAPMessage *e = ldap_first_entry(ld, res);
-    BerElement *cursor = nullptr;
-    std::string names;
-    for (char *n = ldap_first_attribute(ld, e, &cursor); n; n = ldap_next_attribute(ld, e, cursor)) {
-      names += std::string(n) + " ";
-      ldap_memfree(n);
-    }
-    ldap_ber_free(cursor);
-    EXPECT_EQ(names, "cn jpegPhoto ");
-    struct berval **v = ldap_get_values_len(ld, e, "JPEGPHOTO");
-    EXPECT_EQ(v ? std::string(v[0]->bv_val, v[0]->bv_len) : "none", only ? "none" : std::string("\0\1\0\2", 4));
-    ldap_value_free_len(v);
-    ldap_msgfree(res);
-  }
-  // A size limit ends the search with 4, keeping the entries that came.
-  int two = 2;
-  ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SIZELIMIT, &two), 0);
-  LDAPMessage *res = nullptr;
-  struct timeval tv = {10, 0};
-  EXPECT_EQ(ldap_search_st(ld, SlapdServer::kPeopleDn, 1, "(objectClass=*)", nullptr, 0, &tv, &res),
-            LDAP_SIZELIMIT_EXCEEDED);
-  EXPECT_EQ(ldap_count_entries(ld, res), 2);
-  ldap_msgfree(res);
-  EXPECT_EQ(ldap_search_ext_s(ld, SlapdServer::kPeopleDn, 1, "(objectClass=*)", nullptr, 0, nullptr, nullptr, nullptr,
-                              3, &res),
-            LDAP_SIZELIMIT_EXCEEDED);
-  EXPECT_EQ(ldap_count_entries(ld, res), 3);
-  ldap_msgfree(res);
-  // A referral object under the base comes back as a reference.
-  ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF), 0);
-  EXPECT_EQ(ldap_search_s(ld, kRefs, 2, "(objectClass=*)", nullptr, 0, &res), LDAP_SUCCESS);
-  EXPECT_EQ(std::make_pair(ldap_count_entries(ld, res), ldap_count_references(ld, res)), std::make_pair(1, 1));
-  char **urls = nullptr;
-  ASSERT_EQ(ldap_parse_reference(ld, ldap_first_reference(ld, res), &urls, nullptr, 0), 0);
-  EXPECT_EQ(std::string(urls[0]).rfind("ldap://elsewhere.example:389/", 0), 0u);
-  EXPECT_EQ(urls[1], nullptr);
-  ldap_value_free(urls);
-  ldap_msgfree(res);
-}
-
 // Each run fails the nth allocation from the search call on, in a fresh
 // session so that a failure that closed the connection does not carry over.
 // The code names the step: 87 while encoding the filter, 90 elsewhere while

@@ -496,18 +496,6 @@ TEST_F(SslPeer, AbortInTheToolkitDuringTheHandshakeBecomes116) {
   EXPECT_TRUE(server.wait_done());
 }
 
-TEST_F(SslPeer, SecureConnectionBeforeTheToolkitIsLoadedWritesNothing) {
-  tavtest::FakeServer server;
-  server.hold_until_closed();
-  server.start();
-  LDAP *ld = ldap_init("127.0.0.1", server.port());
-  ld->ld_ssl = 1;
-  EXPECT_EQ(open_default_connection(ld), LDAP_SSL_NOT_AVAILABLE);
-  EXPECT_EQ(ldap_unbind(ld), 0);
-  EXPECT_TRUE(server.wait_done());
-  EXPECT_EQ(server.received(), "");
-}
-
 TEST_F(SslPeer, ToolkitLoadingFailuresGive118) {
   struct Case {
     const char *version;

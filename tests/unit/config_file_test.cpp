@@ -77,17 +77,6 @@ TEST(ConfigFile, WordRules) {
   }
 }
 
-TEST(ConfigFile, LookupIsExactAndFirstInFileOrder) {
-  Conf conf("plugin sasl gssapi /lib/a.so\nplugin sasl GSSAPI /lib/b.so\nplugin sasl GSSAPI /lib/c.so\n");
-  char plugin[] = "plugin", sasl[] = "sasl", upper[] = "GSSAPI", other[] = "GSSAPi";
-  ldap_conf_fields key = {plugin, sasl, upper, nullptr, nullptr, nullptr};
-  ldap_conf_entry *e = ldap_conf_find(&conf.list, &key);
-  ASSERT_NE(e, nullptr);
-  EXPECT_STREQ(e->fields->path, "/lib/b.so");
-  key.name = other;
-  EXPECT_EQ(ldap_conf_find(&conf.list, &key), nullptr);
-}
-
 TEST(ConfigFile, SearchOrderStartsWithTheEnvironmentDirectory) {
   char dir[] = "/tmp/tavconf.XXXXXX";
   ASSERT_NE(mkdtemp(dir), nullptr);
@@ -145,23 +134,6 @@ TEST(PathHelpers, ExtensionsPathsAndWords) {
   EXPECT_EQ(ldap_split_args(nullptr, 1, &count, vec), 1);
   EXPECT_EQ(count, 0);
   for (int c = 0; c < 256; ++c) EXPECT_EQ(ldap_is_blank(c), c == ' ' || c == '\t' || c == '\n' || c == '\r') << c;
-}
-
-TEST(PathHelpers, AllocationFailuresGiveNinetyAndLeakNothing) {
-  for (long n = 1;; ++n) {
-    olx_fail_alloc_at(n);
-    char *vec[65];
-    int count = 0;
-    int rc = ldap_split_args("a b", 64, &count, vec);
-    char *p = ldap_make_path("/d", nullptr, "f");
-    int conf_rc = Conf("a b c d\ne f g h\n").rc;
-    long used = olx_fail_alloc_at(0);
-    EXPECT_TRUE(rc == 0 || (rc == 90 && count == 0));
-    EXPECT_TRUE(conf_rc == 0 || conf_rc == 90);
-    if (count > 0) free(vec[0]);
-    free(p);
-    if (used < n) break;
-  }
 }
 
 // Failed loads give back the memory and the library they took: a leak here

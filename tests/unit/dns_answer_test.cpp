@@ -176,17 +176,4 @@ TEST(DnsConfig, ResolvConfLinesGiveServersAndDomains) {
   EXPECT_EQ(ldap_dns_read_resolv_conf(&s.st, dir.file("missing").c_str(), 0), 0);
 }
 
-TEST(DnsConfig, LocaldomainIsOneDomainWhole) {
-  setenv("LOCALDOMAIN", "a.example b.example", 1);
-  State s("");
-  static char server[] = "127.0.0.1";
-  char *servers[] = {server, nullptr};
-  s.st.name_servers = servers;
-  EXPECT_EQ(ldap_dns_get_config(&s.st), 0);
-  unsetenv("LOCALDOMAIN");
-  ASSERT_NE(s.st.dns_domains, nullptr);
-  EXPECT_STREQ(s.st.dns_domains[0], "a.example b.example");
-  EXPECT_EQ(s.st.dns_domains[1], nullptr);
-}
-
 }  // namespace

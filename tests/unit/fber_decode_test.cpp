@@ -213,34 +213,4 @@ TEST(FberDecode, VectorsSkippingAndFirstElement) {
   EXPECT_EQ(fber_read(f.get(), dest, 4), 0u);
 }
 
-TEST(FberDecode, AllocationFailureAtEveryStepOfADecode) {
-  const std::string pdu =
-      tlv(ldap_proto::kSequence,
-          integer(2) + tlv(ldap_proto::kSearchEntry,
-                           str("cn=") + tlv(ldap_proto::kSequence,
-                                            tlv(ldap_proto::kSequence,
-                                                str("cn") + tlv(ldap_proto::kSet, str("a") + str("b") + str("cc"))))));
-  for (long n = 1;; ++n) {
-    Ber b(fber_alloc_with_options(0, 0, 3));  // with the session's translation settings
-    fber_write(b.get(), pdu.data(), pdu.size());
-    fber_reset(b.get(), 1);
-    int msgid = 0;
-    char *dn = nullptr, *type = nullptr;
-    berval **vals = nullptr;
-    olx_fail_alloc_at(n);
-    ber_tag_t rc = fber_scanf(b.get(), "{i{a{{a[V]}}}}", &msgid, &dn, &type, &vals);
-    long seen = olx_fail_alloc_at(0);
-    free(dn);
-    free(type);
-    if (n > seen) {
-      ASSERT_NE(rc, LBER_ERROR);
-      EXPECT_STREQ(vals[2]->bv_val, "cc");
-      fber_bvecfree(vals);
-      break;
-    }
-    EXPECT_EQ(rc, LBER_ERROR) << "allocation " << n;
-    EXPECT_EQ(vals, nullptr) << "allocation " << n;
-  }
-}
-
 }  // namespace

@@ -62,20 +62,6 @@ TEST(SslCallbacks, HandshakeReadGathersPiecesIntoOneFullRead) {
   EXPECT_EQ(std::string(buf), message);
 }
 
-TEST(SslCallbacks, AfterTheHandshakeAnEmptySocketGivesEagainAtOnce) {
-  SocketPair p;
-  char user[8] = {0};
-  ASSERT_EQ(ssl_set_socket_options(p.fd[0], 901, user), 0);
-  char buf[4];
-  errno = 0;
-  EXPECT_EQ(ssl_read(p.fd[0], buf, sizeof buf, user), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  close(p.fd[1]);
-  p.fd[1] = -1;
-  char hs[8] = "900";
-  EXPECT_EQ(ssl_read(p.fd[0], buf, sizeof buf, hs), 0) << "a closed peer ends the handshake read";
-}
-
 TEST(SslCallbacks, HandshakeBudgetArithmetic) {
   struct Case {
     timeval budget, last, now;

@@ -109,25 +109,6 @@ TEST(UpdateRequests, ShapesOnTheWire) {
   }
 }
 
-TEST(UpdateRequests, ServerAnswersReachTheCaller) {
-  Recorded r(LDAP_NO_SUCH_OBJECT);
-  EXPECT_EQ(ldap_delete_s(r.ld, "cn=gone,dc=example,dc=com"), LDAP_NO_SUCH_OBJECT);
-  char *matched = nullptr, *text = nullptr;
-  EXPECT_EQ(ldap_get_error_info(r.ld, &matched, &text), LDAP_NO_SUCH_OBJECT);
-  EXPECT_EQ(std::string(matched) + "|" + text, "dc=example,dc=com|no such entry");
-  free(matched);
-  free(text);
-  // Asynchronous: the message ID, then the response through ldap_result.
-  Recorded a(LDAP_ALREADY_EXISTS);
-  static char *v[] = {s("x"), nullptr};
-  static LDAPMod m = {LDAP_MOD_ADD, s("cn"), {v}}, *mods[] = {&m, nullptr};
-  const int id = ldap_add(a.ld, "cn=x", mods);
-  LDAPMessage *res = nullptr;
-  ASSERT_EQ(ldap_result(a.ld, id, LDAP_MSG_ALL, nullptr, &res), ldap_proto::kAddResponse);
-  EXPECT_EQ(a.msgid, id);
-  EXPECT_EQ(ldap_result2error(a.ld, res, 1), LDAP_ALREADY_EXISTS);
-}
-
 // Refusals come before any connection is opened: the port has no listener,
 // so a request that got as far as sending would end in 81 instead.
 TEST(UpdateRequests, RefusalsBeforeSendingAndFailuresAfter) {

@@ -108,28 +108,6 @@ TEST_F(Xlate, CodePageChangesReopenTheConverters) {
   EXPECT_EQ(xlate_is_identity(), 1);
 }
 
-TEST_F(Xlate, TwoStepPathGivesTheSameText) {
-  const struct {
-    const char *codepage;
-    std::string local, utf8;
-  } cases[] = {
-      {"ISO8859-1", "M\xFCller", "M\xC3\xBCller"},
-      {"SJIS", "\x82\xA0\x8A\xBF", "\xE3\x81\x82\xE6\xBC\xA2"},
-      {"GB18030", "\xC4\xE3\xBA\xC3", "\xE4\xBD\xA0\xE5\xA5\xBD"},
-      {"UTF-8", "Caf\xC3\xA9 \xE6\xBC\xA2", "Caf\xC3\xA9 \xE6\xBC\xA2"},
-  };
-  for (const auto &c : cases) {
-    ASSERT_EQ(ldap_set_iconv_local_codepage(c.codepage), 0);
-    for (const char *two_step : {"no", "yes"}) {
-      setenv("LDAP_USE_UNICODE", two_step, 1);
-      EXPECT_EQ(convert(0, c.local), c.utf8) << c.codepage << " " << two_step;
-      EXPECT_EQ(convert(1, c.utf8), c.local) << c.codepage << " " << two_step;
-    }
-  }
-  // Beyond the BMP the two-step path has no UCS-2 unit: "?".
-  EXPECT_EQ(convert(1, "a\xF0\x9F\x98\x80"), "a?");
-}
-
 TEST_F(Xlate, PublicBufferFunctions) {
   const struct {
     const char *codepage;
