@@ -1,4 +1,5 @@
 // LDAPMessage records and the chains they form inside message-ID table rows.
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -12,20 +13,36 @@ namespace {
 // A record's type until its protocolOp is known: the envelope's.
 constexpr int kUntyped = (int)ldap_proto::kSequence;
 
-// What follows the record of a compact message, before its contents.
+// What follows the record of a compact message, before its contents.  A
+// kept result is mostly these, so every byte counts: the tag is one octet
+// (the reader refuses longer ones), and the message's copies of the
+// translation settings are one octet each (0 or 1, 2 or 3), read through
+// setting_cells.
 struct CompactTail {
-  int32_t noxlate;  // the element's own copies of the translation settings
-  int32_t version;
-  uint32_t tag;
   uint32_t len;
   uint32_t start;  // offset of the first unread byte
+  uint8_t tag;
+  uint8_t noxlate;
+  uint8_t version;
 };
 constexpr size_t kTailAt = (sizeof(LDAPMessage) + alignof(CompactTail) - 1) & ~(alignof(CompactTail) - 1);
+// The contents start right after the last field, not after the padding.
+constexpr size_t kTailBytes = offsetof(CompactTail, version) + 1;
+
+// An element's settings are read through pointers to 32-bit cells; a compact
+// message's point here (never written through: a view is only read).
+struct SettingCells {
+  int32_t value[256];
+  constexpr SettingCells() : value() {
+    for (int i = 0; i < 256; ++i) value[i] = i;
+  }
+};
+SettingCells setting_cells;  // constant-initialised
 
 CompactTail *tail_of(const LDAPMessage *msg) {
   return reinterpret_cast<CompactTail *>(reinterpret_cast<char *>(const_cast<LDAPMessage *>(msg)) + kTailAt);
 }
-char *contents_of(const LDAPMessage *msg) { return reinterpret_cast<char *>(tail_of(msg) + 1); }
+char *contents_of(const LDAPMessage *msg) { return reinterpret_cast<char *>(tail_of(msg)) + kTailBytes; }
 
 bool owns(const LDAPMessage *from, const LDAPMessage *target) {
   for (const LDAPMessage *m = from; m != nullptr; m = m->lm_chain)
@@ -56,14 +73,19 @@ LDAPMessage *ldap_msg_new_reading(LDAP *ld, LDAPConn *conn) {
 }
 
 LDAPMessage *ldap_msg_new_compact(LDAP *ld, LDAPConn *conn, unsigned tag, const char *contents, ber_len_t len) {
-  auto *msg = static_cast<LDAPMessage *>(olx_malloc(kTailAt + sizeof(CompactTail) + len + 1));
+  auto *msg = static_cast<LDAPMessage *>(olx_malloc(kTailAt + kTailBytes + len + 1));
   if (msg == nullptr) return nullptr;
   memset(msg, 0, sizeof *msg);
   msg->lm_msgtype = kUntyped;
   msg->lm_conn = conn;
   msg->lm_flags = LDAP_MSG_COMPACT;
+  // Field by field: the padding after the last one is where the contents go.
   CompactTail *tail = tail_of(msg);
-  *tail = {ld->ld_xlate, ld->ld_version, tag, (uint32_t)len, 0};
+  tail->len = (uint32_t)len;
+  tail->start = 0;
+  tail->tag = (uint8_t)tag;
+  tail->noxlate = (uint8_t)ld->ld_xlate;  // options keep both within 0..3
+  tail->version = (uint8_t)ld->ld_version;
   char *bytes = contents_of(msg);
   memcpy(bytes, contents, len);
   bytes[len] = '\0';
@@ -80,8 +102,8 @@ BerElement *ldap_msg_ber(const LDAPMessage *msg, BerElement *view) {
   view->ber_tag = tail->tag;
   view->ber_len = tail->len;
   view->ber_options = FBER_MARK;
-  view->ber_noxlate = &tail->noxlate;
-  view->ber_version = &tail->version;
+  view->ber_noxlate = &setting_cells.value[tail->noxlate];
+  view->ber_version = &setting_cells.value[tail->version];
   return view;
 }
 
