@@ -261,8 +261,15 @@ int verify_acquire_row(LDAP *ld, ldap_msg_row *row, int msgid, int all) {
 int ldap_get_msg_any(LDAP *ld, ldap_msg_table *table, int *msgid, int all) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg_any: entered\n");
   uint32_t candidate = 0;
-  for (uint32_t i = 1; i < table->size; ++i) {
+  // Only rows handed out can match, and there are size - free_count of them
+  // (row 0 is never handed out and counts as free): the scan stops once it
+  // has seen them all rather than walking every row of the table.
+  const uint32_t in_use = table->size - (uint32_t)table->free_count;
+  uint32_t seen = 0;
+  for (uint32_t i = 1; i < table->size && seen < in_use; ++i) {
     ldap_msg_row *row = &table->rows[i];
+    if (!(row->flags & LDAP_ROW_IN_USE)) continue;
+    ++seen;
     if (owned_by_me(row) && (!(row->flags & LDAP_ROW_COMPLETE) || row->next_unread != nullptr)) {
       LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_msg_any: found a pre-occupied row for this thread, row-id = %d\n", (int)i);
       *msgid = (int)i;
