@@ -716,10 +716,23 @@ TAV_EXPORT int tav_secure_soc_read(tav_handle conn, char *buffer, int length, in
   if (!c->established) return TAV_INVALID_STATE;
   std::lock_guard<std::mutex> lock(c->mu);
   if (buffer == nullptr) {
-    // Records read ahead but not yet decrypted count too: the socket no
-    // longer shows them.
     *count = SSL_pending(c->ssl);
-    if (*count == 0 && SSL_has_pending(c->ssl) == 1) *count = 1;
+    if (*count == 0 && SSL_has_pending(c->ssl) == 1) {
+      // Bytes read ahead but not yet decrypted, which the socket no longer
+      // shows.  A whole record among them is readable now; the front of a
+      // record still arriving is not (calling it readable would make the
+      // caller spin instead of waiting for the socket).  A peek tells them
+      // apart; a broken stream counts as readable, so the read reports it.
+      c->io_errno = 0;
+      char first;
+      const int r = SSL_peek(c->ssl, &first, 1);
+      const int err = r > 0 ? SSL_ERROR_NONE : SSL_get_error(c->ssl, r);
+      ERR_clear_error();
+      if (r > 0)
+        *count = SSL_pending(c->ssl);
+      else if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE)
+        *count = 1;
+    }
     return 0;
   }
   if (length <= 0) return TAV_INVALID_LENGTH;
