@@ -122,8 +122,6 @@ TAV_INTERNAL ber_tag_t fber_scan_strings(BerElement *ber, char ***out);
 TAV_INTERNAL ber_tag_t fber_scanf(BerElement *ber, const char *format, ...);
 
 // Releases what the 'V' and 'O' letters hand out.
-TAV_INTERNAL void fber_bvfree(struct berval *bv);
-TAV_INTERNAL void fber_bvecfree(struct berval **bvec);
 TAV_INTERNAL void fber_svecfree(char **vec);
 }
 

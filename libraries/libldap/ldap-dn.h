@@ -9,8 +9,6 @@
 extern "C" {
 // The record, also on a parse error (then with empty string forms and the
 // code in *rc); none, with 90 in *rc, when memory runs out.  rc may be null.
-TAV_INTERNAL LDAPDN *ldap_dn_parse(const char *dn, int mode, int *rc);
-TAV_INTERNAL void ldap_dn_free(LDAPDN **dnp);
 // Parses one RDN from pos (a writable copy) and returns where it stopped: at
 // "," or ";", at the end of the string, or where an error was found.
 TAV_INTERNAL char *ldap_rdn_parse(char *pos, LDAPRDN *rdn, int mode, int *rc);
@@ -22,9 +20,6 @@ TAV_INTERNAL int ldap_rdn_add_ava(LDAPRDN *rdn, LDAPAVAList **tail, const char *
 // Fills dn_string and dn_string_upper (empty when rc is not 0); 0 or 90.
 TAV_INTERNAL int ldap_dn_to_string(LDAPDN *dn, int rc);
 
-TAV_INTERNAL char *ldap_dn2ufn(const char *dn);
-TAV_INTERNAL char **ldap_explode_dn(const char *dn, int notypes);
-TAV_INTERNAL char **ldap_explode_rdn(const char *rdn, int notypes);
 TAV_INTERNAL int ldap_dn_is_dotted(const char *s);
 TAV_INTERNAL char **ldap_explode_dotted(const char *s);
 }

@@ -59,11 +59,6 @@ int ldap_dns_list_add(char ***list, const char *s, size_t len);
 inline uint16_t ldap_dns_get16(const unsigned char *p) { return (uint16_t)((p[0] << 8) | p[1]); }
 
 extern "C" {
-// Location as callers use it.
-TAV_INTERNAL int ldap_server_locate(struct ldap_server_request *request, LDAPServerInfo **listp);
-TAV_INTERNAL int ldap_server_cache_save(const char *filename, unsigned long ttl, LDAPServerInfo *list);
-TAV_INTERNAL void ldap_server_free_list(LDAPServerInfo *list);
-
 // The DNS client.  0, a result code, or -1 for a negative answer.
 TAV_INTERNAL int ldap_dns_get_config(struct ldap_dns_state *st);
 // resolv.conf rules on a given file; `need_servers` as in ldap_dns_get_config.

@@ -95,16 +95,10 @@ TAV_INTERNAL LDAPMessage *ldap_msg_new_compact(LDAP *ld, LDAPConn *conn, unsigne
 TAV_INTERNAL BerElement *ldap_msg_ber(const LDAPMessage *msg, BerElement *view);
 // Where reading a compact message starts (just after its ID once decoded).
 TAV_INTERNAL void ldap_msg_set_start(LDAPMessage *msg, const char *at);
-TAV_INTERNAL int ldap_msgfree(LDAPMessage *msg);
 TAV_INTERNAL int ldap_msgfree_direct(LDAPMessage *msg);
-TAV_INTERNAL LDAPMessage *ldap_first_message(LDAP *ld, LDAPMessage *res);
 TAV_INTERNAL LDAPMessage *ldap_first_message_direct(LDAP *ld, LDAPMessage *res);
-TAV_INTERNAL LDAPMessage *ldap_next_message(LDAP *ld, LDAPMessage *msg);
 TAV_INTERNAL LDAPMessage *ldap_next_message_direct(LDAP *ld, LDAPMessage *msg);
-TAV_INTERNAL int ldap_count_messages(LDAP *ld, LDAPMessage *res);
 TAV_INTERNAL int ldap_count_messages_direct(LDAP *ld, LDAPMessage *res);
-TAV_INTERNAL int ldap_msgid(LDAPMessage *msg);
-TAV_INTERNAL int ldap_msgtype(LDAPMessage *msg);
 TAV_INTERNAL int is_last_msg(LDAPMessage *msg);
 TAV_INTERNAL void ldap_msg_release_msgid(LDAPMessage *request);
 
@@ -187,7 +181,6 @@ TAV_INTERNAL void ldap_record_replay_bind(LDAP *ld, int method, const char *dn, 
 TAV_INTERNAL void ldap_forget_replay_bind(LDAP *ld);
 
 // Result retrieval.
-TAV_INTERNAL int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result);
 TAV_INTERNAL int ldap_result_int(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result);
 TAV_INTERNAL int ldap_return_all_msgs(LDAP *ld, int msgid, struct timeval *timeout, LDAPMessage **result,
                                       ldap_msg_table *table, int *error, int chase, int hops);

@@ -249,23 +249,16 @@ struct ldap {
 #define LDAP_EYECATCHER "LDAP HDL"
 #define LDAP_EYECATCHER_LEN 8
 
+// Functions of the public headers are declared there only; what follows is
+// internal.
 extern "C" {
-// Memory blocks handed to callers.
-TAV_INTERNAL void ldap_memfree(void *p);
-TAV_INTERNAL void ldap_ber_free(BerElement *ber);
-
 // Session lifecycle.
-TAV_INTERNAL LDAP *ldap_init(const char *host, int port);
-TAV_INTERNAL LDAP *ldap_open(const char *host, int port);
 TAV_INTERNAL LDAPConn *ldap_lc_init(const char *host, int port, int table_size);
 TAV_INTERNAL void ldap_lc_free(LDAPConn *lc);
 TAV_INTERNAL int ldap_start_operation(LDAP *ld);
 TAV_INTERNAL void ldap_end_operation(LDAP *ld);
 TAV_INTERNAL int open_ldap_connection(LDAP *ld, LDAPConn *lc);
 TAV_INTERNAL int open_default_connection(LDAP *ld);
-TAV_INTERNAL int ldap_unbind(LDAP *ld);
-TAV_INTERNAL int ldap_unbind_s(LDAP *ld);
-TAV_INTERNAL int ldap_unbind_ext(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls);
 TAV_INTERNAL void ldap_ld_free(LDAP *ld);
 // Splits one host-list entry into host and port (0 when none is written).
 // Returns 0, or LDAP_PARAM_ERROR for an entry that does not fit `host_size`
@@ -305,34 +298,21 @@ TAV_INTERNAL ldap_msg_table *ldap_msg_table_init(int rows);
 TAV_INTERNAL void ldap_msg_table_free(ldap_msg_table *table);
 
 // Result codes and the per-thread error record.
-TAV_INTERNAL char *ldap_err2string(int err);
-TAV_INTERNAL char *ldap_pwdpolicy_err2string(int err);
-TAV_INTERNAL int ldap_get_errno(LDAP *ld);
 TAV_INTERNAL int ldap_get_errno_direct(LDAP *ld);
 TAV_INTERNAL int ldap_set_errno(LDAP *ld, int code, const char *matched, const char *msg);
 TAV_INTERNAL int ldap_set_errno_direct(LDAP *ld, int code, const char *matched, const char *msg);
-TAV_INTERNAL int ldap_get_error_info(LDAP *ld, char **matched, char **msg);
 TAV_INTERNAL int ldap_get_error_info_direct(LDAP *ld, char **matched, char **msg);
-TAV_INTERNAL int ldap_get_ext_errno(LDAP *ld);
 TAV_INTERNAL int ldap_get_ext_errno_direct(LDAP *ld);
 TAV_INTERNAL int ldap_set_ext_errno(LDAP *ld, int value);
-TAV_INTERNAL void ldap_perror(LDAP *ld, const char *prefix);
 TAV_INTERNAL void ldap_perror_direct(LDAP *ld, const char *prefix);
 TAV_INTERNAL void ldap_free_thread_errors(LDAP *ld);
 
 // Options.
-TAV_INTERNAL int ldap_set_option(LDAP *ld, int option, const void *value);
-TAV_INTERNAL int ldap_get_option(LDAP *ld, int option, void *out);
 TAV_INTERNAL int ldap_set_option_direct(LDAP *ld, int option, const void *value);
 TAV_INTERNAL int ldap_get_option_direct(LDAP *ld, int option, void *out);
 TAV_INTERNAL LDAP *ld_set_global_default(void);
-// Control lists as options store them.
-
 // URLs.
-TAV_INTERNAL int ldap_url_parse(const char *url, LDAPURLDesc **ludpp);
 TAV_INTERNAL int ldap_url_parse_internal(const char *url, LDAPURLDesc **ludpp);
-TAV_INTERNAL void ldap_free_urldesc(LDAPURLDesc *ludp);
-TAV_INTERNAL int ldap_url_is_ldap_url(const char *url);
 TAV_INTERNAL int ldap_url_skip_prefix(const char **urlp, LDAPURLDesc *ludp, int *enclosed, int *secure, int store);
 TAV_INTERNAL void ldap_url_unescape(char *s);
 TAV_INTERNAL int ldap_url_port_is_numeric(const char *s);
@@ -354,31 +334,16 @@ TAV_INTERNAL int ldap_apply_default_controls(LDAP *ld, LDAPControl ***sctrls, LD
 TAV_INTERNAL int ldap_copy_controls(LDAPControl ***to_here, LDAPControl **from);
 TAV_INTERNAL int ldap_merge_control_lists(LDAPControl ***dest, LDAPControl **input);
 TAV_INTERNAL void ldap_free_empty_control_list(LDAPControl **ctrls);
-TAV_INTERNAL void ldap_control_free(LDAPControl *ctrl);
-TAV_INTERNAL void ldap_controls_free(LDAPControl **ctrls);
 TAV_INTERNAL int ldap_alloc_control(LDAPControl **ctrl);
-TAV_INTERNAL int ldap_build_control(LDAPControl **ctrl, const char *oid, ber_len_t len, const char *value,
-                                    int critical);
 TAV_INTERNAL int ldap_append_control(LDAPControl *ctrl, LDAPControl ***list);
-TAV_INTERNAL int ldap_add_control_to_list(const char *oid, ber_len_t len, const char *value, int critical,
-                                          LDAPControl ***list);
 TAV_INTERNAL int ldap_remove_control(LDAPControl *ctrl, LDAPControl ***list, int freeit);
 TAV_INTERNAL int ldap_set_bind_controls(LDAP *ld, LDAPControl **ctrls);
 TAV_INTERNAL int ldap_get_bind_controls(LDAP *ld, LDAPControl ***ctrls);
 
-// Bind.
-TAV_INTERNAL int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd);
 // ldap_simple_bind_s without the operation bracket (re-binds for referrals).
 TAV_INTERNAL int ldap_simple_bind_s_int(LDAP *ld, const char *dn, const char *passwd);
-TAV_INTERNAL int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd);
 TAV_INTERNAL int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPControl **sctrls,
                                          int *msgidp, LDAPConn *conn);
-TAV_INTERNAL int ldap_bind(LDAP *ld, const char *dn, const char *cred, int method);
-TAV_INTERNAL int ldap_bind_s(LDAP *ld, const char *dn, const char *cred, int method);
-TAV_INTERNAL int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
-                                LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
-TAV_INTERNAL int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
-                                  LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp);
 TAV_INTERNAL int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mech, const struct berval *cred,
                                     LDAPControl **sctrls, LDAPControl **cctrls, struct berval **servercredp, int async,
                                     int *msgidp);
@@ -397,25 +362,16 @@ TAV_INTERNAL int ldap_save_bind_info(LDAP *ld, int method, const char *mech, LDA
 
 // Result parsing.
 // 0 parsed; LDAP_DECODING_ERROR; 1 when the chain holds no result; 89 bad handle.
-TAV_INTERNAL int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
-                                   char ***referralsp, LDAPControl ***serverctrlsp, int freeit);
 TAV_INTERNAL int ldap_parse_result_direct(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
                                           char ***referralsp, LDAPControl ***serverctrlsp, int freeit);
-TAV_INTERNAL int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit);
 // The result code of the chain's last message, also stored (with matched DN
 // and message) as the thread's error; used by the synchronous operations.
 TAV_INTERNAL int ldap_result2error_direct(LDAP *ld, LDAPMessage *res, int freeit);
-TAV_INTERNAL int ldap_parse_sasl_bind_result(LDAP *ld, LDAPMessage *res, struct berval **servercredp, int freeit);
 TAV_INTERNAL int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval **servercredp,
                                                     int freeit);
-TAV_INTERNAL int ldap_parse_extended_result(LDAP *ld, LDAPMessage *res, char **resultoidp, struct berval **resultdatap,
-                                            int freeit);
-TAV_INTERNAL int ldap_parse_extended_result_ext(LDAP *ld, LDAPMessage *res, char **resultoidp,
-                                                struct berval **resultdatap, int freeit, LDAPControl ***serverctrlsp);
 TAV_INTERNAL int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resultoidp,
                                                    struct berval **resultdatap, int freeit,
                                                    LDAPControl ***serverctrlsp);
-TAV_INTERNAL int ldap_parse_pwdpolicy_response(LDAPControl **ctrls, int *controlerr, int *controlwarn, int *controlres);
 }
 
 #endif

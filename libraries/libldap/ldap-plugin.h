@@ -81,15 +81,12 @@ TAV_INTERNAL void ldap_conf_list_free(ldap_conf_list *list);
 // the file again (the registry stays).
 TAV_INTERNAL void ldap_conf_forget(void);
 
-TAV_INTERNAL int ldap_register_plugin(ldap_plugin_info *info);
 TAV_INTERNAL int ldap_plugin_load_and_init(ldap_plugin_info *info, int reg);
 TAV_INTERNAL int ldap_load_plugin(const char *path);
 TAV_INTERNAL ldap_plugin_entry *ldap_plugin_find(const ldap_plugin_info *key);
 TAV_INTERNAL int ldap_plugin_is_loaded(const ldap_plugin_info *key);
 TAV_INTERNAL int ldap_gpt_eval(const ldap_plugin_entry *entry, const ldap_plugin_info *key);
 TAV_INTERNAL int ldap_plugin_add(ldap_plugin_entry *entry);
-TAV_INTERNAL int ldap_get_plugin_list(ldap_plugin_info ***out);
-TAV_INTERNAL int ldap_free_plugin_list(ldap_plugin_info ***list);
 // The registered SASL plug-in of `mech`, loaded from the configuration when
 // it is not registered yet: 0 with *entry, 12 (none configured), or the code
 // of the configuration read or the load.

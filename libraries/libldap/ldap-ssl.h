@@ -85,13 +85,6 @@ TAV_INTERNAL int ldap_ssl_client_init_setup(const char *kdb, const char *pw, int
                                             LDAP_PKCS11_PARMS *pkcs11);
 TAV_INTERNAL int ldap_ssl_environment_init_setup(const char *kdb, const char *pw, int timeout, int *tavrc,
                                                  LDAP_PKCS11_PARMS *pkcs11);
-TAV_INTERNAL int ldap_ssl_client_init(const char *kdb, const char *pw, int timeout, int *tavrc);
-TAV_INTERNAL int ldap_ssl_environment_init(const char *kdb, const char *pw, int timeout, int *tavrc);
-TAV_INTERNAL int ldap_ssl_pkcs11_client_init(const char *kdb, const char *pw, int timeout, int *tavrc,
-                                             LDAP_PKCS11_PARMS *pkcs11);
-TAV_INTERNAL int ldap_ssl_pkcs11_environment_init(const char *kdb, const char *pw, int timeout, int *tavrc,
-                                                  LDAP_PKCS11_PARMS *pkcs11);
-TAV_INTERNAL int ldap_ssl_set_fips_mode_np(int mode);
 
 // Secure connections.
 TAV_INTERNAL int open_ssl_connection(LDAP *ld, Sockbuf *sb);
@@ -111,8 +104,6 @@ TAV_INTERNAL const char *getSSLKeydatabase(tav_handle conn);
 TAV_INTERNAL const char *getSSLCipher(tav_handle conn);
 TAV_INTERNAL const char *getSSLClientLabel(tav_handle conn);
 TAV_INTERNAL char *getSSLCertAltName(tav_handle conn, int type);
-TAV_INTERNAL LDAP *ldap_ssl_init(const char *host, int port, const char *label);
-TAV_INTERNAL int ldap_ssl_start(LDAP *ld, const char *kdb, const char *pw, const char *label);
 TAV_INTERNAL int ldap_ssl_start_direct(LDAP *ld, const char *kdb, const char *pw, const char *label);
 // Takes the time since *last off *budget: 0 while budget is left, 1 when it
 // is used up (also when the clock went back).  *last becomes now.

@@ -11,47 +11,25 @@
 #include "ldap-protocol.h"
 
 extern "C" {
-TAV_INTERNAL int ldap_add(LDAP *ld, const char *dn, LDAPMod **attrs);
-TAV_INTERNAL int ldap_add_s(LDAP *ld, const char *dn, LDAPMod **attrs);
-TAV_INTERNAL int ldap_add_ext(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, LDAPControl **cctrls,
-                              int *msgidp);
-TAV_INTERNAL int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, LDAPControl **cctrls);
 TAV_INTERNAL int ldap_add_ext_int(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, LDAPControl **cctrls,
                                   int *msgidp);
 TAV_INTERNAL int ldap_add_ext_direct(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **sctrls, int *msgidp,
                                      LDAPConn *conn);
 
-TAV_INTERNAL int ldap_delete(LDAP *ld, const char *dn);
-TAV_INTERNAL int ldap_delete_s(LDAP *ld, const char *dn);
-TAV_INTERNAL int ldap_delete_ext(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
-TAV_INTERNAL int ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls);
 TAV_INTERNAL int ldap_delete_ext_int(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
 TAV_INTERNAL int ldap_delete_ext_direct(LDAP *ld, const char *dn, LDAPControl **sctrls, int *msgidp, LDAPConn *conn);
 
-TAV_INTERNAL int ldap_modify(LDAP *ld, const char *dn, LDAPMod **mods);
-TAV_INTERNAL int ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods);
-TAV_INTERNAL int ldap_modify_ext(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls, LDAPControl **cctrls,
-                                 int *msgidp);
-TAV_INTERNAL int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls,
-                                   LDAPControl **cctrls);
 TAV_INTERNAL int ldap_modify_ext_int(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls,
                                      LDAPControl **cctrls, int *msgidp);
 TAV_INTERNAL int ldap_modify_ext_direct(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls, int *msgidp,
                                         LDAPConn *conn);
 // Frees every modification (type, values, record) and, when freemods is
 // non-zero, the list itself.
-TAV_INTERNAL void ldap_mods_free(LDAPMod **mods, int freemods);
 
-TAV_INTERNAL int ldap_rename(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior, int deleteoldrdn,
-                             LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
-TAV_INTERNAL int ldap_rename_s(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior, int deleteoldrdn,
-                               LDAPControl **sctrls, LDAPControl **cctrls);
 TAV_INTERNAL int ldap_rename_int(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior,
                                  int deleteoldrdn, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp);
 TAV_INTERNAL int ldap_rename_direct(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior,
                                     int deleteoldrdn, LDAPControl **sctrls, int *msgidp, LDAPConn *conn);
-TAV_INTERNAL int ldap_modrdn(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn);
-TAV_INTERNAL int ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn);
 }
 
 // Waits (no time-out) for the response of msgid and turns it into the

@@ -36,11 +36,6 @@ TAV_INTERNAL int xlate_is_identity(void);
 // Recomputes what xlate_is_identity answers after the code page changed.
 TAV_INTERNAL void ldap_xlate_note_codepage(void);
 
-TAV_INTERNAL int ldap_xlate_local_to_utf8(const char *in, size_t *in_len, char *out, size_t *out_space);
-TAV_INTERNAL int ldap_xlate_utf8_to_local(const char *in, size_t *in_len, char *out, size_t *out_space);
-TAV_INTERNAL int ldap_xlate_local_to_unicode(const char *in, size_t *in_len, char *out, size_t *out_space);
-TAV_INTERNAL int ldap_xlate_unicode_to_local(const char *in, size_t *in_len, char *out, size_t *out_space);
-TAV_INTERNAL int ldap_xlate_local_to_utf8_wrp(const char *string, char **out);
 TAV_INTERNAL int ldap_xlate_dispatch(const char *in, size_t in_len, char *out, size_t *out_space, const char *other,
                                      int direction, int *reset);
 TAV_INTERNAL int ldap_init_iconv(ldap_iconv_handle **slot, const char *other, int to_other, int *reset);
@@ -49,10 +44,6 @@ TAV_INTERNAL int convert_UniCodetoUTF8(const unsigned char *data, size_t length,
 TAV_INTERNAL int ldap_utf8_to_unicode(const unsigned char *in, size_t length, unsigned char **units, size_t *bytes,
                                       int *width);
 
-TAV_INTERNAL int ldap_set_locale(const char *locale);
-TAV_INTERNAL int ldap_set_iconv_local_codepage(const char *name);
-TAV_INTERNAL char *ldap_get_iconv_compliant_codepage(const char *name);
-TAV_INTERNAL int ldap_set_iconv_local_charset(const char *charset);
 // The i-th name ldap_set_iconv_local_charset knows, null past the last.
 TAV_INTERNAL const char *ldap_charset_name(size_t i);
 TAV_INTERNAL char *ldap_get_default_locale_path(void);
