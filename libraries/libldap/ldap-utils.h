@@ -6,8 +6,21 @@
 #define TAV_LDAP_UTILS_H
 
 #include <cstddef>
+#include <cstdlib>
+#include <memory>
 
 #include "tav-visibility.h"
+
+// A string (or any block) the C allocator gave, freed when it goes out of scope.
+struct ldap_free_deleter {
+  void operator()(void *p) const { free(p); }
+};
+using ldap_unique_str = std::unique_ptr<char, ldap_free_deleter>;
+
+// Hex digits of DN and filter escapes (the caller checked ldap_is_hex; URL
+// decoding has its own rule for what is not a digit).
+inline bool ldap_is_hex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
+inline int ldap_hex_value(char c) { return c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10; }
 
 extern "C" {
 TAV_INTERNAL void *olx_malloc(size_t size);

@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -16,9 +17,32 @@
 #include "ldap-engine.h"
 #include "ldap-int.h"
 #include "ldap-lock.h"
+#include "ldap-ssl.h"
 #include "ldap-utils.h"
 
 namespace {
+
+bool parse_port(const char *text, int *port) {
+  if (*text == '\0') {
+    *port = 0;
+    return true;
+  }
+  long value = 0;
+  for (const char *p = text; *p != '\0'; ++p) {
+    if (!isdigit((unsigned char)*p)) return false;
+    value = value * 10 + (*p - '0');
+    if (value > 65535) return false;
+  }
+  *port = (int)value;
+  return true;
+}
+
+bool copy_host(const char *begin, size_t len, char *host, size_t host_size) {
+  if (len >= host_size) return false;
+  memcpy(host, begin, len);
+  host[len] = '\0';
+  return true;
+}
 
 int open_local_socket(Sockbuf *sb, const char *path) {
   struct sockaddr_un addr;
@@ -370,5 +394,90 @@ void ldap_conn_release(LDAP *ld, LDAPConn *conn, int held) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_conn_release: connection to %s:%d failed and is unused: freed\n",
            conn->lc_host != nullptr ? conn->lc_host : "", conn->lc_port);
   ldap_lc_free(conn);
+}
+
+// ---- the host-list walk ----
+
+int ldap_split_host_entry(const char *entry, char *host, size_t host_size, int *port) {
+  *port = 0;
+  if (strlen(entry) >= LDAP_HOST_ENTRY_MAX) return LDAP_PARAM_ERROR;
+  int colons = 0;
+  for (const char *p = entry; *p != '\0'; ++p) colons += *p == ':';
+  if (colons >= 2) {
+    const char *begin = entry[0] == '[' ? entry + 1 : entry;
+    const char *close = strchr(begin, ']');
+    if (close == nullptr) return copy_host(begin, strlen(begin), host, host_size) ? 0 : LDAP_PARAM_ERROR;
+    if (!copy_host(begin, (size_t)(close - begin), host, host_size)) return LDAP_PARAM_ERROR;
+    if (close[1] == ':' && !parse_port(close + 2, port)) return LDAP_PARAM_ERROR;
+    return 0;
+  }
+  const char *colon = strchr(entry, ':');
+  size_t len = colon != nullptr ? (size_t)(colon - entry) : strlen(entry);
+  if (!copy_host(entry, len, host, host_size)) return LDAP_PARAM_ERROR;
+  if (colon != nullptr && !parse_port(colon + 1, port)) return LDAP_PARAM_ERROR;
+  return 0;
+}
+
+int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
+  LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: ld(%p), lc(%p)\n", (void *)ld, (void *)lc);
+  if (ld == nullptr || lc == nullptr || lc->lc_host == nullptr) return LDAP_PARAM_ERROR;
+  ldap_unique_str list(olx_strdup(lc->lc_host));
+  if (!list) return LDAP_NO_MEMORY;
+  // Each connection (connect and SSL handshake, over the whole host list)
+  // within the session's network time-out, and within the call's deadline.
+  struct timeval network;
+  const bool bounded = ldap_session_timeout(ld, LDAP_OPT_NETWORK_TIMEOUT, &network);
+  const CallDeadline deadline(bounded ? &network : nullptr);
+  // An empty list connects nothing: that is a failure, not a success.
+  int rc = LDAP_SERVER_DOWN;
+  char *save = nullptr;
+  for (char *entry = strtok_r(list.get(), " \t", &save); entry != nullptr; entry = strtok_r(nullptr, " \t", &save)) {
+    char host[LDAP_HOST_ENTRY_MAX];
+    int port = 0;
+    if (ldap_split_host_entry(entry, host, sizeof host, &port) != 0) {
+      rc = LDAP_PARAM_ERROR;
+      continue;
+    }
+    if (port == 0) port = lc->lc_port;
+    if (port <= 0 || port > 65535) {
+      rc = LDAP_PARAM_ERROR;
+      continue;
+    }
+    ldap_unique_str peer(olx_strdup(host));
+    if (!peer) return LDAP_NO_MEMORY;
+    rc = open_connection(&lc->lc_sb, host, htons((uint16_t)port));
+    if (rc == LDAP_TIMEOUT) return rc;  // no time for the next host either
+    if (rc != 0) continue;
+    if (ld->ld_ssl == 1 || lc->lc_ssl == 1) {
+      LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: SSL In use!\n");
+      // A plain session following an ldaps URL takes the current environment.
+      rc = ldap_ssl_hold_env(ld);
+      if (rc == 0) rc = open_ssl_connection_to(ld, &lc->lc_sb, host);
+      if (rc != 0) {
+        LDAP_LOG(LDAP_LOG_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n", rc);
+        close_connection(&lc->lc_sb);
+        clear_conn_connected(lc);
+        if (call_deadline_passed()) return LDAP_TIMEOUT;
+        continue;
+      }
+    }
+    if (set_socket_nb(&lc->lc_sb) == 0) {
+      free(lc->lc_peer_name);
+      lc->lc_peer_name = peer.release();
+      set_conn_connected(lc);
+      return 0;
+    }
+    ssl_close_direct(&lc->lc_sb);
+    rc = LDAP_SERVER_DOWN;
+    close_connection(&lc->lc_sb);
+    clear_conn_connected(lc);
+  }
+  return rc;
+}
+
+int open_default_connection(LDAP *ld) {
+  LDAPConn *lc = get_default_connection(ld);
+  if (lc == nullptr) return LDAP_LOCK_ERROR;
+  return open_ldap_connection(ld, lc);
 }
 }

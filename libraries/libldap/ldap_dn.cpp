@@ -20,16 +20,10 @@ constexpr int kBadType = 1, kBadEscape = 2, kBadHexPair = 3, kBadHexString = 4, 
 bool is_blank(char c) { return c == ' ' || c == '\n' || c == '\t'; }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-bool is_hex(char c) { return is_digit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 bool is_special(char c) { return c != '\0' && strchr("\"+,;<=>", c) != nullptr; }
 bool is_separator(char c) { return c == ',' || c == ';' || c == '+'; }
 // What may follow a backslash as itself.
 bool is_escapable(char c) { return is_blank(c) || (c != '\0' && strchr("\"#+,;<=>\\", c) != nullptr); }
-
-int hex_value(char c) {
-  if (is_digit(c)) return c - '0';
-  return (c | 0x20) - 'a' + 10;
-}
 
 char ascii_upper(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
 
@@ -207,7 +201,7 @@ int scan_value(char *p, ValueSpan *v) {
             return 0;
           }
           value_tx(&state, AFTERQUOTE);
-        } else if (is_hex(c)) {
+        } else if (ldap_is_hex(c)) {
           back = INHEXSTRING;
           value_tx(&state, INHEXPAIR);
         } else {
@@ -227,7 +221,7 @@ int scan_value(char *p, ValueSpan *v) {
         }
         break;
       case INESCAPE:
-        if (is_hex(c)) {
+        if (ldap_is_hex(c)) {
           value_tx(&state, INHEXPAIR);
         } else if (is_escapable(c)) {
           keep = p + 1;
@@ -237,7 +231,7 @@ int scan_value(char *p, ValueSpan *v) {
         }
         break;
       case INHEXPAIR:
-        if (!is_hex(c)) return kBadHexPair;
+        if (!ldap_is_hex(c)) return kBadHexPair;
         keep = p + 1;
         value_tx(&state, back);
         break;
@@ -259,8 +253,8 @@ bool at_value_end(const char *p, char closing) {
 // first or last character of the value.
 bool decode_escape(const char **pp, bool at_start, char closing, char *out) {
   const char *p = *pp;
-  if (is_hex(p[1]) && is_hex(p[2])) {
-    *out = static_cast<char>(hex_value(p[1]) * 16 + hex_value(p[2]));
+  if (ldap_is_hex(p[1]) && ldap_is_hex(p[2])) {
+    *out = static_cast<char>(ldap_hex_value(p[1]) * 16 + ldap_hex_value(p[2]));
     *pp = p + 3;
     return true;
   }
@@ -287,8 +281,8 @@ int decode_quoted(const char *p, char *buf) {
 // least one content byte, all as hex pairs.
 int decode_hex(const char *p, char *buf) {
   auto pair = [&p](int *byte) {
-    if (!is_hex(p[0]) || !is_hex(p[1])) return false;
-    *byte = hex_value(p[0]) * 16 + hex_value(p[1]);
+    if (!ldap_is_hex(p[0]) || !ldap_is_hex(p[1])) return false;
+    *byte = ldap_hex_value(p[0]) * 16 + ldap_hex_value(p[1]);
     p += 2;
     return true;
   };

@@ -21,11 +21,6 @@
 
 namespace {
 
-struct free_deleter {
-  void operator()(void *p) const { free(p); }
-};
-using unique_cstr = std::unique_ptr<char, free_deleter>;
-
 const char kDefaultTisdir[] = "/opt/KRV/ldap/V6.2";
 
 bool is_blank(char c) { return c == ' ' || c == '\t'; }
@@ -38,7 +33,7 @@ bool all_blank(const char *s) {
 
 void set_tisdir() {
   if (ldap_chkenv("TISDIR") != 0) return;
-  unique_cstr home(ldap_getenv("OLX_LDAP_HOME"));
+  ldap_unique_str home(ldap_getenv("OLX_LDAP_HOME"));
   ldap_change_env_var(0, "TISDIR", ':', home ? home.get() : kDefaultTisdir);
 }
 
@@ -87,27 +82,7 @@ void discard_partial(LDAP *ld, int mutexes_made, bool cond_made) {
   free(ld);
 }
 
-bool parse_port(const char *text, int *port) {
-  if (*text == '\0') {
-    *port = 0;
-    return true;
-  }
-  long value = 0;
-  for (const char *p = text; *p != '\0'; ++p) {
-    if (!isdigit((unsigned char)*p)) return false;
-    value = value * 10 + (*p - '0');
-    if (value > 65535) return false;
-  }
-  *port = (int)value;
-  return true;
-}
 
-bool copy_host(const char *begin, size_t len, char *host, size_t host_size) {
-  if (len >= host_size) return false;
-  memcpy(host, begin, len);
-  host[len] = '\0';
-  return true;
-}
 
 // One operation fewer, never below zero.
 void count_down(LDAP *ld) {
@@ -121,25 +96,6 @@ void count_down(LDAP *ld) {
 
 extern "C" {
 
-int ldap_split_host_entry(const char *entry, char *host, size_t host_size, int *port) {
-  *port = 0;
-  if (strlen(entry) >= LDAP_HOST_ENTRY_MAX) return LDAP_PARAM_ERROR;
-  int colons = 0;
-  for (const char *p = entry; *p != '\0'; ++p) colons += *p == ':';
-  if (colons >= 2) {
-    const char *begin = entry[0] == '[' ? entry + 1 : entry;
-    const char *close = strchr(begin, ']');
-    if (close == nullptr) return copy_host(begin, strlen(begin), host, host_size) ? 0 : LDAP_PARAM_ERROR;
-    if (!copy_host(begin, (size_t)(close - begin), host, host_size)) return LDAP_PARAM_ERROR;
-    if (close[1] == ':' && !parse_port(close + 2, port)) return LDAP_PARAM_ERROR;
-    return 0;
-  }
-  const char *colon = strchr(entry, ':');
-  size_t len = colon != nullptr ? (size_t)(colon - entry) : strlen(entry);
-  if (!copy_host(entry, len, host, host_size)) return LDAP_PARAM_ERROR;
-  if (colon != nullptr && !parse_port(colon + 1, port)) return LDAP_PARAM_ERROR;
-  return 0;
-}
 
 LDAPConn *ldap_lc_init(const char *host, int port, int table_size) {
   auto *lc = static_cast<LDAPConn *>(olx_calloc(1, sizeof(LDAPConn)));
@@ -209,7 +165,7 @@ LDAP *ldap_init(const char *host, int port) {
   if (port == 0) port = LDAP_PORT;
   set_tisdir();
 
-  unique_cstr owned_host;  // what this call allocated in place of `host`
+  ldap_unique_str owned_host;  // what this call allocated in place of `host`
   if (host != nullptr) {
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_init: parsing the passing hostname\n");
     char lower[LDAP_MAX_HOSTNAME + 1];
@@ -312,7 +268,7 @@ LDAP *ldap_open(const char *host, int port) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_open: host=%s, port=%d\n", ldap_trace_str(host), port);
   LDAP *ld = ldap_init(host, port);
   if (ld == nullptr) return nullptr;
-  unique_cstr version(ldap_getenv("LDAP_VERSION"));
+  ldap_unique_str version(ldap_getenv("LDAP_VERSION"));
   ld->ld_version = version && strcmp(version.get(), "3") == 0 ? LDAP_VERSION3 : LDAP_VERSION2;
   if (open_default_connection(ld) != 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_open: open_default_connection failed");
@@ -366,68 +322,7 @@ void ldap_end_operation(LDAP *ld) {
   LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
 }
 
-int open_ldap_connection(LDAP *ld, LDAPConn *lc) {
-  LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: ld(%p), lc(%p)\n", (void *)ld, (void *)lc);
-  if (ld == nullptr || lc == nullptr || lc->lc_host == nullptr) return LDAP_PARAM_ERROR;
-  unique_cstr list(olx_strdup(lc->lc_host));
-  if (!list) return LDAP_NO_MEMORY;
-  // Each connection (connect and SSL handshake, over the whole host list)
-  // within the session's network time-out, and within the call's deadline.
-  struct timeval network;
-  const bool bounded = ldap_session_timeout(ld, LDAP_OPT_NETWORK_TIMEOUT, &network);
-  const CallDeadline deadline(bounded ? &network : nullptr);
-  // An empty list connects nothing: that is a failure, not a success.
-  int rc = LDAP_SERVER_DOWN;
-  char *save = nullptr;
-  for (char *entry = strtok_r(list.get(), " \t", &save); entry != nullptr; entry = strtok_r(nullptr, " \t", &save)) {
-    char host[LDAP_HOST_ENTRY_MAX];
-    int port = 0;
-    if (ldap_split_host_entry(entry, host, sizeof host, &port) != 0) {
-      rc = LDAP_PARAM_ERROR;
-      continue;
-    }
-    if (port == 0) port = lc->lc_port;
-    if (port <= 0 || port > 65535) {
-      rc = LDAP_PARAM_ERROR;
-      continue;
-    }
-    unique_cstr peer(olx_strdup(host));
-    if (!peer) return LDAP_NO_MEMORY;
-    rc = open_connection(&lc->lc_sb, host, htons((uint16_t)port));
-    if (rc == LDAP_TIMEOUT) return rc;  // no time for the next host either
-    if (rc != 0) continue;
-    if (ld->ld_ssl == 1 || lc->lc_ssl == 1) {
-      LDAP_LOG(LDAP_LOG_TRACE, "open_ldap_connection: SSL In use!\n");
-      // A plain session following an ldaps URL takes the current environment.
-      rc = ldap_ssl_hold_env(ld);
-      if (rc == 0) rc = open_ssl_connection_to(ld, &lc->lc_sb, host);
-      if (rc != 0) {
-        LDAP_LOG(LDAP_LOG_ERROR, "open_ldap_connection: open_ssl_connection failed with rc=%d\n", rc);
-        close_connection(&lc->lc_sb);
-        clear_conn_connected(lc);
-        if (call_deadline_passed()) return LDAP_TIMEOUT;
-        continue;
-      }
-    }
-    if (set_socket_nb(&lc->lc_sb) == 0) {
-      free(lc->lc_peer_name);
-      lc->lc_peer_name = peer.release();
-      set_conn_connected(lc);
-      return 0;
-    }
-    ssl_close_direct(&lc->lc_sb);
-    rc = LDAP_SERVER_DOWN;
-    close_connection(&lc->lc_sb);
-    clear_conn_connected(lc);
-  }
-  return rc;
-}
 
-int open_default_connection(LDAP *ld) {
-  LDAPConn *lc = get_default_connection(ld);
-  if (lc == nullptr) return LDAP_LOCK_ERROR;
-  return open_ldap_connection(ld, lc);
-}
 }
 
 namespace {

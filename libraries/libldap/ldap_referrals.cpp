@@ -23,10 +23,6 @@ using ldap_proto::kSearchDone;
 using ldap_proto::kSearchReference;
 constexpr const char kPagedResultsOid[] = "1.2.840.113556.1.4.319";
 
-struct FreeDeleter {
-  void operator()(void *p) const { free(p); }
-};
-using CharPtr = std::unique_ptr<char, FreeDeleter>;
 struct BerDeleter {
   void operator()(BerElement *b) const { fber_free(b); }
 };
@@ -346,7 +342,7 @@ BerElement *re_encode_request(LDAP *ld, BerElement *ber, int newid, LDAPURLDesc 
     got = fber_scanf(old.get(), "a", &dn_raw);
   else
     got = fber_scanf(old.get(), "{a", &dn_raw);
-  CharPtr old_dn(dn_raw);
+  ldap_unique_str old_dn(dn_raw);
   if (got == LBER_ERROR) return fail(LDAP_DECODING_ERROR);
   if (lud->lud_dn == nullptr) lud->lud_dn = old_dn.release();
   const char *dn = lud->lud_dn != nullptr ? lud->lud_dn : "";
@@ -386,7 +382,7 @@ BerElement *re_encode_request(LDAP *ld, BerElement *ber, int newid, LDAPURLDesc 
       char *rdn_raw = nullptr;
       int deleteold = 0;
       got = fber_scanf(old.get(), "ai", &rdn_raw, &deleteold);
-      CharPtr rdn(rdn_raw);
+      ldap_unique_str rdn(rdn_raw);
       if (got == LBER_ERROR) return fail(LDAP_DECODING_ERROR);
       if (fber_printf(b, "{it{ssb", newid, (ber_tag_t)tag, dn, rdn.get(), deleteold) != 0)
         return fail(LDAP_ENCODING_ERROR);
@@ -395,7 +391,7 @@ BerElement *re_encode_request(LDAP *ld, BerElement *ber, int newid, LDAPURLDesc 
         int sup_tag = 0;
         char *sup_raw = nullptr;
         got = fber_scanf(old.get(), "ta", &sup_tag, &sup_raw);
-        CharPtr sup(sup_raw);
+        ldap_unique_str sup(sup_raw);
         if (got == LBER_ERROR) return fail(LDAP_DECODING_ERROR);
         if (fber_printf(b, "ts", (ber_tag_t)sup_tag, sup.get()) != 0) return fail(LDAP_ENCODING_ERROR);
       }
@@ -488,14 +484,14 @@ int send_referral_bind_request(LDAP *ld, ldap_msg_table *table) {
   } else {
     LDAP_LOG(LDAP_LOG_TRACE, "send_referral_bind_request: sending bind request\n");
     int recorded = 0;
-    CharPtr mech;
+    ldap_unique_str mech;
     struct berval *cred = nullptr;
     if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
       rc = LDAP_LOCK_ERROR;
     } else {
       recorded = want_sasl ? ld->ld_bind_method : 0;
       if (want_sasl && recorded != 2) rc = LDAP_AUTH_UNKNOWN;  // nothing recorded to repeat
-      if (recorded == 2 && ld->ld_bind_mech != nullptr && !(mech = CharPtr(olx_strdup(ld->ld_bind_mech))))
+      if (recorded == 2 && ld->ld_bind_mech != nullptr && !(mech = ldap_unique_str(olx_strdup(ld->ld_bind_mech))))
         rc = LDAP_NO_MEMORY;
       if (rc == 0 && recorded == 2 && ld->ld_bind_cred != nullptr) {
         cred = static_cast<struct berval *>(olx_calloc(1, sizeof(struct berval)));
@@ -765,7 +761,7 @@ LDAPMessage *chase_v2_referrals(LDAP *ld, LDAPMessage *msg, const char *text, st
   for (size_t i = 0; i + 10 <= len && at == len; ++i)
     if ((text[i] == 'R' || text[i] == 'r') && strncasecmp(text + i, "Referral:\n", 10) == 0) at = i;
   if (at == len) return msg;
-  CharPtr copy(olx_strdup(text + at + 10));
+  ldap_unique_str copy(olx_strdup(text + at + 10));
   if (!copy) {
     *err = LDAP_NO_MEMORY;
     return nullptr;

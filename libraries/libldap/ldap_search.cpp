@@ -12,19 +12,8 @@
 
 namespace {
 
-struct FreeDeleter {
-  void operator()(void *p) const { free(p); }
-};
-using CharPtr = std::unique_ptr<char, FreeDeleter>;
-
 inline bool is_ws(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
-inline bool is_hex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
-
-inline int hex_value(char c) {
-  if (c <= '9') return c - '0';
-  return (c | 0x20) - 'a' + 10;
-}
 
 // The ")" matching an already opened "(" (depth 1 at p); a backslash makes
 // the next character ordinary.  Null when the string ends first.
@@ -143,13 +132,13 @@ int compress_hex(char *s) {
       *w++ = *r++;
       continue;
     }
-    if (!is_hex(r[1]) || !is_hex(r[2])) return -1;
+    if (!ldap_is_hex(r[1]) || !ldap_is_hex(r[2])) return -1;
     if (r[1] == '0' && r[2] == '0') {
       // A NUL would end the C string the encoder writes, so it stays escaped.
       if (w != r) memmove(w, r, 3);
       w += 3;
     } else {
-      *w++ = static_cast<char>(hex_value(r[1]) << 4 | hex_value(r[2]));
+      *w++ = static_cast<char>(ldap_hex_value(r[1]) << 4 | ldap_hex_value(r[2]));
     }
     r += 3;
   }
@@ -207,7 +196,7 @@ int put_extensible_filter(BerElement *ber, char *before, char *value) {
 }
 
 int put_simple_filter(BerElement *ber, const char *item) {
-  CharPtr copy(olx_strdup(item));
+  ldap_unique_str copy(olx_strdup(item));
   if (copy == nullptr) return -1;
   char *attr = copy.get();
   char *eq = strchr(attr, '=');
@@ -272,7 +261,7 @@ int put_filter(BerElement *ber, const char *filter, int nested) {
     }
     fold_overlines(raw);
   }
-  CharPtr copy(raw);
+  ldap_unique_str copy(raw);
   return walk_filter(ber, copy.get());
 }
 
