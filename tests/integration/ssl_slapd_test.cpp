@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -20,6 +21,7 @@
 #include <tuple>
 
 #include "fake_server.h"
+#include "fber-stream.h"
 #include "ldap-debug.h"
 #include "ldap-engine.h"
 #include "ldap-search.h"
@@ -617,6 +619,8 @@ class OpensslServer {
     if (reader_.joinable()) reader_.join();
   }
   int port() const { return port_; }
+  // s_server sends what it reads from its input to the client.
+  void send(const std::string &text) { EXPECT_EQ(write(stdin_, text.data(), text.size()), (ssize_t)text.size()); }
   // Waits until `text` has been written `count` times in all.
   bool wait_for(const std::string &text, int count = 1) {
     std::unique_lock<std::mutex> lock(mu_);
@@ -786,6 +790,83 @@ TEST_F(SslPeer, SessionsAreResumedOnlyWithTheServerThatIssuedThem) {
   visit(first);
   ASSERT_TRUE(first.wait_for(kSummary, 2)) << first.output();
   EXPECT_NE(first.output().find("Reused session-id"), std::string::npos) << first.output();
+  ldap_unbind(ld);
+}
+
+// The front of a record still arriving is not readable: once the toolkit
+// reads ahead, raw bytes it holds are readable only when they make up a whole
+// record, or the stream layer would spin instead of waiting for the socket.
+TEST_F(SslPeer, TheFrontOfARecordIsNotReadableUntilTheRestArrives) {
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
+  OpensslServer server({"-cert", certs.path() + "/server.pem", "-key", certs.path() + "/server.key"});
+  ASSERT_TRUE(server.wait_for("ACCEPT"));
+  // A relay the test holds: what the server writes waits in `held` while `hold` is set.
+  int relay_port = 0;
+  const int listener = tavtest::loopback_listen(1, &relay_port);
+  ASSERT_GE(listener, 0);
+  std::atomic<bool> hold{false}, stop{false};
+  std::mutex mu;
+  std::string held;
+  std::atomic<int> to_client{-1};
+  std::thread relay([&] {
+    const int client = accept(listener, nullptr, nullptr), up = tavtest::loopback_connect(server.port());
+    to_client = client;
+    char buf[4096];
+    while (!stop) {
+      pollfd p[2] = {{client, POLLIN, 0}, {up, POLLIN, 0}};
+      if (poll(p, 2, 20) <= 0) continue;
+      ssize_t n;
+      if ((p[0].revents & POLLIN) && (n = read(client, buf, sizeof buf)) > 0) (void)!write(up, buf, (size_t)n);
+      if ((p[1].revents & POLLIN) && (n = read(up, buf, sizeof buf)) > 0) {
+        std::lock_guard<std::mutex> lock(mu);
+        if (hold)
+          held.append(buf, (size_t)n);
+        else
+          (void)!write(client, buf, (size_t)n);
+      }
+    }
+    close(up);
+  });
+  LDAP *ld = ldap_ssl_init("127.0.0.1", relay_port, nullptr);
+  Sockbuf sb{};
+  ASSERT_EQ(secure_connect(ld, relay_port, "127.0.0.1", &sb), 0);
+  hold = true;
+  server.send("hello\n");
+  // Everything the server wrote is held once it stops growing.
+  size_t size = 0;
+  for (int quiet = 0; quiet < 10; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+    std::lock_guard<std::mutex> lock(mu);
+    quiet = held.size() == size && size > 0 ? quiet + 1 : 0;
+    size = held.size();
+  }
+  const tav_handle conn = *static_cast<tav_handle *>(sb.sb_ssl);
+  char text[64];
+  int count = -1;
+  {
+    // All but the last five bytes: the record with "hello" is cut short.
+    std::lock_guard<std::mutex> lock(mu);
+    ASSERT_EQ(write(to_client.load(), held.data(), size - 5), (ssize_t)(size - 5));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(tav_fn.secure_soc_read(conn, text, sizeof text, &count), 502) << "the front is read and kept";
+  struct timeval none = {0, 0}, ten = {10, 0};
+  EXPECT_EQ(tav_fn.secure_soc_read(conn, nullptr, 1, &count), 0);
+  EXPECT_EQ(count, 0) << "a partial record is not readable";
+  EXPECT_EQ(fber_select(&sb, &none), 0);
+  {
+    std::lock_guard<std::mutex> lock(mu);
+    ASSERT_EQ(write(to_client.load(), held.data() + size - 5, 5), 5);
+  }
+  EXPECT_EQ(fber_select(&sb, &ten), 1);
+  EXPECT_EQ(tav_fn.secure_soc_read(conn, nullptr, 1, &count), 0);
+  EXPECT_EQ(count, 6) << "the whole record is";
+  EXPECT_EQ(tav_fn.secure_soc_read(conn, text, sizeof text, &count), 0);
+  EXPECT_EQ(std::string(text, (size_t)count), "hello\n");
+  stop = true;
+  relay.join();
+  secure_close(&sb);
+  close(to_client.load());
+  close(listener);
   ldap_unbind(ld);
 }
 
