@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc_sweep.h"
 #include "ldap-iconv.h"
 #include "ldap-utils.h"
 
@@ -242,18 +243,11 @@ TEST_F(Engine, MalformedTablesAreRefused) {
 // EUC-JP and GB18030 allocate a second array when loaded.
 TEST_F(Engine, EveryAllocationFailureWhileOpeningRefusesTheTable) {
   for (const char *name : {"EUCJP", "GB18030"}) {
-    for (long n = 1;; ++n) {
-      olx_fail_alloc_at(n);
-      ldap_cs_converter *cv = ldap_cs_open(name);
-      const long counted = olx_fail_alloc_at(0);
-      if (counted < n) {  // the nth allocation never came: all swept
-        EXPECT_NE(cv, nullptr) << name;
-        ldap_cs_close(cv);
-        break;
-      }
-      EXPECT_EQ(cv, nullptr) << name << " failing allocation " << n;
-      ldap_cs_close(cv);
-    }
+    tavtest::sweep_allocations([&] { return ldap_cs_open(name); },
+                               [&](ldap_cs_converter *cv, bool failed, long n) {
+                                 EXPECT_EQ(cv == nullptr, failed) << name << " failing allocation " << n;
+                                 ldap_cs_close(cv);
+                               });
   }
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "alloc_sweep.h"
 #include "ber_build.h"
 #include "ldap-controls.h"
 #include "ldap-engine.h"
@@ -98,18 +99,14 @@ TEST(ControlDecoding, AcceptsTheThreeShapesAndRefusesEverythingElse) {
       tlv(ldap_proto::kControls, tlv(ldap_proto::kSequence, str("1.1")) + tlv(ldap_proto::kSequence, str("1.2")) +
                                      tlv(ldap_proto::kSequence, str("1.3") + str("v")));
   int no_memory = 0;
-  for (long n = 1;; ++n) {
-    olx_fail_alloc_at(n);
-    int rc = decode(three, &list);
-    if (olx_fail_alloc_at(0) < n) {
-      ASSERT_EQ(rc, 0);
-      ldap_controls_free(list);
-      break;
-    }
-    EXPECT_TRUE(rc == LDAP_NO_MEMORY || rc == LDAP_DECODING_ERROR) << n << ": " << rc;
-    EXPECT_EQ(list, nullptr);
-    no_memory += rc == LDAP_NO_MEMORY;
-  }
+  tavtest::sweep_allocations([&] { return decode(three, &list); },
+                             [&](int rc, bool failed, long n) {
+                               EXPECT_TRUE(failed ? rc == LDAP_NO_MEMORY || rc == LDAP_DECODING_ERROR : rc == 0)
+                                   << n << ": " << rc;
+                               EXPECT_EQ(list == nullptr, failed);
+                               ldap_controls_free(std::exchange(list, nullptr));
+                               no_memory += rc == LDAP_NO_MEMORY;
+                             });
   EXPECT_GT(no_memory, 0);
 }
 

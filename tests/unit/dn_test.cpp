@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc_sweep.h"
 #include "ldap-debug.h"
 #include "ldap-dn.h"
 #include "ldap-utils.h"
@@ -183,15 +184,10 @@ TEST(DnAllocation, EveryFailureGivesNoneAndLeaksNothing) {
   for (int k = 0; k < 6; ++k) {  // the public forms, then ldap_dn_parse
     for (const char *dn : {"cn=Jo Smith+sn=\\#x,ou=People;o=#04034A6F65", "cn=a,b", "", "a.b.c.d.e.f.g.h.i@j"}) {
       const List expected = run(k, dn);
-      for (long n = 1;; ++n) {
-        olx_fail_alloc_at(n);
-        List r = run(k, dn);
-        if (olx_fail_alloc_at(0) < n) {
-          EXPECT_EQ(r, expected) << k << " " << dn;
-          break;
-        }
-        EXPECT_EQ(r, kNone) << k << " " << dn << " allocation " << n;
-      }
+      tavtest::sweep_allocations([&] { return run(k, dn); },
+                                 [&](const List &r, bool failed, long n) {
+                                   EXPECT_EQ(r, failed ? kNone : expected) << k << " " << dn << " allocation " << n;
+                                 });
     }
   }
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc_sweep.h"
 #include "ber_build.h"
 #include "ldap-protocol.h"
 #include "ldap-search.h"
@@ -182,23 +183,19 @@ TEST_P(Chain, MissingArgumentsMalformedAndTruncatedEntries) {
 TEST_P(Chain, AllocationFailuresGiveNullAndNoMemory) {
   LDAPMessage *e = add(kEntry);
   for (int reader = 0; reader < 3; ++reader) {
-    for (long n = 1;; ++n) {
-      BerElement *cursor = nullptr;
-      olx_fail_alloc_at(n);
-      void *got = reader == 0   ? (void *)ldap_first_attribute(ld, e, &cursor)
-                  : reader == 1 ? (void *)ldap_get_values_len(ld, e, "mail")
-                                : (void *)ldap_get_dn(ld, e);
-      const long used = olx_fail_alloc_at(0);
+    BerElement *cursor = nullptr;
+    auto read = [&] {
+      return reader == 0   ? (void *)ldap_first_attribute(ld, e, &cursor)
+             : reader == 1 ? (void *)ldap_get_values_len(ld, e, "mail")
+                           : (void *)ldap_get_dn(ld, e);
+    };
+    tavtest::sweep_allocations(read, [&](void *got, bool failed, long n) {
       const int err = ldap_get_errno(ld);
       reader == 1 ? ldap_value_free_len(static_cast<struct berval **>(got)) : free(got);
-      ldap_ber_free(cursor);
-      if (used < n) {
-        EXPECT_NE(got, nullptr) << reader;
-        break;
-      }
-      EXPECT_EQ(got, nullptr) << reader << " allocation " << n;
-      EXPECT_TRUE(err == LDAP_NO_MEMORY || err == LDAP_DECODING_ERROR) << reader << " allocation " << n << ": " << err;
-    }
+      ldap_ber_free(std::exchange(cursor, nullptr));
+      EXPECT_EQ(got == nullptr, failed) << reader << " allocation " << n;
+      EXPECT_TRUE(!failed || err == LDAP_NO_MEMORY || err == LDAP_DECODING_ERROR) << reader << " " << n << ": " << err;
+    });
   }
 }
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 
+#include "alloc_sweep.h"
 #include "ber_build.h"
 #include "ldap-protocol.h"
 #include "ldap-utils.h"
@@ -162,15 +163,10 @@ TEST(FberEncode, AllocationFailureAtEveryStepOfAGrowingEncode) {
   };
   Ber ref(fber_alloc_with_options(0, 0, 3));
   ASSERT_EQ(scenario(ref.get()), 0);
-  for (long n = 1;; ++n) {
-    olx_fail_alloc_at(n);
-    Ber b(fber_alloc_with_options(0, 0, 3));
-    int rc = b ? scenario(b.get()) : -1;
-    if (n > olx_fail_alloc_at(0)) {
-      ASSERT_EQ(rc, 0);
-      EXPECT_EQ(written(b.get()), written(ref.get()));
-      break;
-    }
-    EXPECT_EQ(rc, -1) << "allocation " << n;
-  }
+  Ber b;
+  tavtest::sweep_allocations([&] { return b.reset(fber_alloc_with_options(0, 0, 3)), b ? scenario(b.get()) : -1; },
+                             [&](int rc, bool failed, long n) {
+                               ASSERT_EQ(rc, failed ? -1 : 0) << "allocation " << n;
+                               EXPECT_TRUE(failed || written(b.get()) == written(ref.get()));
+                             });
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "alloc_sweep.h"
 #include "ber_build.h"
 #include "ldap-utils.h"
 #include "process.h"
@@ -42,16 +43,12 @@ TEST(FberElement, AllocationFailuresLeaveNothingBehind) {
   std::string data(7000, 'd');
   berval bv{data.size(), data.data()};
   for (int ctor = 0; ctor < 2; ++ctor) {
-    for (long n = 1;; ++n) {
-      olx_fail_alloc_at(n);
-      Ber b(ctor == 0 ? fber_alloc_with_options(0, 0, 3) : fber_init2(&bv));
-      if (n > olx_fail_alloc_at(0)) {
-        ASSERT_TRUE(b);
-        EXPECT_TRUE(ctor != 0 || (*b->ber_version == 3 && *b->ber_noxlate == 0));  // owned copies
-        break;
-      }
-      EXPECT_FALSE(b) << "allocation " << n;
-    }
+    tavtest::sweep_allocations([&] { return ctor == 0 ? fber_alloc_with_options(0, 0, 3) : fber_init2(&bv); },
+                               [&](BerElement *made, bool failed, long n) {
+                                 Ber b(made);
+                                 ASSERT_EQ(!b, failed) << "allocation " << n;
+                                 EXPECT_TRUE(failed || ctor != 0 || (*b->ber_version == 3 && *b->ber_noxlate == 0));
+                               });
   }
   // A failed growth leaves the element as it was.
   Ber b(fber_alloc_t(2));

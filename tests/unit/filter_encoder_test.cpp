@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
+#include "alloc_sweep.h"
 #include "ber_build.h"
 #include "ldap-search.h"
 #include "ldap-utils.h"
@@ -89,11 +91,10 @@ TEST(FilterEncoder, AMegabyteOfOverlinesFoldsWithoutRecursing) {
 
 TEST(FilterEncoder, MalformedFiltersAreRefused) {
   const char *bad[] = {"(cn=a\\)b)",  // "\\)" is no hex pair
-                       "(a=1))",     "(a=1",     "a",           "(a)",          "(&(a=1)",
-                       "(&(a=1)x)",  ")",        "(cn=\\zz)",   "(cn=\\4)",     "(cn=\\",
-                       "(cn=x\\",    "(:=x)",    "(cn::r:=x)",  "(cn:dn:::=x)", "((a=1)",
-                       "(:dn:=x)",   "(cn::=x)", "(cn:dn::=x)", "(cn:r:s:=x)",
-                       "(&(a=1)))",  "(a=\\g0)", "(cn=a*\\q*)", "(!(a=1)(b)",   "(|(a=1)((b=2))"};
+                       "(a=1))",      "(a=1",         "a",        "(a)",         "(&(a=1)",    "(&(a=1)x)",
+                       ")",           "(cn=\\zz)",    "(cn=\\4)", "(cn=\\",      "(cn=x\\",    "(:=x)",
+                       "(cn::r:=x)",  "(cn:dn:::=x)", "((a=1)",   "(:dn:=x)",    "(cn::=x)",   "(cn:dn::=x)",
+                       "(cn:r:s:=x)", "(&(a=1)))",    "(a=\\g0)", "(cn=a*\\q*)", "(!(a=1)(b)", "(|(a=1)((b=2))"};
   for (const char *f : bad) EXPECT_EQ(encode(f), "refused") << f;
 }
 
@@ -136,34 +137,23 @@ TEST(SortKeyList, KeysSplitIntoNameRuleAndReverseFlag) {
 }
 
 TEST(SortKeyList, EveryAllocationFailureGivesNoMemoryAndLeaksNothing) {
-  for (long n = 1;; ++n) {
-    olx_fail_alloc_at(n);
-    LDAPsortkey **keys = nullptr;
-    const int rc = ldap_create_sort_keylist(&keys, "cn -sn:rule uid:r2");
-    const long used = olx_fail_alloc_at(0);
-    if (rc == 0) {
-      ldap_free_sort_keylist(keys);
-      EXPECT_LT(used, n);
-      break;
-    }
-    EXPECT_EQ(rc, LDAP_NO_MEMORY) << n;
-    EXPECT_EQ(keys, nullptr);
-  }
+  LDAPsortkey **keys = nullptr;
+  tavtest::sweep_allocations([&] { return ldap_create_sort_keylist(&keys, "cn -sn:rule uid:r2"); },
+                             [&](int rc, bool failed, long n) {
+                               EXPECT_EQ(rc, failed ? LDAP_NO_MEMORY : 0) << n;
+                               EXPECT_EQ(keys == nullptr, failed);
+                               if (keys) ldap_free_sort_keylist(std::exchange(keys, nullptr));
+                             });
 }
 
 TEST(FilterEncoder, AllocationFailuresRefuseTheFilter) {
-  for (long n = 1; n < 64; ++n) {
-    BerElement *ber = fber_alloc();
-    olx_fail_alloc_at(n);
-    const int rc = put_filter(ber, "(&(cn=a*b)(!(sn=x\\41))(cn:dn:r:=v))", 0);
-    const long used = olx_fail_alloc_at(0);
-    fber_free(ber);
-    if (used < n) {
-      EXPECT_EQ(rc, 0);
-      break;
-    }
-    EXPECT_EQ(rc, -1) << n;
-  }
+  BerElement *ber = fber_alloc();
+  tavtest::sweep_allocations([&] { return put_filter(ber, "(&(cn=a*b)(!(sn=x\\41))(cn:dn:r:=v))", 0); },
+                             [&](int rc, bool failed, long n) {
+                               EXPECT_EQ(rc, failed ? -1 : 0) << n;
+                               fber_free(std::exchange(ber, fber_alloc()));
+                             });
+  fber_free(ber);
 }
 
 }  // namespace

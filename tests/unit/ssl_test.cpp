@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "alloc_sweep.h"
 #include "ldap-debug.h"
 #include "ldap-ssl.h"
 #include "ldap-utils.h"
@@ -105,17 +106,10 @@ TEST(SslToolkitName, GenerationAndPlaceFromTheEnvironment) {
 }
 
 TEST(SslToolkitName, AllocationFailuresGiveNull) {
-  for (long n = 1;; ++n) {
-    olx_fail_alloc_at(n);
-    char *path = ldap_get_default_libpath();
-    long used = olx_fail_alloc_at(0);
-    if (used < n) {
-      EXPECT_STREQ(path, "/usr/lib/64/libtav7ssl_64.so");
-      free(path);
-      break;
-    }
-    EXPECT_EQ(path, nullptr) << "allocation " << n;
-  }
+  tavtest::sweep_allocations(ldap_get_default_libpath, [](char *path, bool failed, long n) {
+    EXPECT_STREQ(path, failed ? nullptr : "/usr/lib/64/libtav7ssl_64.so") << "allocation " << n;
+    free(path);
+  });
 }
 
 TEST(SslLoader, EdgesAndUnloadedToolkit) {

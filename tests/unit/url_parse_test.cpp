@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
+#include "alloc_sweep.h"
 #include "ldap-int.h"
 #include "ldap-utils.h"
 
@@ -91,18 +93,13 @@ TEST(UrlParse, RefusalsLeaveNothingBehind) {
 
 TEST(UrlParse, EveryAllocationFailureGivesUrlErrMem) {
   for (const char *url : {"<URL:ldap://h%41:1389/o%3Dx?cn,mail,,sn?sub?(a=b)>", "ldaps://h", "ldap:///"}) {
-    for (long n = 1;; ++n) {
-      olx_fail_alloc_at(n);
-      LDAPURLDesc *lud = nullptr;
-      int rc = ldap_url_parse(url, &lud);
-      if (olx_fail_alloc_at(0) < n) {
-        ASSERT_EQ(rc, 0) << url;
-        ldap_free_urldesc(lud);
-        break;
-      }
-      EXPECT_EQ(rc, LDAP_URL_ERR_MEM) << url << " allocation " << n;
-      EXPECT_EQ(lud, nullptr);
-    }
+    LDAPURLDesc *lud = nullptr;
+    tavtest::sweep_allocations([&] { return ldap_url_parse(url, &lud); },
+                               [&](int rc, bool failed, long n) {
+                                 EXPECT_EQ(rc, failed ? LDAP_URL_ERR_MEM : 0) << url << " allocation " << n;
+                                 EXPECT_EQ(lud == nullptr, failed);
+                                 ldap_free_urldesc(std::exchange(lud, nullptr));
+                               });
   }
 }
 
