@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc_sweep.h"
 #include "dns_peer.h"
 #include "ldap-debug.h"
 #include "ldap-dns.h"
@@ -339,20 +340,14 @@ TEST_F(DnsLocate, EveryAllocationFailureGivesNoMemory) {
                                                                     .source = 0,
                                                                     .file = dir->file("sweep.conf")}}) {
     CRequest c(q);
-    for (long n = 1;; ++n) {
-      LDAPServerInfo *list = nullptr;
-      olx_fail_alloc_at(n);
-      int rc = ldap_server_locate(&c.r, &list);
-      long used = olx_fail_alloc_at(0);
-      ldap_server_free_list(list);
-      if (used < n) {
-        EXPECT_EQ(rc, 0);
-        EXPECT_GT(n, 10);  // the hook reached the locator's allocations
-        break;
-      }
-      ASSERT_EQ(rc, LDAP_NO_MEMORY) << "allocation " << n;
-      EXPECT_EQ(list, nullptr);
-    }
+    LDAPServerInfo *list = nullptr;
+    const long runs = sweep_allocations([&] { return ldap_server_locate(&c.r, &list); },
+                                        [&](int rc, bool failed, long n) {
+                                          ASSERT_EQ(rc, failed ? LDAP_NO_MEMORY : 0) << "allocation " << n;
+                                          EXPECT_EQ(list == nullptr, failed);
+                                          ldap_server_free_list(std::exchange(list, nullptr));
+                                        });
+    EXPECT_GT(runs, 10);  // the hook reached the locator's allocations
   }
 }
 
