@@ -17,11 +17,8 @@ namespace {
 
 class Everyday : public tavtest::SlapdSuite<Everyday> {
  public:
-  static tavtest::SlapdOptions options() {
-    tavtest::SlapdOptions o;
-    o.people = 1500;  // a subtree search long enough to be abandoned midway
-    return o;
-  }
+  // A subtree search long enough to be abandoned midway.
+  static tavtest::SlapdOptions options() { return {.people = 1500}; }
 };
 
 std::string bv_text(const struct berval *bv) { return bv != nullptr ? std::string(bv->bv_val, bv->bv_len) : "(none)"; }

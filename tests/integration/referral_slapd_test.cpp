@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "keydb.h"
 #include "ldap-search.h"
 #include "ldap-ssl.h"
 #include "ldap-update.h"
@@ -319,13 +320,7 @@ TEST(ReferralsOverSsl, LdapsReferralsAreChasedOverSslOrNotAtAll) {
   ASSERT_TRUE(servers.started()) << servers.error();
   tavtest::TempDir dir;
   const std::string kdb = dir.file("b-ca.kdb"), kdb_pw = "kdb-pass";
-  for (const std::vector<std::string> &args :
-       {std::vector<std::string>{TAV_KEYDB_TOOL, "create", kdb, "-pw", kdb_pw},
-        {TAV_KEYDB_TOOL, "add-ca", kdb, "-pw", kdb_pw, "-label", "ca", "-cert", servers.b().tls_file("ca.pem")}}) {
-    const tavtest::ProcessResult r = tavtest::run_process(args);
-    ASSERT_EQ(r.exit_code, 0) << args[1] << ": " << r.err;
-  }
-  setenv("TAVLIB_LOCAL_INSTALL_MODE", "1", 1);  // the toolkit from the build
+  ASSERT_EQ(tavtest::trusting_keydb(kdb, kdb_pw, servers.b().tls_file("ca.pem")), "");
   const std::string secure = "ou=secure," + ReferralServers::kSuffix;
   const std::string portless = "ldaps://127.0.0.1/" + ReferralServers::branch() + "??sub";
   const std::string to_636 = "host(127.0.0.1) port(636)";

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "keydb.h"
 #include "ldap-engine.h"
 #include "ldap-protocol.h"
 #include "ldap-search.h"
@@ -23,23 +24,14 @@ namespace {
 
 class SslConcurrency : public tavtest::SlapdSuite<SslConcurrency> {
  public:
-  static tavtest::SlapdOptions options() {
-    tavtest::SlapdOptions o;
-    o.tls = true;
-    o.people = 20;
-    return o;
-  }
+  static tavtest::SlapdOptions options() { return {.people = 20, .tls = true}; }
 };
 
 TEST_F(SslConcurrency, EightThreadsSearchOneSecureSessionAtOnce) {
   ASSERT_NE(slapd, nullptr);
-  setenv("TAVLIB_LOCAL_INSTALL_MODE", "1", 1);
   tavtest::TempDir dir;
   const std::string kdb = dir.file("client.kdb");
-  for (const auto &args : std::vector<std::vector<std::string>>{
-           {TAV_KEYDB_TOOL, "create", kdb, "-pw", "pw"},
-           {TAV_KEYDB_TOOL, "add-ca", kdb, "-pw", "pw", "-label", "ca", "-cert", slapd->tls_file("ca.pem")}})
-    ASSERT_EQ(tavtest::run_process(args).exit_code, 0);
+  ASSERT_EQ(tavtest::trusting_keydb(kdb, "pw", slapd->tls_file("ca.pem")), "");
   ASSERT_EQ(ldap_ssl_client_init(kdb.c_str(), "pw", 0, nullptr), 0);
   LDAP *ld = ldap_ssl_init("127.0.0.1", slapd->tls_port(), nullptr);
   ASSERT_NE(ld, nullptr);

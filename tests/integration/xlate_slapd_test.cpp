@@ -45,10 +45,8 @@ std::string local(const char *cs, const std::string &utf8, char subst = '?') {
 class XlateSlapd : public tavtest::SlapdSuite<XlateSlapd> {
  public:
   static tavtest::SlapdOptions options() {
-    tavtest::SlapdOptions o;
-    o.extra_ldif = std::string("dn: cn=Polyglot,") + SlapdServer::kPeopleDn +
-                   "\nobjectClass: person\ncn: Polyglot\nsn: " + kPolyglot + "\n\n";
-    return o;
+    return {.extra_ldif = std::string("dn: cn=Polyglot,") + SlapdServer::kPeopleDn +
+                          "\nobjectClass: person\ncn: Polyglot\nsn: " + kPolyglot + "\n\n"};
   }
   void SetUp() override {
     setenv("TISDIR", TAV_BUILD_DIR, 1);  // before ldap_init, which keeps a set TISDIR

@@ -17,11 +17,10 @@
 namespace tavtest {
 
 inline SlapdOptions sasl_slapd_options() {
-  SlapdOptions o;
-  o.global_config =
-      "sasl-auxprops slapd\nsasl-host 127.0.0.1\nsasl-realm example\nsasl-secprops noanonymous\n"
-      "authz-regexp \"^uid=([^,@]+)(@[^,]+)?,(cn=[^,]+,)?cn=[^,]+,cn=auth$\" \"uid=$1,ou=People,dc=example,dc=com\"\n";
-  return o;
+  return {.global_config =
+              "sasl-auxprops slapd\nsasl-host 127.0.0.1\nsasl-realm example\nsasl-secprops noanonymous\n"
+              "authz-regexp \"^uid=([^,@]+)(@[^,]+)?,(cn=[^,]+,)?cn=[^,]+,cn=auth$\" "
+              "\"uid=$1,ou=People,dc=example,dc=com\"\n"};
 }
 
 // Writes `text` as krvldap.conf into `dir`, points KRVLDAP_CONF there and

@@ -14,25 +14,25 @@
 namespace tavtest {
 
 struct SlapdOptions {
-  bool allow_v2 = false;             // "allow bind_v2"
-  std::vector<std::string> modules;  // extra modules to load: "ppolicy", "sssvlv", ...
-  std::string global_config;         // lines before the database section
-  std::string database_config;       // lines after the database section (overlays, limits)
+  bool allow_v2 = false;                  // "allow bind_v2"
+  std::vector<std::string> modules = {};  // extra modules to load: "ppolicy", "sssvlv", ...
+  std::string global_config = {};         // lines before the database section
+  std::string database_config = {};       // lines after the database section (overlays, limits)
   // ACLs for the database; the default lets anyone read and authenticated
   // users write their own entry.
   std::string access =
       "access to attrs=userPassword by self write by anonymous auth by * none\n"
       "access to * by self write by users read by anonymous read\n";
-  std::string extra_ldif;  // more entries, appended after the base data
-  int people = 5;          // uid=user1..userN under ou=People, password "passN"
-  int port = 0;            // listening port; 0 picks a free one
+  std::string extra_ldif = {};  // more entries, appended after the base data
+  int people = 5;               // uid=user1..userN under ou=People, password "passN"
+  int port = 0;                 // listening port; 0 picks a free one
   // An ldaps listener too, with certificates made in dir()/tls by the openssl
   // command: ca.pem (the CA), server.pem/.key (localhost, 127.0.0.1),
   // client.pem/.key (subject "CN=tls-client,O=Example", mapped to uid=user1
   // for SASL EXTERNAL), other-ca.pem (a CA the server does not use).
   bool tls = false;
-  bool tls_server_expired = false;  // the server certificate expired yesterday
-  std::string tls_cipher_suite;     // slapd's TLSCipherSuite, when set
+  bool tls_server_expired = false;                              // the server certificate expired yesterday
+  std::string tls_cipher_suite = {};                            // slapd's TLSCipherSuite, when set
   std::string tls_server_names = "DNS:localhost,IP:127.0.0.1";  // the server certificate's subjectAltName
 };
 
