@@ -44,12 +44,10 @@ std::string policy_ldif() {
 class Bind : public tavtest::SlapdSuite<Bind> {
  public:
   static tavtest::SlapdOptions options() {
-    tavtest::SlapdOptions opts;
-    opts.modules = {"ppolicy"};
-    opts.database_config = "overlay ppolicy\n";
-    opts.extra_ldif = policy_ldif();
-    opts.access = "access to attrs=userPassword by self write by anonymous auth by * none\naccess to * by * read\n";
-    return opts;
+    return {.modules = {"ppolicy"},
+            .database_config = "overlay ppolicy\n",
+            .access = "access to attrs=userPassword by self write by anonymous auth by * none\naccess to * by * read\n",
+            .extra_ldif = policy_ldif()};
   }
   // Binds with the password-policy request control: the bind's code, then
   // error/warning/value of the response control.
@@ -95,9 +93,7 @@ TEST_F(Bind, SimpleBindsOfEveryKind) {
   int two = LDAP_VERSION2;
   ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &two), 0);
   EXPECT_EQ(ldap_simple_bind_s(ld, SlapdServer::kRootDn, SlapdServer::kRootPw), LDAP_PROTOCOL_ERROR);
-  tavtest::SlapdOptions opts;
-  opts.allow_v2 = true;
-  SlapdServer v2(opts);
+  SlapdServer v2({.allow_v2 = true});
   ASSERT_TRUE(v2.start(&error)) << error;
   LDAP *old = ldap_init("127.0.0.1", v2.port());
   ASSERT_EQ(ldap_set_option(old, LDAP_OPT_PROTOCOL_VERSION, &two), 0);
@@ -178,8 +174,7 @@ TEST(BindRequests, AnonymousAndMethodChecksAndMechanismCase) {
     return tavtest::ldap_response(tavtest::request_msgid(r), ldap_proto::kBindResponse);
   };
   fake.on_request(ok).on_request(ok).on_request(ok).hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   EXPECT_EQ(ldap_bind_s(ld, "cn=x", "pw", ldap_proto::kSaslAuth), LDAP_AUTH_UNKNOWN);
   EXPECT_EQ(ldap_get_errno(ld), LDAP_AUTH_UNKNOWN);
   EXPECT_EQ(ldap_bind(ld, "cn=x", "pw", 0), -1);

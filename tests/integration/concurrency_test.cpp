@@ -22,11 +22,7 @@ namespace {
 
 class Concurrency : public tavtest::SlapdSuite<Concurrency> {
  public:
-  static tavtest::SlapdOptions options() {
-    tavtest::SlapdOptions opts;
-    opts.people = 40;
-    return opts;
-  }
+  static tavtest::SlapdOptions options() { return {.people = 40}; }
 };
 
 // Runs body(t) on `threads` threads at once and counts the failures it reports.
@@ -145,8 +141,7 @@ TEST(ConcurrencyWire, WaitersGetTheirOwnResponsesAndLargeRequestsNeverInterleave
                tavtest::search_done(a);
       })
       .hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   int ids[2] = {tavtest::send_search(ld, "cn=first", 0), tavtest::send_search(ld, "cn=second", 0)};
   std::string got[2], sent[2];
   std::thread threads[2];

@@ -66,8 +66,7 @@ TEST(EngineTimeouts, SeventyThousandTimedOutSearchesLeaveTheTableUsable) {
       return out;
     });
   fake.hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   std::atomic<int> timeouts{0}, others{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)

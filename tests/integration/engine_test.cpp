@@ -25,7 +25,7 @@ using tavtest::search_entry;
 namespace {
 
 struct Session {
-  explicit Session(const FakeServer &fake) : ld(ldap_init("127.0.0.1", fake.port())) {}
+  explicit Session(FakeServer &fake) : ld(ldap_init("127.0.0.1", fake.start())) {}  // starts the script
   ~Session() { ldap_unbind(ld); }
   int sd() const { return get_default_connection(ld)->lc_sb.sb_sd; }
   LDAP *ld;
@@ -50,7 +50,6 @@ TEST(Engine, AllModeHandsOutTheChainAndOneModeEachMessageAlone) {
   fake.on_request([](const std::string &r) { return answer(r, 3); })
       .on_request([](const std::string &r) { return answer(r, 2); })
       .hold_until_closed();
-  fake.start();
   Session s(fake);
   int id = tavtest::send_search(s.ld, "o=x", 1);
   ASSERT_GT(id, 0);
@@ -94,7 +93,6 @@ TEST(Engine, ResponsesGoToTheirOwnRowsAndUnknownIdsAreDropped) {
                answer(r, 1) + answer(first, 2);                            // the second request first
       })
       .hold_until_closed();
-  fake.start();
   Session s(fake);
   int a = tavtest::send_search(s.ld, "cn=a", 0), b = tavtest::send_search(s.ld, "cn=b", 0);
   LDAPMessage *ra = nullptr, *rb = nullptr, *notice = nullptr;
@@ -121,7 +119,6 @@ TEST(EngineTimeouts, TimeOutsReturnZeroRecord85AndKeepWhatArrived) {
       .gate()
       .send_lazy([&] { return search_done(request_msgid(request)); })
       .hold_until_closed();
-  fake.start();
   Session s(fake);
   int id = tavtest::send_search(s.ld, "cn=x", 2);
   struct timeval zero = {0, 0}, short_wait = {0, 200000};
@@ -150,7 +147,6 @@ TEST(EngineTimeouts, ResponseSplitAcrossATimeOutIsCompletedByTheNextCall) {
       .gate()
       .send_lazy([&] { return done.substr(5); })
       .hold_until_closed();
-  fake.start();
   Session s(fake);
   int id = tavtest::send_search(s.ld, "cn=x", 0);
   pollfd p{s.sd(), POLLIN, 0};
@@ -184,7 +180,6 @@ TEST(EngineTimeouts, ARunOfEntriesThatStopsShortOfABatchIsHandedOutWithoutWaitin
       .gate()
       .send_lazy([&] { return search_entry(request_msgid(request), "cn=last") + search_done(request_msgid(request)); })
       .hold_until_closed();
-  fake.start();
   Session s(fake);
   int id = tavtest::send_search(s.ld, "cn=x", 2);
   struct timeval generous = {10, 0};
@@ -215,7 +210,6 @@ TEST(Engine, AWaiterIsWokenByAReaderOutsideTheTable) {
       .gate()
       .send_lazy([&] { return search_done(request_msgid(request)); })
       .hold_until_closed();
-  fake.start();
   Session s(fake);
   const int id = tavtest::send_search(s.ld, "cn=x", 0);
   LDAPConn *conn = get_default_connection(s.ld);

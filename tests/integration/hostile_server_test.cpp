@@ -85,8 +85,7 @@ int run(Op op, const std::string &bytes) {
         return bytes;
       })
       .hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   const int rc = call(op, ld);
   EXPECT_EQ(ldap_get_errno(ld), rc) << "the error record disagrees with the code returned";
   ldap_unbind(ld);
@@ -177,8 +176,7 @@ TEST(HostileServer, ReplyWithoutReadableIdFailsEveryOutstandingRequest) {
       .on_request([](const std::string &) { return reply(result(ldap_proto::kSearchDone), hex("04 01 01")); })
       .on_request([](const std::string &) { return reply(result(ldap_proto::kDeleteResponse), hex("02 01 03")); })
       .hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   const int a = ldap_search(ld, "cn=a", 0, "(objectClass=*)", nullptr, 0);
   const int b = ldap_search(ld, "cn=b", 0, "(objectClass=*)", nullptr, 0);
   ASSERT_EQ(a, 1);
@@ -201,8 +199,7 @@ TEST(HostileServer, ReplyAfterTheFinalAnswerChangesNothing) {
           [](const std::string &) { return hex("30 05 02 01 01 00 00") + reply(result(ldap_proto::kSearchDone)); })
       .on_request([](const std::string &) { return reply(result(ldap_proto::kDeleteResponse), hex("02 01 02")); })
       .hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   LDAPMessage *res = nullptr;
   struct timeval wait = {10, 0};
   EXPECT_EQ(ldap_search_st(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0, &wait, &res), LDAP_DECODING_ERROR);
@@ -226,8 +223,7 @@ TEST(HostileServer, NoticeOfDisconnectionEndsEveryWaitWithTheServersText) {
   fake.on_request([](const std::string &) { return std::string(); })
       .on_request([](const std::string &) { return unsolicited("going down", "1.3.6.1.4.1.1466.20036"); })
       .hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   const int a = ldap_search(ld, "cn=a", 0, "(objectClass=*)", nullptr, 0);
   const int b = ldap_search(ld, "cn=b", 0, "(objectClass=*)", nullptr, 0);
   for (int id : {a, b}) {
@@ -249,8 +245,7 @@ TEST(HostileServer, ATimeOutBoundsTheWholeCallAgainstATrickle) {
   fake.on_request([](const std::string &) { return std::string(); })
       .trickle(tavtest::search_done(1), 300)
       .hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   struct timeval one = {1, 0};
   LDAPMessage *res = nullptr;
   const auto start = std::chrono::steady_clock::now();
@@ -269,8 +264,7 @@ TEST(HostileServer, ATimeOutBoundsTheWriteToAServerThatStopsReading) {
   FakeServer fake;
   fake.set_receive_buffer(4096);
   fake.gate().hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   const std::string filter = "(cn=" + std::string(32 << 20, 'a') + ")";
   struct timeval one = {1, 0};
   LDAPMessage *res = nullptr;
@@ -293,8 +287,7 @@ TEST(HostileServer, ATimeOutBeforeAnyByteIsWrittenLeavesTheConnectionOpen) {
   fake.on_request([](const std::string &) { return reply(result(ldap_proto::kBindResponse)); })
       .gate()
       .hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   ASSERT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), 0);
   const std::string filler(65536, '\0');  // the socket is non-blocking: fill it until it refuses
   while (write(ld->ld_defconn->lc_sb.sb_sd, filler.data(), filler.size()) > 0) {
@@ -314,8 +307,7 @@ TEST(HostileServer, WaitingOnASilentServerCostsNoCpu) {
   fake.on_request([](const std::string &) { return std::string(); })
       .on_request([](const std::string &) { return std::string(); })
       .hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   const int ids[2] = {ldap_search(ld, "cn=a", 0, "(objectClass=*)", nullptr, 0),
                       ldap_search(ld, "cn=b", 0, "(objectClass=*)", nullptr, 0)};
   double cpu_ms[2] = {0, 0};
@@ -359,8 +351,7 @@ TEST(HostileServer, AServerClosingAtAnyByteGives81) {
       SCOPED_TRACE(testing::Message() << static_cast<int>(op) << " cut at " << cut);
       FakeServer fake;
       fake.on_request([&](const std::string &) { return whole.substr(0, cut); }).close();
-      fake.start();
-      LDAP *ld = ldap_init("127.0.0.1", fake.port());
+      LDAP *ld = ldap_init("127.0.0.1", fake.start());
       ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
       const int rc = call(op, ld);
       EXPECT_EQ(rc, LDAP_SERVER_DOWN);
@@ -375,8 +366,7 @@ TEST(HostileServer, WritingToAServerThatHasGoneGives81NotSigpipe) {
   signal(SIGPIPE, SIG_DFL);
   FakeServer fake;
   fake.close();
-  fake.start();
-  LDAP *ld = ldap_open("127.0.0.1", fake.port());
+  LDAP *ld = ldap_open("127.0.0.1", fake.start());
   ASSERT_NE(ld, nullptr);
   ASSERT_TRUE(fake.wait_done());  // closed: the client's socket has its end
   ASSERT_GT(ldap_search(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0), 0);
@@ -395,8 +385,7 @@ TEST(HostileServer, UnsolicitedMessagesAreKeptOnlyAFew) {
   FakeServer fake;
   fake.on_request([&](const std::string &) { return flood + reply(result(ldap_proto::kBindResponse)); })
       .hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   EXPECT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), 0);
   int kept = 0;
   for (LDAPMessage *m = ld->ld_defconn->lc_msgtable->rows[0].head; m != nullptr; m = m->lm_chain) ++kept;
@@ -419,8 +408,7 @@ TEST(HostileServer, IntermediateResponsesAreHandedOutAloneAndNeverFinal) {
   fake.on_request([](const std::string &) { return std::string(); })
       .on_request([&](const std::string &) { return answer(1, 1000) + answer(2, 1); })
       .hold_until_closed();
-  fake.start();
-  LDAP *ld = ldap_init("127.0.0.1", fake.port());
+  LDAP *ld = ldap_init("127.0.0.1", fake.start());
   ASSERT_EQ(ldap_search(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0), 1);
   LDAPMessage *res = nullptr;
   EXPECT_EQ(ldap_search_s(ld, "cn=x", 0, "(objectClass=*)", nullptr, 0, &res), 0);
@@ -442,8 +430,7 @@ TEST(HostileServer, EveryAllocationFailureOnAReplyWithoutIdEndsInADocumentedCode
     FakeServer fake;
     fake.on_request([](const std::string &) { return reply(result(ldap_proto::kBindResponse), hex("04 01 01")); })
         .hold_until_closed();
-    fake.start();
-    LDAP *ld = ldap_init("127.0.0.1", fake.port());
+    LDAP *ld = ldap_init("127.0.0.1", fake.start());
     olx_fail_alloc_at(n);
     const int rc = ldap_simple_bind_s(ld, "cn=x", "secret");
     const long used = olx_fail_alloc_at(0);

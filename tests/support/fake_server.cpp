@@ -82,10 +82,11 @@ FakeServer &FakeServer::hold_until_closed() {
   return *this;
 }
 
-void FakeServer::start() {
+int FakeServer::start() {
   if (rcvbuf_ > 0) setsockopt(listen_fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf_, sizeof rcvbuf_);
   if (listen(listen_fd_, 8) != 0) throw std::runtime_error("fake server: listen failed");
   thread_ = std::thread([this] { run(); });
+  return port_;
 }
 
 void FakeServer::open_gate() {

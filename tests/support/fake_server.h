@@ -46,7 +46,7 @@ class FakeServer {
   // Before start(): a small receive buffer makes a client's large writes
   // block sooner once the script stops reading.
   void set_receive_buffer(int bytes) { rcvbuf_ = bytes; }
-  void start();
+  int start();  // returns port()
   void open_gate();
   int port() const { return port_; }
   std::string received() const;  // everything received so far
