@@ -22,6 +22,7 @@
 
 #include "fake_server.h"
 #include "fber-stream.h"
+#include "keydb.h"
 #include "ldap-debug.h"
 #include "ldap-engine.h"
 #include "ldap-search.h"
@@ -37,13 +38,6 @@ using tavtest::SlapdServer;
 namespace {
 
 constexpr const char *kKdbPassword = "kdb-pass";
-
-std::string keydb_tool(const std::vector<std::string> &args) {
-  std::vector<std::string> argv = {TAV_KEYDB_TOOL};
-  argv.insert(argv.end(), args.begin(), args.end());
-  tavtest::ProcessResult r = tavtest::run_process(argv);
-  return r.exit_code == 0 ? "" : "tavkeydb " + args[0] + ": " + r.err;
-}
 
 // Key databases in a temporary directory, made from the certificates in `tls`:
 // good.kdb (the CA, the client certificate "tls-client", stashed),
@@ -62,7 +56,7 @@ struct KeyDatabases {
              {"add-ca", other(), "-pw", pw, "-label", "ca", "-cert", tls + "/other-ca.pem"},
              {"create", nostash(), "-pw", pw},
          }) {
-      error = keydb_tool(args);
+      error = tavtest::keydb_tool(args);
       if (!error.empty()) return;
     }
   }
@@ -140,23 +134,26 @@ class CuttingRelay {
   std::thread thread_;
 };
 
-class SslSlapd : public tavtest::SlapdSuite<SslSlapd> {
- public:
-  static tavtest::SlapdOptions options() {
-    tavtest::SlapdOptions o;
-    o.tls = true;
-    return o;
-  }
-
+// A suite's slapd with an ldaps listener, the toolkit from the build and key
+// databases made from the server's certificates.
+template <typename Suite>
+class SslSuite : public tavtest::SlapdSuite<Suite> {
  protected:
   void SetUp() override {
-    ASSERT_NE(slapd, nullptr);
+    tavtest::SlapdSuite<Suite>::SetUp();
     load_from_build();
-    keys = std::make_unique<KeyDatabases>(slapd->dir() + "/tls");
+    keys = std::make_unique<KeyDatabases>(this->slapd->dir() + "/tls");
     ASSERT_EQ(keys->error, "");
   }
-  LDAP *secure_session(const char *label = nullptr) { return ldap_ssl_init("127.0.0.1", slapd->tls_port(), label); }
   std::unique_ptr<KeyDatabases> keys;
+};
+
+class SslSlapd : public SslSuite<SslSlapd> {
+ public:
+  static tavtest::SlapdOptions options() { return {.tls = true}; }
+
+ protected:
+  LDAP *secure_session(const char *label = nullptr) { return ldap_ssl_init("127.0.0.1", slapd->tls_port(), label); }
 };
 
 TEST_F(SslSlapd, SearchOverLdapsWithTheSessionsSslPropertiesReadFromTheConnection) {
@@ -386,22 +383,13 @@ TEST_F(SslSlapd, AServerClosingAtAnyByteOfTheHandshakeGives81) {
   EXPECT_GT(cut, 500u) << "the server's certificate alone is longer";
 }
 
-class SslExpiredServer : public tavtest::SlapdSuite<SslExpiredServer> {
+class SslExpiredServer : public SslSuite<SslExpiredServer> {
  public:
-  static tavtest::SlapdOptions options() {
-    tavtest::SlapdOptions o;
-    o.tls = true;
-    o.tls_server_expired = true;
-    return o;
-  }
+  static tavtest::SlapdOptions options() { return {.tls = true, .tls_server_expired = true}; }
 };
 
 TEST_F(SslExpiredServer, ExpiredServerCertificateFailsTheHandshake) {
-  ASSERT_NE(slapd, nullptr);
-  load_from_build();
-  KeyDatabases keys(slapd->dir() + "/tls");
-  ASSERT_EQ(keys.error, "");
-  ASSERT_EQ(ldap_ssl_client_init(keys.good().c_str(), kKdbPassword, 0, nullptr), 0);
+  ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
   LDAP *ld = ldap_ssl_init("127.0.0.1", slapd->tls_port(), nullptr);
   const std::string t =
       tavtest::traced(0xffff, [&] { EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED); });
@@ -412,21 +400,13 @@ TEST_F(SslExpiredServer, ExpiredServerCertificateFailsTheHandshake) {
 // Servers that are not slapd: certificates and key database made here.
 // The server's certificate names another host: StartTLS fails the way ldaps
 // does, and the connection is closed rather than left in clear.
-class SslMisnamedServer : public tavtest::SlapdSuite<SslMisnamedServer> {
+class SslMisnamedServer : public SslSuite<SslMisnamedServer> {
  public:
-  static tavtest::SlapdOptions options() {
-    tavtest::SlapdOptions o;
-    o.tls = true;
-    o.tls_server_names = "DNS:elsewhere.example";
-    return o;
-  }
+  static tavtest::SlapdOptions options() { return {.tls = true, .tls_server_names = "DNS:elsewhere.example"}; }
 };
 
 TEST_F(SslMisnamedServer, StartTlsToTheWrongNameClosesTheConnection) {
-  load_from_build();
-  KeyDatabases keys(slapd->dir() + "/tls");
-  ASSERT_EQ(keys.error, "");
-  ASSERT_EQ(ldap_ssl_environment_init(keys.good().c_str(), kKdbPassword, 0, nullptr), 0);
+  ASSERT_EQ(ldap_ssl_environment_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
   EXPECT_EQ(ldap_start_tls_s(ld, nullptr, nullptr), LDAP_SSL_HANDSHAKE_FAILED);
   EXPECT_EQ(ldap_simple_bind_s(ld, SlapdServer::user_dn(1).c_str(), SlapdServer::user_password(1).c_str()),
             LDAP_SERVER_DOWN)
@@ -448,9 +428,8 @@ class SslPeer : public testing::Test {
 TEST_F(SslPeer, ServerThatNeverAnswersTheHandshakeFailsAfterTheBudget) {
   tavtest::FakeServer server;
   server.hold_until_closed();
-  server.start();
   ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
-  LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
+  LDAP *ld = ldap_ssl_init("127.0.0.1", server.start(), nullptr);
   auto start = std::chrono::steady_clock::now();
   const std::string t =
       tavtest::traced(0xffff, [&] { EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED); });
@@ -470,9 +449,8 @@ TEST_F(SslPeer, ServerThatNeverAnswersTheHandshakeFailsAfterTheBudget) {
 TEST_F(SslPeer, AHandshakeEndsWithTheCallsTimeOut) {
   tavtest::FakeServer server;
   server.trickle(std::string(64, '\x16'), 1000);
-  server.start();
   ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
-  LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
+  LDAP *ld = ldap_ssl_init("127.0.0.1", server.start(), nullptr);
   struct timeval wait = {2, 0};
   LDAPMessage *res = nullptr;
   auto start = std::chrono::steady_clock::now();
@@ -487,9 +465,8 @@ TEST_F(SslPeer, AbortInTheToolkitDuringTheHandshakeBecomes116) {
   setenv("TAVLIB_CLIENT_VERSION", "97", 1);
   tavtest::FakeServer server;
   server.hold_until_closed();
-  server.start();
   ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
-  LDAP *ld = ldap_ssl_init("127.0.0.1", server.port(), nullptr);
+  LDAP *ld = ldap_ssl_init("127.0.0.1", server.start(), nullptr);
   const std::string t =
       tavtest::traced(0xffff, [&] { EXPECT_EQ(open_default_connection(ld), LDAP_SSL_HANDSHAKE_FAILED); });
   EXPECT_NE(t.find("Solaris caught the Tavlib SIGIOT, returning TAV_ERROR_BAD_CERT"), std::string::npos) << t;
