@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fake_server.h"
+#include "keydb.h"
 #include "ldap-int.h"
 #include "process.h"
 #include "referral_servers.h"
@@ -30,21 +31,18 @@ class Cli : public tavtest::SlapdSuite<Cli> {
   // password policy that makes cn=reset change its password, for -e ppolicy;
   // SASL mechanisms checked against the entries' passwords, for -Y.
   static tavtest::SlapdOptions options() {
-    tavtest::SlapdOptions options;
-    options.tls = true;  // for ldaps and -ZZ
-    options.modules = {"sssvlv", "ppolicy"};
-    // -X: user2 may act as user1.
-    options.global_config = tavtest::sasl_slapd_options().global_config + "authz-policy to\n";  // for -Y
-    // With the default limit on sorts in progress (half the server's threads)
-    // slapd now and then answered a view's next window with 51, busy.
-    options.database_config =
-        "overlay sssvlv\nsssvlv-max 32\noverlay ppolicy\nppolicy_default cn=policy,dc=example,dc=com\n";
-    options.extra_ldif =
-        "dn: cn=policy,dc=example,dc=com\nobjectClass: pwdPolicy\nobjectClass: person\ncn: policy\nsn: policy\n"
-        "pwdAttribute: userPassword\npwdMustChange: TRUE\n\n"
-        "dn: cn=reset,dc=example,dc=com\nobjectClass: person\ncn: reset\nsn: reset\nuserPassword: resetpw\n"
-        "pwdReset: TRUE\n";
-    return options;
+    // -X: user2 may act as user1.  With the default limit on sorts in progress
+    // (half the server's threads) slapd now and then answered a view's next
+    // window with 51, busy.  TLS for ldaps and -ZZ.
+    return {.modules = {"sssvlv", "ppolicy"},
+            .global_config = tavtest::sasl_slapd_options().global_config + "authz-policy to\n",
+            .database_config =
+                "overlay sssvlv\nsssvlv-max 32\noverlay ppolicy\nppolicy_default cn=policy,dc=example,dc=com\n",
+            .extra_ldif = "dn: cn=policy,dc=example,dc=com\nobjectClass: pwdPolicy\nobjectClass: person\ncn: policy\n"
+                          "sn: policy\npwdAttribute: userPassword\npwdMustChange: TRUE\n\n"
+                          "dn: cn=reset,dc=example,dc=com\nobjectClass: person\ncn: reset\nsn: reset\n"
+                          "userPassword: resetpw\npwdReset: TRUE\n",
+            .tls = true};
   }
 
  protected:
@@ -116,10 +114,7 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
   // The server's CA: ldap-utils take it from the environment, tavldap from a
   // key database.
   const std::string kdb = files.file("ca.kdb"), ca = slapd->tls_file("ca.pem");
-  for (const auto &a : std::vector<std::vector<std::string>>{
-           {TAV_BUILD_DIR "/bin/tavkeydb", "create", kdb, "-pw", "kdbpw"},
-           {TAV_BUILD_DIR "/bin/tavkeydb", "add-ca", kdb, "-pw", "kdbpw", "-label", "ca", "-cert", ca}})
-    ASSERT_EQ(tavtest::run_process(a).exit_code, 0) << a[1];
+  ASSERT_EQ(tavtest::trusting_keydb(kdb, "kdbpw", ca), "");
   std::string out;
   ASSERT_EQ(slapd->ldap_tool("ldapadd", {"-M", root[0], root[1], root[2], root[3]}, &out,
                              "dn: " + ref + "\nobjectClass: referral\nobjectClass: extensibleObject\nou: ref\nref: " +

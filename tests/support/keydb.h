@@ -1,8 +1,12 @@
 // Client key databases for the SSL tests, made with the toolkit's own tool
-// (TAV_KEYDB_TOOL, set for the targets that test SSL).  The toolkit is loaded
-// from the build by its bare name.
+// (TAV_KEYDB_TOOL for the targets that depend on it, else the build's).  The
+// toolkit is loaded from the build by its bare name.
 #ifndef TAV_TEST_KEYDB_H
 #define TAV_TEST_KEYDB_H
+
+#ifndef TAV_KEYDB_TOOL
+#define TAV_KEYDB_TOOL TAV_BUILD_DIR "/bin/tavkeydb"
+#endif
 
 #include <cstdlib>
 #include <string>
