@@ -90,31 +90,25 @@ class DnsLocate : public ::testing::Test {
     slapd = new SlapdServer;
     if (!slapd->start(&error)) return;
     dead_port = free_port();
-    const std::string port = std::to_string(slapd->port()), dead = std::to_string(dead_port);
-    const std::string config =
+    // PORT is slapd's, DEAD a port nothing listens on.
+    std::string config =
         "local=/example.com/\nlocal=/test/\n"
-        "srv-host=_ldap._tcp.example.com,ldap1.example.com," +
-        port +
-        ",10,60\n"
+        "srv-host=_ldap._tcp.example.com,ldap1.example.com,PORT,10,60\n"
         "srv-host=_ldap._tcp.example.com,ldaps1.example.com,1636,10,40\n"
         "srv-host=_ldap._tcp.example.com,other.example.com,389,20,0\n"
-        "txt-record=ldap1.example.com,\"service:ldap://ldap1.example.com:" +
-        port +
-        "/dc=example,dc=com\",\"ldaptype:master\",\"ldapvendor:OpenLDAP\"\n"
+        "txt-record=ldap1.example.com,\"service:ldap://ldap1.example.com:PORT/dc=example,dc=com\",\"ldaptype:master\","
+        "\"ldapvendor:OpenLDAP\"\n"
         "txt-record=ldaps1.example.com,\"service:ldaps://ldaps1.example.com/dc=example,dc=com\"\n"
         "txt-record=other.example.com,\"service:ldap://other.example.com/o=other\"\n"
         "host-record=ldap1.example.com,127.0.0.1\nhost-record=ldaps1.example.com,127.0.0.1\n"
         "host-record=other.example.com,127.0.0.1\nhost-record=down.failover.test,127.0.0.1\n"
-        "srv-host=_ldap._tcp.failover.test,down.failover.test," +
-        dead +
-        ",0,0\n"
-        "srv-host=_ldap._tcp.failover.test,ldap1.example.com," +
-        port +
-        ",1,0\n"
+        "srv-host=_ldap._tcp.failover.test,down.failover.test,DEAD,0,0\n"
+        "srv-host=_ldap._tcp.failover.test,ldap1.example.com,PORT,1,0\n"
         "txt-record=down.failover.test,\"service:ldap://down.failover.test/dc=example,dc=com\"\n"
         "cname=_ldap._tcp.cname.test,ldap1.example.com\n"
-        "txt-record=_ldap._tcp.txt.test,\"10 5 " +
-        port + " ldap1.example.com.\"\n";
+        "txt-record=_ldap._tcp.txt.test,\"10 5 PORT ldap1.example.com.\"\n";
+    for (const auto &[name, value] : {std::pair{"PORT", slapd->port()}, {"DEAD", dead_port}})
+      for (size_t at; (at = config.find(name)) != std::string::npos;) config.replace(at, 4, std::to_string(value));
     dnsmasq = new Dnsmasq;
     dnsmasq->start(dir->path(), config, &error);
   }

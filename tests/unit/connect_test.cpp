@@ -71,18 +71,12 @@ int open_list(LDAP *ld, const std::string &list) {
 }  // namespace
 
 TEST(HostEntry, SplitsHostAndPort) {
-  const std::tuple<const char *, int, const char *, int> cases[] = {{"host", 0, "host", 0},
-                                                                    {"host:1389", 0, "host", 1389},
-                                                                    {"host:", 0, "host", 0},
-                                                                    {"[fe80::1]:1389", 0, "fe80::1", 1389},
-                                                                    {"fe80::1", 0, "fe80::1", 0},
-                                                                    {"[::1]", 0, "::1", 0},
-                                                                    {"::1]:7", 0, "::1", 7},
-                                                                    {"host:65535", 0, "host", 65535},
-                                                                    {"host:65536", LDAP_PARAM_ERROR, "", 0},
-                                                                    {"host:-1", LDAP_PARAM_ERROR, "", 0},
-                                                                    {"host:38x", LDAP_PARAM_ERROR, "", 0},
-                                                                    {"[::1]:x", LDAP_PARAM_ERROR, "", 0}};
+  const int bad = LDAP_PARAM_ERROR;
+  const std::tuple<const char *, int, const char *, int> cases[] = {
+      {"host", 0, "host", 0},         {"host:1389", 0, "host", 1389},  {"host:", 0, "host", 0},
+      {"fe80::1", 0, "fe80::1", 0},   {"[fe80::1]:1389", 0, "fe80::1", 1389}, {"[::1]", 0, "::1", 0},
+      {"::1]:7", 0, "::1", 7},        {"host:65535", 0, "host", 65535}, {"host:65536", bad, "", 0},
+      {"host:-1", bad, "", 0},        {"host:38x", bad, "", 0},         {"[::1]:x", bad, "", 0}};
   for (const auto &[entry, rc, want_host, want_port] : cases) {
     char host[LDAP_HOST_ENTRY_MAX] = "";
     int port = rc ? 0 : -5;
