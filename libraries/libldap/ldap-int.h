@@ -374,4 +374,29 @@ TAV_INTERNAL int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, c
                                                    LDAPControl ***serverctrlsp);
 }
 
+// The operation bracket as a scope: a started operation ends when the scope
+// does, on every return path.  A refused start (89: a bad handle or one whose
+// unbind has begun; 129: its lock failed) leaves nothing to end, and the call
+// returns at once what it documents for an unusable handle: the refusal code
+// where the call returns a result code (89 where the call fixes that value),
+// -1 for message IDs and counts, null for pointers, 0 from ldap_msgfree.
+class OperationScope {
+ public:
+  explicit OperationScope(LDAP *ld) : ld_(ld), rc_(ldap_start_operation(ld)) {}
+  // Bracketed only when `take`: the process-wide default handle (never
+  // unbound) and calls that accept a null handle go without.
+  OperationScope(LDAP *ld, bool take) : ld_(take ? ld : nullptr), rc_(take ? ldap_start_operation(ld) : 0) {}
+  ~OperationScope() {
+    if (ld_ != nullptr && rc_ == 0) ldap_end_operation(ld_);
+  }
+  OperationScope(const OperationScope &) = delete;
+  OperationScope &operator=(const OperationScope &) = delete;
+  bool refused() const { return rc_ != 0; }
+  int code() const { return rc_; }
+
+ private:
+  LDAP *ld_;
+  int rc_;
+};
+
 #endif

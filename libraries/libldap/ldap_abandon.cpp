@@ -49,8 +49,9 @@ int ldap_send_abandon_ctrls(LDAP *ld, LDAPConn *conn, int abandoned, LDAPControl
 
 int ldap_abandon_ext(LDAP *ld, int msgid, LDAPControl **sctrls, LDAPControl **cctrls) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_abandon_ext: ld(%p) msgid(%d)\n", (void *)ld, msgid);
-  int rc = ldap_start_operation(ld);
-  if (rc != LDAP_SUCCESS) return rc;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
+  int rc;
   LDAPConn *conn = get_default_connection(ld);
   int substituted = 0;
   rc = msgid > 0 && conn != nullptr ? ldap_apply_default_controls(ld, &sctrls, cctrls, &substituted) : LDAP_PARAM_ERROR;
@@ -66,7 +67,6 @@ int ldap_abandon_ext(LDAP *ld, int msgid, LDAPControl **sctrls, LDAPControl **cc
   }
   if (substituted) ldap_controls_free(sctrls);
   ldap_set_errno_direct(ld, rc, nullptr, nullptr);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_abandon_ext: returning rc=%d\n", rc);
   return rc;
 }

@@ -121,13 +121,13 @@ int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPCo
 
 int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind: ld(%p) dn(%s) pw(***)\n", (void *)ld, ldap_trace_str(dn, "NULL"));
-  if (ldap_start_operation(ld) != 0) return -1;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return -1;
   int id = -1;
   if (ldap_simple_bind_direct(ld, dn, passwd, nullptr, &id, nullptr) != 0) {
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind: returning rc=-1\n");
     id = -1;
   }
-  ldap_end_operation(ld);
   return id;
 }
 
@@ -140,18 +140,18 @@ int ldap_simple_bind_s_int(LDAP *ld, const char *dn, const char *passwd) {
 
 int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind_s: ld(%p) dn(%s) pw(***)\n", (void *)ld, ldap_trace_str(dn, "NULL"));
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   const int rc = ldap_simple_bind_s_int(ld, dn, passwd);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_simple_bind_s: returning rc=%d\n", rc);
   return rc;
 }
 
 int ldap_bind(LDAP *ld, const char *dn, const char *cred, int method) {
   if (method != LDAP_AUTH_SIMPLE) {
-    if (ldap_start_operation(ld) == 0) {
-      ldap_set_errno_direct(ld, LDAP_AUTH_UNKNOWN, nullptr, nullptr);
-      ldap_end_operation(ld);
+    {
+      OperationScope bracket(ld);
+      if (!bracket.refused()) ldap_set_errno_direct(ld, LDAP_AUTH_UNKNOWN, nullptr, nullptr);
     }
     return -1;
   }
@@ -160,9 +160,9 @@ int ldap_bind(LDAP *ld, const char *dn, const char *cred, int method) {
 
 int ldap_bind_s(LDAP *ld, const char *dn, const char *cred, int method) {
   if (method != LDAP_AUTH_SIMPLE) {
-    if (ldap_start_operation(ld) == 0) {
-      ldap_set_errno_direct(ld, LDAP_AUTH_UNKNOWN, nullptr, nullptr);
-      ldap_end_operation(ld);
+    {
+      OperationScope bracket(ld);
+      if (!bracket.refused()) ldap_set_errno_direct(ld, LDAP_AUTH_UNKNOWN, nullptr, nullptr);
     }
     return LDAP_AUTH_UNKNOWN;
   }
@@ -430,7 +430,8 @@ int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mech, const struct berv
                    LDAPControl **cctrls, int *msgidp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind: ld(%p) dn(%s) mechanism(%s) cred(***)\n", (void *)ld,
            ldap_trace_str(dn, "NULL"), ldap_trace_str(mech, "NULL"));
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   int rc;
   if (msgidp == nullptr) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_sasl_bind: bad parameters ld(%x) msgidp(%x)\n", (unsigned)(uintptr_t)ld, 0u);
@@ -443,7 +444,6 @@ int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mech, const struct berv
     if (rc == LDAP_SUCCESS) rc = ldap_sasl_bind_int(ld, dn, mech, cred, sctrls, cctrls, nullptr, 1, msgidp);
     if (substituted) ldap_controls_free(sctrls);
   }
-  ldap_end_operation(ld);
   return rc;
 }
 
@@ -451,9 +451,9 @@ int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mech, const struct be
                      LDAPControl **cctrls, struct berval **servercredp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_sasl_bind_s: ld(%p) dn(%s) mechanism(%s) cred(***)\n", (void *)ld,
            ldap_trace_str(dn, "NULL"), ldap_trace_str(mech, "NULL"));
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   int rc = ldap_sasl_bind_int(ld, dn, mech, cred, sctrls, cctrls, servercredp, 0, nullptr);
-  ldap_end_operation(ld);
   return rc;
 }
 

@@ -36,10 +36,9 @@ int ldap_compare_ext(LDAP *ld, const char *dn, const char *attr, struct berval *
                      LDAPControl **cctrls, int *msgidp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_compare_ext: ld(%p) dn(%s) attr(%s)\n", (void *)ld, ldap_trace_str(dn),
            ldap_trace_str(attr));
-  int rc = ldap_start_operation(ld);
-  if (rc != LDAP_SUCCESS) return rc;
-  rc = compare_ext_int(ld, dn, attr, value, sctrls, cctrls, msgidp);
-  ldap_end_operation(ld);
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
+  int rc = compare_ext_int(ld, dn, attr, value, sctrls, cctrls, msgidp);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_compare_ext: returning rc=%d\n", rc);
   return rc;
 }
@@ -48,12 +47,11 @@ int ldap_compare_ext_s(LDAP *ld, const char *dn, const char *attr, struct berval
                        LDAPControl **cctrls) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_compare_ext_s: ld(%p) dn(%s) attr(%s)\n", (void *)ld, ldap_trace_str(dn),
            ldap_trace_str(attr));
-  int rc = ldap_start_operation(ld);
-  if (rc != LDAP_SUCCESS) return rc;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
   int msgid = -1;
-  rc = compare_ext_int(ld, dn, attr, value, sctrls, cctrls, &msgid);
+  int rc = compare_ext_int(ld, dn, attr, value, sctrls, cctrls, &msgid);
   if (rc == LDAP_SUCCESS) rc = ldap_update_wait(ld, msgid, "ldap_compare_ext_s: ldap_result failed rc=%d\n");
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_compare_ext_s: returning rc=%d\n", rc);
   return rc;
 }

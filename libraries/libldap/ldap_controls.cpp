@@ -331,7 +331,8 @@ int ldap_set_bind_controls(LDAP *ld, LDAPControl **ctrls) {
 
 int ldap_get_bind_controls(LDAP *ld, LDAPControl ***ctrls) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_bind_controls\n");
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   int rc;
   LDAPConn *conn = get_default_connection(ld);
   if (ctrls == nullptr || conn == nullptr) {
@@ -344,7 +345,6 @@ int ldap_get_bind_controls(LDAP *ld, LDAPControl ***ctrls) {
     rc = ldap_copy_controls(ctrls, conn->lc_bind_ctrls);
     LDAP_MUTEX_UNLOCK(&conn->lc_bind_ctrls_mutex);
   }
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_bind_controls: returning rc=%d\n", rc);
   return rc;
 }

@@ -28,25 +28,23 @@ int ldap_delete_ext_int(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPCont
 int ldap_delete_ext(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_delete_ext: ld(%p) dn(%s) serverctrls(%p) clientctrls(%p) msgidp(%p)\n", (void *)ld,
            ldap_trace_str(dn), (void *)sctrls, (void *)cctrls, (void *)msgidp);
-  int rc = ldap_start_operation(ld);
-  if (rc != LDAP_SUCCESS) return rc;
-  rc = ldap_delete_ext_int(ld, dn, sctrls, cctrls, msgidp);
-  ldap_end_operation(ld);
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
+  int rc = ldap_delete_ext_int(ld, dn, sctrls, cctrls, msgidp);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_delete_ext: returning rc=%d\n", rc);
   return rc;
 }
 
 int ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **sctrls, LDAPControl **cctrls) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_delete_ext_s: ld(%p) dn(%s)\n", (void *)ld, ldap_trace_str(dn));
-  int rc = ldap_start_operation(ld);
-  if (rc != LDAP_SUCCESS) return rc;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
   int msgid = -1;
-  rc = ldap_delete_ext_int(ld, dn, sctrls, cctrls, &msgid);
+  int rc = ldap_delete_ext_int(ld, dn, sctrls, cctrls, &msgid);
   if (rc != LDAP_SUCCESS)
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_delete_ext_s: ldap_delete_ext failed with rc=%d\n", rc);
   else
     rc = ldap_update_wait(ld, msgid, "ldap_delete_ext_s: ldap_result failed rc=%d\n");
-  ldap_end_operation(ld);
   return rc;
 }
 

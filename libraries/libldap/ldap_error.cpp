@@ -170,9 +170,9 @@ ldap_thread_error *new_record(LDAP *ld) {
 // that is invalid or being unbound.
 template <typename Work>
 int bracketed(LDAP *ld, Work work) {
-  if (ldap_start_operation(ld) != 0) return -1;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return -1;
   int rc = work();
-  ldap_end_operation(ld);
   return rc;
 }
 
@@ -283,9 +283,9 @@ void ldap_perror_direct(LDAP *ld, const char *prefix) {
 }
 
 void ldap_perror(LDAP *ld, const char *prefix) {
-  if (ldap_start_operation(ld) != 0) return;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return;
   ldap_perror_direct(ld, prefix);
-  ldap_end_operation(ld);
 }
 
 // Called only while the session is being released; no other thread can hold

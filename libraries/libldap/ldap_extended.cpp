@@ -118,10 +118,9 @@ int passwd_request(LDAP *ld, const struct berval *user, const struct berval *old
 template <typename Body>
 int bracketed(LDAP *ld, const char *who, Body body) {
   LDAP_LOG(LDAP_LOG_TRACE, "%s: ld(%p)\n", who, (void *)ld);
-  int rc = ldap_start_operation(ld);
-  if (rc != LDAP_SUCCESS) return rc;
-  rc = body();
-  ldap_end_operation(ld);
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
+  int rc = body();
   LDAP_LOG(LDAP_LOG_TRACE, "%s: returning rc=%d\n", who, rc);
   return rc;
 }

@@ -77,7 +77,8 @@ extern "C" {
 
 char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursorp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_first_attribute: ld(%p) entry(%p)\n", (void *)ld, (void *)entry);
-  if (ldap_start_operation(ld) != 0) return nullptr;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   char *name = nullptr;
   BerElement view;
@@ -85,7 +86,6 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursorp) {
   if (element == nullptr || cursorp == nullptr) {
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_first_attribute: returning (%s)\n", "NULL");
-    ldap_end_operation(ld);
     return nullptr;
   }
   // The cursor is one block holding a copy of the entry's element record; it
@@ -106,28 +106,28 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **cursorp) {
       *cursorp = nullptr;
     }
   }
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_first_attribute: returning (%s)\n", ldap_trace_str(name, "NULL"));
   return name;
 }
 
 char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *cursor) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_attribute: ld(%p) entry(%p)\n", (void *)ld, (void *)entry);
-  if (ldap_start_operation(ld) != 0) return nullptr;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   char *name = nullptr;
   if (entry == nullptr || cursor == nullptr)
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
   else
     name = next_name(ld, cursor);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_attribute: returning (%s)\n", ldap_trace_str(name, "NULL"));
   return name;
 }
 
 int ldap_count_attributes(LDAP *ld, LDAPMessage *entry) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_count_attributes, ld(%p), entry(%p)\n", (void *)ld, (void *)entry);
-  if (ldap_start_operation(ld) != 0) return -1;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return -1;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   int n = 0;
   BerElement copy;
@@ -144,7 +144,6 @@ int ldap_count_attributes(LDAP *ld, LDAPMessage *entry) {
       }
     }
   }
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_count_attributes: returning (%d)\n", n);
   return n;
 }

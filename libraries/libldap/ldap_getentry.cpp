@@ -27,11 +27,11 @@ int count_of_type(LDAPMessage *m, int type) {
 // Bracketed walk step shared by the four first/next functions.
 LDAPMessage *walk(const char *name, LDAP *ld, LDAPMessage *from, int type, bool skip_self) {
   LDAP_LOG(LDAP_LOG_TRACE, "%s: ld(%p) msg(%p)\n", name, (void *)ld, (void *)from);
-  if (ldap_start_operation(ld) != 0) return nullptr;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   LDAPMessage *found = nullptr;
   if (from != nullptr) found = first_of_type(skip_self ? from->lm_chain : from, type);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "%s: returning (%p)\n", name, (void *)found);
   return found;
 }
@@ -104,19 +104,19 @@ LDAPMessage *ldap_next_reference(LDAP *ld, LDAPMessage *ref) {
 }
 
 int ldap_count_entries(LDAP *ld, LDAPMessage *chain) {
-  if (ldap_start_operation(ld) != 0) return -1;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return -1;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   const int n = count_of_type(chain, kEntry);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_count_entries: returning (%d)\n", n);
   return n;
 }
 
 int ldap_count_references(LDAP *ld, LDAPMessage *chain) {
-  if (ldap_start_operation(ld) != 0) return -1;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return -1;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   const int n = count_of_type(chain, kReference);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_count_references: returning (%d)\n", n);
   return n;
 }
@@ -124,9 +124,9 @@ int ldap_count_references(LDAP *ld, LDAPMessage *chain) {
 int ldap_parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp, int freeit) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_reference: ld(%p) ref(%p) referralsp(%p) serverctrlsp(%p) freeit(%d)\n",
            (void *)ld, (void *)ref, (void *)referralsp, (void *)serverctrlsp, freeit);
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   const int rc = parse_reference(ld, ref, referralsp, serverctrlsp, freeit);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_reference: returning (%d)\n", rc);
   return rc;
 }
@@ -134,16 +134,17 @@ int ldap_parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPCon
 int ldap_parse_reference_np(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp, int freeit) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_reference_np: ld(%p) ref(%p) referralsp(%p) serverctrlsp(%p) freeit(%d)\n",
            (void *)ld, (void *)ref, (void *)referralsp, (void *)serverctrlsp, freeit);
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   const int rc = parse_reference(ld, ref, referralsp, serverctrlsp, freeit);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_reference_np: returning rc=%d\n", rc);
   return rc;
 }
 
 char *ldap_get_dn(LDAP *ld, LDAPMessage *entry) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_dn: ld(%p) entry(%p)\n", (void *)ld, (void *)entry);
-  if (ldap_start_operation(ld) != 0) return nullptr;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return nullptr;
   char *dn = nullptr;
   BerElement copy;
   if (!ldap_msg_reader(entry, &copy)) {
@@ -156,23 +157,22 @@ char *ldap_get_dn(LDAP *ld, LDAPMessage *entry) {
       dn = nullptr;
     }
   }
-  ldap_end_operation(ld);
   return dn;
 }
 
 int ldap_get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrlsp) {
-  if (ldap_start_operation(ld) != 0) return -1;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return -1;
   const int rc = get_entry_controls(ld, entry, serverctrlsp);
-  ldap_end_operation(ld);
   return rc;
 }
 
 int ldap_get_entry_controls_np(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrlsp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_get_entry_controls_np: ld(%p) entry(%p) serverctrlsp(%p)\n", (void *)ld, (void *)entry,
            (void *)serverctrlsp);
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   const int rc = get_entry_controls(ld, entry, serverctrlsp);
-  ldap_end_operation(ld);
   return rc;
 }
 }

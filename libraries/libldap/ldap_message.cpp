@@ -198,9 +198,9 @@ int ldap_msgfree(LDAPMessage *msg) {
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_msgfree: ld pointer NULL\n");
     return 0;
   }
-  if (ldap_start_operation(ld) != 0) return 0;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return 0;
   int type = ldap_msgfree_direct(msg);
-  ldap_end_operation(ld);
   return type;
 }
 
@@ -208,10 +208,10 @@ LDAPMessage *ldap_first_message_direct(LDAP *, LDAPMessage *res) { return res; }
 
 LDAPMessage *ldap_first_message(LDAP *ld, LDAPMessage *res) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_first_message: ld(%p) res(%p)\n", (void *)ld, (void *)res);
-  if (ldap_start_operation(ld) != 0) return nullptr;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   LDAPMessage *first = ldap_first_message_direct(ld, res);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_first_message: returning (%p)\n", (void *)first);
   return first;
 }
@@ -223,10 +223,10 @@ LDAPMessage *ldap_next_message_direct(LDAP *, LDAPMessage *msg) {
 
 LDAPMessage *ldap_next_message(LDAP *ld, LDAPMessage *msg) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_message: ld(%p) msg(%p)\n", (void *)ld, (void *)msg);
-  if (ldap_start_operation(ld) != 0) return nullptr;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   LDAPMessage *next = ldap_next_message_direct(ld, msg);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_next_message: returning (%p)\n", (void *)msg);
   return next;
 }
@@ -241,10 +241,10 @@ int ldap_count_messages_direct(LDAP *, LDAPMessage *res) {
 
 int ldap_count_messages(LDAP *ld, LDAPMessage *res) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_count_messages: ld(%p) res(%p)\n", (void *)ld, (void *)res);
-  if (ldap_start_operation(ld) != 0) return -1;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return -1;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   int n = ldap_count_messages_direct(ld, res);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_count_messages: returning (%d)\n", n);
   return n;
 }

@@ -78,25 +78,23 @@ int ldap_modify_ext_int(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **
 int ldap_modify_ext(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_modify_ext: ld(%p) dn(%s) mods(%p) serverctrls(%p) clientctrls(%p) msgidp(%p\n",
            (void *)ld, ldap_trace_str(dn), (void *)mods, (void *)sctrls, (void *)cctrls, (void *)msgidp);
-  int rc = ldap_start_operation(ld);
-  if (rc != LDAP_SUCCESS) return rc;
-  rc = ldap_modify_ext_int(ld, dn, mods, sctrls, cctrls, msgidp);
-  ldap_end_operation(ld);
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
+  int rc = ldap_modify_ext_int(ld, dn, mods, sctrls, cctrls, msgidp);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_modify_ext: returning rc=%d\n", rc);
   return rc;
 }
 
 int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **sctrls, LDAPControl **cctrls) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_modify_ext_s: ld(%p) dn(%s)\n", (void *)ld, ldap_trace_str(dn));
-  int rc = ldap_start_operation(ld);
-  if (rc != LDAP_SUCCESS) return rc;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
   int msgid = -1;
-  rc = ldap_modify_ext_int(ld, dn, mods, sctrls, cctrls, &msgid);
+  int rc = ldap_modify_ext_int(ld, dn, mods, sctrls, cctrls, &msgid);
   if (rc != LDAP_SUCCESS)
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_modify_ext_s: ldap_modify_ext failed with rc=%d\n", rc);
   else
     rc = ldap_update_wait(ld, msgid, "ldap_modify_ext_s: ldap_result failed rc=%d\n");
-  ldap_end_operation(ld);
   return rc;
 }
 

@@ -39,10 +39,9 @@ int ldap_rename(LDAP *ld, const char *dn, const char *newrdn, const char *newsup
                 LDAPControl **sctrls, LDAPControl **cctrls, int *msgidp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_rename: dn(%s) newrdn(%s) deleteoldrdn(%d)\n", ldap_trace_str(dn),
            ldap_trace_str(newrdn), deleteoldrdn);
-  int rc = ldap_start_operation(ld);
-  if (rc != LDAP_SUCCESS) return rc;
-  rc = ldap_rename_int(ld, dn, newrdn, newsuperior, deleteoldrdn, sctrls, cctrls, msgidp);
-  ldap_end_operation(ld);
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
+  int rc = ldap_rename_int(ld, dn, newrdn, newsuperior, deleteoldrdn, sctrls, cctrls, msgidp);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_rename: returning rc=%d\n", rc);
   return rc;
 }
@@ -51,15 +50,14 @@ int ldap_rename_s(LDAP *ld, const char *dn, const char *newrdn, const char *news
                   LDAPControl **sctrls, LDAPControl **cctrls) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_rename_s: dn(%s) newrdn(%s) deleteoldrdn(%d)\n", ldap_trace_str(dn),
            ldap_trace_str(newrdn), deleteoldrdn);
-  int rc = ldap_start_operation(ld);
-  if (rc != LDAP_SUCCESS) return rc;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
   int msgid = -1;
-  rc = ldap_rename_int(ld, dn, newrdn, newsuperior, deleteoldrdn, sctrls, cctrls, &msgid);
+  int rc = ldap_rename_int(ld, dn, newrdn, newsuperior, deleteoldrdn, sctrls, cctrls, &msgid);
   if (rc != LDAP_SUCCESS)
     LDAP_LOG(LDAP_LOG_ERROR, "ldap_rename_s: ldap_rename failed with rc=%d\n", rc);
   else
     rc = ldap_update_wait(ld, msgid, "ldap_rename_s: ldap_result failed rc=%d\n");
-  ldap_end_operation(ld);
   return rc;
 }
 

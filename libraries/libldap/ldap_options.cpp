@@ -156,19 +156,6 @@ int copy_ssl_value(tav_handle conn, const char *value, void *out) {
   return copy_string_out(value, out);
 }
 
-// Brackets a caller-supplied handle; the default handle is never unbound.
-struct Bracket {
-  LDAP *ld;
-  bool own;
-  int rc = 0;
-  explicit Bracket(LDAP *handle, bool is_default) : ld(handle), own(!is_default) {
-    if (own) rc = ldap_start_operation(ld);
-  }
-  ~Bracket() {
-    if (own && rc == 0) ldap_end_operation(ld);
-  }
-};
-
 }  // namespace
 
 extern "C" {
@@ -467,8 +454,9 @@ int ldap_get_option_direct(LDAP *ld, int option, void *out) {
 int ldap_set_option(LDAP *ld, int option, const void *value) {
   bool is_default = ld == nullptr;
   if (is_default && (ld = ld_set_global_default()) == nullptr) return -1;
-  Bracket bracket(ld, is_default);
-  if (bracket.rc != 0) return bracket.rc;
+  // The process-wide default handle is never unbound: no bracket.
+  OperationScope bracket(ld, !is_default);
+  if (bracket.refused()) return bracket.code();
   if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
     ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
     return LDAP_LOCK_ERROR;
@@ -503,16 +491,17 @@ int ldap_set_option(LDAP *ld, int option, const void *value) {
 
 int ldap_get_option(LDAP *ld, int option, void *out) {
   if (out == nullptr) {
-    if (ld != nullptr && ldap_start_operation(ld) == 0) {
-      ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-      ldap_end_operation(ld);
+    if (ld != nullptr) {
+      OperationScope bracket(ld);
+      if (!bracket.refused()) ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
     }
     return LDAP_PARAM_ERROR;
   }
   bool is_default = ld == nullptr;
   if (is_default && (ld = ld_set_global_default()) == nullptr) return -1;
-  Bracket bracket(ld, is_default);
-  if (bracket.rc != 0) return bracket.rc;
+  // The process-wide default handle is never unbound: no bracket.
+  OperationScope bracket(ld, !is_default);
+  if (bracket.refused()) return bracket.code();
   if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
     ldap_set_errno_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
     return LDAP_LOCK_ERROR;

@@ -230,11 +230,10 @@ int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessa
   else
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_result entered ld(%p), msgid(%d), all(%d), timeout(NULL), result(%p)\n", (void *)ld,
              msgid, all, (void *)result);
-  int rc = ldap_start_operation(ld);
-  if (rc != 0) return rc;
-  rc = ldap_result_int(ld, msgid, all, timeout, result);
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
+  int rc = ldap_result_int(ld, msgid, all, timeout, result);
   if (rc == 0) ldap_set_errno_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_result returning %d\n", rc);
   return rc;
 }

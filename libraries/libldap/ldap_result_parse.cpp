@@ -83,9 +83,9 @@ extern "C" {
 
 int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp, char ***referralsp,
                       LDAPControl ***serverctrlsp, int freeit) {
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   const int rc = ldap_parse_result_direct(ld, res, errcodep, matcheddnp, errmsgp, referralsp, serverctrlsp, freeit);
-  ldap_end_operation(ld);
   return rc;
 }
 
@@ -184,9 +184,9 @@ int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit) {
     LDAP_LOG(LDAP_LOG_TRACE, "ldap_result2error:  errno=%d\n", code);
     return code != 0 ? code : LDAP_PARAM_ERROR;
   }
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   int code = ldap_result2error_direct(ld, res, freeit);
-  ldap_end_operation(ld);
   return code;
 }
 
@@ -243,10 +243,10 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
 int ldap_parse_sasl_bind_result(LDAP *ld, LDAPMessage *res, struct berval **servercredp, int freeit) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_sasl_bind_result: ld(%p) res(%p)servercredp(%p) freeit(%d)\n", (void *)ld,
            (void *)res, (void *)servercredp, freeit);
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   ldap_set_errno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
   int rc = ldap_parse_sasl_bind_result_direct(ld, res, servercredp, freeit);
-  ldap_end_operation(ld);
   return rc;
 }
 
@@ -306,10 +306,10 @@ int ldap_parse_extended_result_ext(LDAP *ld, LDAPMessage *res, char **resultoidp
                                    int freeit, LDAPControl ***serverctrlsp) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_parse_extended_result: ld(%p), res(%p), resultoidp(%p), resultdata(%p), freeit(%d)\n",
            (void *)ld, (void *)res, (void *)resultoidp, (void *)resultdatap, freeit);
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   ldap_set_errno_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
   int rc = ldap_parse_extended_result_direct(ld, res, resultoidp, resultdatap, freeit, serverctrlsp);
-  ldap_end_operation(ld);
   return rc;
 }
 

@@ -6,6 +6,7 @@
 #include <strings.h>
 
 #include "ldap-debug.h"
+#include "ldap-protocol.h"
 #include "ldap-search.h"
 #include "ldap-utils.h"
 #include "ldap-xlate.h"
@@ -357,8 +358,8 @@ int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *fi
     timelimit = (int)timeout->tv_sec;
     if (timelimit == 0 && timeout->tv_usec > 0) timelimit = 1;
   }
-  if (fber_printf(ber, "{it{seeiib", msgid, (ber_tag_t)0x63, base ? base : "", scope, deref, sizelimit, timelimit,
-                  attrsonly) != 0)
+  if (fber_printf(ber, "{it{seeiib", msgid, (ber_tag_t)ldap_proto::kSearchRequest, base ? base : "", scope, deref,
+                  sizelimit, timelimit, attrsonly) != 0)
     return fail(LDAP_ENCODING_ERROR);
   LDAP_LOG(LDAP_LOG_TRACE, "putting filter %s into ber\n", filter);
   if (put_filter(ber, filter, 0) != 0) return fail(LDAP_FILTER_ERROR);
@@ -367,7 +368,7 @@ int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *fi
     return fail(LDAP_ENCODING_ERROR);
   // A request whose outer SEQUENCE cannot be closed is never sent.
   if (fber_printf(ber, "}") != 0) return fail(LDAP_ENCODING_ERROR);
-  msg->lm_msgtype = 0x63;
+  msg->lm_msgtype = ldap_proto::kSearchRequest;
   rc = ldap_msg_table_send_request(table, ld, msg);
   if (rc != 0) {
     if (ldap_get_errno_direct(ld) == 0) ldap_set_errno_direct(ld, rc, nullptr, nullptr);
@@ -396,10 +397,9 @@ int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, c
            scope, filter ? filter : "NULL");
   if (msgidp != nullptr) *msgidp = -1;
   if (ld == nullptr || scope < 0 || scope > 2 || filter == nullptr || msgidp == nullptr) return LDAP_PARAM_ERROR;
-  int rc = ldap_start_operation(ld);
-  if (rc != 0) return rc;
-  rc = ldap_search_ext_int(ld, base, scope, filter, attrs, attrsonly, sctrls, cctrls, timeout, sizelimit, msgidp);
-  ldap_end_operation(ld);
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
+  int rc = ldap_search_ext_int(ld, base, scope, filter, attrs, attrsonly, sctrls, cctrls, timeout, sizelimit, msgidp);
   return rc;
 }
 
@@ -439,9 +439,9 @@ int ldap_search_int(LDAP *ld, const char *base, int scope, const char *filter, c
 int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_search: ld(%p) base(%s) scope(%d) filter(%s)\n", (void *)ld, base ? base : "NULL",
            scope, filter ? filter : "NULL");
-  if (ld != nullptr && ldap_start_operation(ld) != 0) return -1;
+  OperationScope bracket(ld, ld != nullptr);
+  if (bracket.refused()) return -1;
   const int msgid = ldap_search_int(ld, base, scope, filter, attrs, attrsonly);
-  if (ld != nullptr) ldap_end_operation(ld);
   return msgid;
 }
 
@@ -481,8 +481,9 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
            base ? base : "NULL", scope, filter ? filter : "NULL");
   if (res == nullptr) return LDAP_PARAM_ERROR;
   *res = nullptr;
-  int rc = ldap_start_operation(ld);
-  if (rc != 0) return rc;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
+  int rc;
   int msgid = -1;
   struct timeval *wait = timeout;
   if (wait != nullptr && wait->tv_sec == 0 && wait->tv_usec == 0) wait = nullptr;
@@ -490,7 +491,6 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
   rc = ldap_search_ext_int(ld, base, scope, filter, attrs, attrsonly, sctrls, cctrls, timeout, sizelimit, &msgid);
   struct timeval left;
   if (rc == 0) rc = wait_for_search(ld, msgid, deadline.left(&left), res);
-  ldap_end_operation(ld);
   return rc;
 }
 
@@ -507,15 +507,15 @@ int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, ch
            scope, filter ? filter : "NULL");
   if (res == nullptr) return LDAP_PARAM_ERROR;
   *res = nullptr;
-  int rc = ldap_start_operation(ld);
-  if (rc != 0) return rc;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return bracket.code();
+  int rc;
   const CallDeadline deadline(timeout);
   const int msgid = ldap_search_int(ld, base, scope, filter, attrs, attrsonly);
   rc = ldap_get_errno_direct(ld);
   if (rc == 0 && msgid < 0) rc = LDAP_LOCAL_ERROR;
   struct timeval left;
   if (rc == 0) rc = wait_for_search(ld, msgid, deadline.left(&left), res);
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_search_st: returning rc=%d\n", rc);
   return rc;
 }

@@ -270,9 +270,9 @@ int ldap_ssl_start_direct(LDAP *ld, const char *kdb, const char *pw, const char 
 
 int ldap_ssl_start(LDAP *ld, const char *kdb, const char *pw, const char *label) {
   LDAP_LOG(LDAP_LOG_TRACE, "In ldap_ssl_start(): this is a deprecated function.\n");
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   int rc = ldap_ssl_start_direct(ld, kdb, pw, label);
-  ldap_end_operation(ld);
   return rc;
 }
 }

@@ -205,7 +205,8 @@ int ldap_url_search_direct(LDAP *ld, const char *url, int attrsonly) {
 int ldap_url_search(LDAP *ld, const char *url, int attrsonly) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search: ld(%p) url(%s) attrsonly(%d)\n", (void *)ld, ldap_trace_str(url, "<NULL>"),
            attrsonly);
-  if (ldap_start_operation(ld) != 0) return -1;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return -1;
   int rc;
   if (url == nullptr) {
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
@@ -213,7 +214,6 @@ int ldap_url_search(LDAP *ld, const char *url, int attrsonly) {
   } else {
     rc = ldap_url_search_direct(ld, url, attrsonly);
   }
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search: returning rc=%d\n", rc);
   return rc;
 }
@@ -221,7 +221,8 @@ int ldap_url_search(LDAP *ld, const char *url, int attrsonly) {
 int ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval *timeout, LDAPMessage **res) {
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search_st: ld(%p), url(%s), attrsonly(%d) timeout(%p), res(%p)\n", (void *)ld,
            ldap_trace_str(url, "<NULL>"), attrsonly, (void *)timeout, (void *)res);
-  if (ldap_start_operation(ld) != 0) return LDAP_PARAM_ERROR;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return LDAP_PARAM_ERROR;
   int rc;
   if (url == nullptr || res == nullptr) {
     ldap_set_errno_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
@@ -248,7 +249,6 @@ int ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval 
       }
     }
   }
-  ldap_end_operation(ld);
   LDAP_LOG(LDAP_LOG_TRACE, "ldap_url_search_st: returning rc=%d\n", rc);
   return rc;
 }

@@ -97,7 +97,8 @@ template <typename T>
 T **get_values(const char *name, LDAP *ld, LDAPMessage *entry, const char *attr) {
   LDAP_LOG(LDAP_LOG_TRACE, "%s: ld(%p) entry(%p) attr(%s)\n", name, (void *)ld, (void *)entry,
            ldap_trace_str(attr, "NULL"));
-  if (ldap_start_operation(ld) != 0) return nullptr;
+  OperationScope bracket(ld);
+  if (bracket.refused()) return nullptr;
   ldap_set_errno_direct(ld, 0, nullptr, nullptr);
   T **vals = nullptr;
   BerElement copy;
@@ -107,7 +108,6 @@ T **get_values(const char *name, LDAP *ld, LDAPMessage *entry, const char *attr)
     if (!find_attribute(&copy, attr) || scan(&copy, &vals) == LBER_ERROR)
       ldap_set_errno_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
   }
-  ldap_end_operation(ld);
   return vals;
 }
 
