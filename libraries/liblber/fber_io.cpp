@@ -5,6 +5,7 @@
 
 #include "lber-int.h"
 #include "ldap-debug.h"
+#include "ldap-protocol.h"
 #include "ldap-utils.h"
 
 namespace {
@@ -116,7 +117,7 @@ void mask_bind(unsigned char *b, size_t n) {
   if (!header_at(b, n, &pos, &tag, &len) || tag != 0x30) return;
   if (!header_at(b, n, &pos, &tag, &len) || tag != 0x02 || len > n - pos) return;
   pos += len;
-  if (!header_at(b, n, &pos, &tag, &len) || tag != 0x60) return;
+  if (!header_at(b, n, &pos, &tag, &len) || tag != (unsigned)ldap_proto::kBindRequest) return;
   if (!header_at(b, n, &pos, &tag, &len) || tag != 0x02 || len > n - pos) return;  // version
   pos += len;
   if (!header_at(b, n, &pos, &tag, &len) || tag != 0x04 || len > n - pos) return;  // name

@@ -56,7 +56,8 @@ int main(int argc, char **argv) {
 
   LDAPMessage *res = nullptr;
   const int id = tavtest::send_search(ld, argv[5], LDAP_SCOPE_ONELEVEL);
-  if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != 0x65) return failed("search", ldap_get_errno(ld));
+  if (id < 0 || ldap_result(ld, id, LDAP_MSG_ALL, nullptr, &res) != LDAP_RES_SEARCH_RESULT)
+    return failed("search", ldap_get_errno(ld));
   printf("one-level search under %s over ldaps:\n", argv[5]);
   for (LDAPMessage *e = ldap_first_entry(ld, res); e != nullptr; e = ldap_next_entry(ld, e))
     printf("  %s\n", tavtest::entry_dn(e).c_str());
