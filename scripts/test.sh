@@ -29,7 +29,7 @@ SKIP_ALLOWED=()
 # fuzz target per tests/fuzz/*_fuzz.cpp, and a corpus replay of each in unit.
 fuzz_targets=$(find tests/fuzz -maxdepth 1 -name '*_fuzz.cpp' | wc -l)
 UNIT_MIN=213
-INTEGRATION_MIN=94
+INTEGRATION_MIN=95
 CONCURRENCY_MIN=11
 # The install test (tests/install/run.sh): plain build only.
 INSTALL_MIN=1
