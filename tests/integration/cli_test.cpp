@@ -223,9 +223,8 @@ TEST_F(Cli, CommandLinesDoWhatLdapUtilsDo) {
   // -o timeout bounds the wait for a server that never answers.
   tavtest::FakeServer silent;
   silent.hold_until_closed();
-  silent.start();
   auto quiet = tavtest::run_process({TAV_CLIENT, "search", "-o", "timeout=1", "-o", "nettimeout=1", "-H",
-                                     "ldap://127.0.0.1:" + std::to_string(silent.port()), "-b", "o=x"},
+                                     "ldap://127.0.0.1:" + std::to_string(silent.start()), "-b", "o=x"},
                                     {{"TAVLDAP_LIBRARY", TAV_SHARED_OBJECT}});
   EXPECT_EQ(quiet.exit_code, 256 - 5) << quiet.err;
   // -d traces the run; the password never reaches the trace.

@@ -89,8 +89,7 @@ TEST(Deadline, EveryStepOfACallEndsWithItsTimeOut) {
       {"a silent server and a call without a time-out: the session's default", 1.0,
        [&](FakeServer &a, FakeServer &, LDAP **ld) {
          a.hold_until_closed();
-         a.start();
-         *ld = ldap_init("127.0.0.1", a.port());
+         *ld = ldap_init("127.0.0.1", a.start());
          struct timeval op = {1, 0};
          EXPECT_EQ(ldap_set_option(*ld, LDAP_OPT_TIMEOUT, &op), 0);
          return ldap_simple_bind_s(*ld, "cn=x", "secret");
@@ -98,15 +97,13 @@ TEST(Deadline, EveryStepOfACallEndsWithItsTimeOut) {
       {"a referral to a server that never answers the re-bind", 2.0,
        [&](FakeServer &a, FakeServer &b, LDAP **ld) {
          b.hold_until_closed();
-         b.start();
-         const std::string url = "ldap://127.0.0.1:" + std::to_string(b.port()) + "/o=x";
+         const std::string url = "ldap://127.0.0.1:" + std::to_string(b.start()) + "/o=x";
          a.on_request([url](const std::string &req) {
             return tavtest::message(tavtest::request_msgid(req),
                                     tavtest::result(ldap_proto::kSearchDone, 10, "", "",
                                                     tavtest::tlv(ldap_proto::kReferral, tavtest::str(url))));
           }).hold_until_closed();
-         a.start();
-         *ld = ldap_init("127.0.0.1", a.port());
+         *ld = ldap_init("127.0.0.1", a.start());
          EXPECT_EQ(ldap_set_option(*ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(&rebind_as_someone)), 0);
          return search_within(*ld, 2);
        }},
@@ -118,8 +115,7 @@ TEST(Deadline, EveryStepOfACallEndsWithItsTimeOut) {
             for (int i = 0; i < 100000; ++i) refs += tavtest::search_reference(tavtest::request_msgid(req), url);
             return refs;
           }).hold_until_closed();
-         a.start();
-         *ld = ldap_init("127.0.0.1", a.port());
+         *ld = ldap_init("127.0.0.1", a.start());
          return search_within(*ld, 2);
        }},
   };
@@ -141,8 +137,7 @@ TEST(Deadline, TheLargestTimeOutIsAsGoodAsNone) {
   FakeServer server;
   server.on_request([](const std::string &req) { return tavtest::search_done(tavtest::request_msgid(req)); })
       .hold_until_closed();
-  server.start();
-  LDAP *ld = ldap_init("127.0.0.1", server.port());
+  LDAP *ld = ldap_init("127.0.0.1", server.start());
   struct timeval longest = {LONG_MAX, 999999};
   LDAPMessage *res = nullptr;
   EXPECT_EQ(ldap_search_st(ld, "o=x", LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 0, &longest, &res), 0);

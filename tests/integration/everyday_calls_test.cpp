@@ -150,8 +150,7 @@ TEST_F(Everyday, AnAbandonedSearchsLateEntriesReachNobody) {
 TEST(Abandon, AThreadWaitingOnTheAbandonedIdIsTold) {
   tavtest::FakeServer server;
   server.hold_until_closed();
-  server.start();
-  LDAP *ld = ldap_init("127.0.0.1", server.port());
+  LDAP *ld = ldap_init("127.0.0.1", server.start());
   const int id = ldap_search(ld, "o=x", LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 0);
   ASSERT_GT(id, 0);
   std::atomic<int> type{0}, code{0};

@@ -36,10 +36,9 @@ TEST(ReferralFaults, TimedOutUrlSearchGivesItsRowsBackWhenTheLateResultArrives) 
         return tavtest::search_done(first) + tavtest::search_done(tavtest::request_msgid(r));
       })
       .hold_until_closed();
-  other.start();
+  const std::string url = ReferralServers::url(other.start(), "cn=x") + "??base";
   // The session's own server is never contacted: both searches name the other.
   LDAP *ld = ldap_init("127.0.0.1", tavtest::free_port());
-  const std::string url = ReferralServers::url(other.port(), "cn=x") + "??base";
   struct timeval short_wait = {0, 200000};
   LDAPMessage *res = nullptr;
   EXPECT_EQ(ldap_url_search_st(ld, url.c_str(), 0, &short_wait, &res), LDAP_TIMEOUT);
@@ -64,8 +63,7 @@ TEST(ReferralFaults, ServerClosingAtEveryByteOfAReferringAnswerGives81) {
        const int id = tavtest::request_msgid(r);
        return (tavtest::search_reference(id, url) + tavtest::search_done(id)).substr(0, cut);
      }).close();
-    a.start();
-    LDAP *ld = ldap_init("127.0.0.1", a.port());
+    LDAP *ld = ldap_init("127.0.0.1", a.start());
     LDAPMessage *res = nullptr;
     const int rc = ldap_search_st(ld, "o=x", 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
     if (cut == whole) {
@@ -83,8 +81,7 @@ TEST(ReferralFaults, AReplyThatDoesNotAnswerItsRequestIsNeverChased) {
   // A BindResponse answering a search, carrying a referral: a decoding error,
   // and the server it names is never contacted.
   FakeServer elsewhere;
-  elsewhere.start();
-  const std::string url = ReferralServers::url(elsewhere.port(), "o=x");
+  const std::string url = ReferralServers::url(elsewhere.start(), "o=x");
   FakeServer a;
   a.on_request([&](const std::string &r) {
      using namespace tavtest;
@@ -92,8 +89,7 @@ TEST(ReferralFaults, AReplyThatDoesNotAnswerItsRequestIsNeverChased) {
                     tlv(ldap_proto::kBindResponse, integer(10, ldap_proto::kEnumerated) + str("") + str("") +
                                                        tlv(ldap_proto::kReferral, str(url))));
    }).hold_until_closed();
-  a.start();
-  LDAP *ld = ldap_init("127.0.0.1", a.port());
+  LDAP *ld = ldap_init("127.0.0.1", a.start());
   LDAPMessage *res = nullptr;
   EXPECT_EQ(ldap_search_st(ld, "o=x", 0, "(objectClass=*)", nullptr, 0, nullptr, &res), LDAP_DECODING_ERROR);
   ldap_msgfree(res);
@@ -132,9 +128,8 @@ TEST(ReferralFaults, TheReferredServerGetsOnlyTheBindTheRebindProcedureAsksFor) 
   using namespace tavtest;
   const std::string plain("\0user\0secret", 12);
   TempDir dir;
-  const std::string socket_path = dir.file("ldap.sock");
-  std::string socket_host;
-  for (char ch : socket_path) socket_host += ch == '/' ? std::string("%2F") : std::string(1, ch);
+  const std::string socket_path = dir.file("ldap.sock"),
+                    socket_url = "ldap://" + ReferralServers::socket_host(socket_path) + "/o=x";
   struct Case {
     const char *name;
     LDAP_REBINDPROC_CALLBACK *rebind;
@@ -173,7 +168,7 @@ TEST(ReferralFaults, TheReferredServerGetsOnlyTheBindTheRebindProcedureAsksFor) 
     FakeServer b;
     b.on_request(answer).on_request(answer).hold_until_closed();
     b.start();
-    const std::string url = c.to_socket ? "ldap://" + socket_host + "/o=x" : ReferralServers::url(b.port(), "o=x");
+    const std::string url = c.to_socket ? socket_url : ReferralServers::url(b.port(), "o=x");
     FakeServer a;
     a.on_request([](const std::string &r) { return ldap_response(request_msgid(r), ldap_proto::kBindResponse); })
         .on_request([&](const std::string &r) {
@@ -181,8 +176,7 @@ TEST(ReferralFaults, TheReferredServerGetsOnlyTheBindTheRebindProcedureAsksFor) 
           return search_reference(id, url) + search_done(id);
         })
         .hold_until_closed();
-    a.start();
-    LDAP *ld = ldap_init("127.0.0.1", a.port());
+    LDAP *ld = ldap_init("127.0.0.1", a.start());
     if (c.rebind != nullptr) {
       ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REBIND_FN, reinterpret_cast<void *>(c.rebind)), 0);
     }

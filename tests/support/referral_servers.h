@@ -37,6 +37,11 @@ class ReferralServers {
     return "ldap://127.0.0.1:" + std::to_string(port) + "/" + dn;
   }
   static std::string branch() { return "ou=branch," + kSuffix; }
+  // A local socket's path as the host of an ldap URL (its slashes escaped).
+  static std::string socket_host(std::string path) {
+    for (size_t at; (at = path.find('/')) != std::string::npos;) path.replace(at, 1, "%2F");
+    return path;
+  }
 
   // A version-3 session on A; with `rebind`, its rebind procedure hands out
   // the root DN and password the three servers share.
