@@ -1,9 +1,6 @@
 #include "kdc.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,15 +38,7 @@ bool KerberosKdc::start(std::string *error) {
     *error = "creating the realm failed (Debian packages krb5-kdc, krb5-admin-server): " + r.out + r.err;
     return false;
   }
-  pid_ = fork();
-  if (pid_ == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    int fd = open((d + "/kdc.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, 1);
-    dup2(fd, 2);
-    execl("/usr/sbin/krb5kdc", "krb5kdc", "-n", "-r", realm.c_str(), (char *)nullptr);
-    _exit(127);
-  }
+  pid_ = spawn({"/usr/sbin/krb5kdc", "-n", "-r", realm}, d + "/kdc.log");
   for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10); !port_answers(std::stoi(p));
        std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
     if (waitpid(pid_, nullptr, WNOHANG) == pid_ || std::chrono::steady_clock::now() > deadline) {
@@ -60,11 +49,6 @@ bool KerberosKdc::start(std::string *error) {
   return true;
 }
 
-KerberosKdc::~KerberosKdc() {
-  if (pid_ > 0) {
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-  }
-}
+KerberosKdc::~KerberosKdc() { terminate(pid_); }
 
 }  // namespace tavtest

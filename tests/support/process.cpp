@@ -4,14 +4,17 @@
 #include <malloc.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #if defined(__has_feature)
@@ -77,6 +80,35 @@ ProcessResult run_process(const std::vector<std::string> &argv,
   }
   r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return r;
+}
+
+pid_t spawn(const std::vector<std::string> &argv, const std::string &log, int in) {
+  std::vector<char *> args;  // made before the fork: the child only execs
+  for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+  args.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test process that aborts takes its servers with it
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(fd, 1);
+    dup2(fd, 2);
+    if (in >= 0) dup2(in, 0);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  return pid;
+}
+
+void terminate(pid_t &pid) {
+  if (pid <= 0) return;
+  kill(pid, SIGTERM);
+  int i = 0;
+  for (; i < 500 && waitpid(pid, nullptr, WNOHANG) != pid; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  if (i == 500) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+  pid = -1;
 }
 
 TempDir::TempDir() {

@@ -2,6 +2,8 @@
 #ifndef TAV_TEST_PROCESS_H
 #define TAV_TEST_PROCESS_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +21,12 @@ struct ProcessResult {
 ProcessResult run_process(const std::vector<std::string> &argv,
                           const std::vector<std::pair<std::string, std::string>> &env = {},
                           const std::string &input = "");
+
+// Starts argv[0] in the background, its stdout and stderr written to `log`
+// and its stdin read from `in` when given; it dies with the test process.
+pid_t spawn(const std::vector<std::string> &argv, const std::string &log, int in = -1);
+// SIGTERM, SIGKILL after ten seconds, and waits for it; leaves pid at -1.
+void terminate(pid_t &pid);
 
 // A temporary directory removed with everything in it when the object goes.
 class TempDir {

@@ -3,8 +3,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -196,17 +194,8 @@ bool SlapdServer::start(std::string *error) {
     listeners += " ldaps://" + ldaps_host_port() + "/";
   }
   const std::string log = dir_ + "/slapd.log";
-  pid_ = fork();
-  if (pid_ == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test process that aborts takes its server with it
-    int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, 1);
-    dup2(fd, 2);
-    // -d keeps slapd in the foreground, so the pid we hold is the server's.
-    execl("/usr/sbin/slapd", "slapd", "-d", "0", "-f", (dir_ + "/slapd.conf").c_str(), "-h", listeners.c_str(),
-          (char *)nullptr);
-    _exit(127);
-  }
+  // -d keeps slapd in the foreground, so the pid we hold is the server's.
+  pid_ = spawn({"/usr/sbin/slapd", "-d", "0", "-f", dir_ + "/slapd.conf", "-h", listeners}, log);
   // Poll until it answers on both listeners (or exits, or 20 seconds pass).
   for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);;
        std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
@@ -223,17 +212,7 @@ bool SlapdServer::start(std::string *error) {
 }
 
 void SlapdServer::stop() {
-  if (pid_ > 0) {
-    kill(pid_, SIGTERM);
-    int status, i = 0;
-    for (; i < 500 && waitpid(pid_, &status, WNOHANG) != pid_; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (i == 500) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, &status, 0);
-    }
-    pid_ = -1;
-  }
+  terminate(pid_);
   if (!dir_.empty()) run_process({"/bin/rm", "-rf", dir_});
   dir_.clear();
 }
