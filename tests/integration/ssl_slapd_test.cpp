@@ -7,12 +7,10 @@
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <mutex>
 #include <regex>
@@ -88,50 +86,71 @@ std::string string_option(LDAP *ld, int option, int *rc) {
   return s;
 }
 
-// Passes one connection through to a real server but lets only the first
-// `budget` bytes of the server's side through, then closes both ends: the
-// server as seen by the client closes at that byte.
-class CuttingRelay {
+// Passes one connection through to a real server.  Of the server's side only
+// the first `budget` bytes go through, then both ends close: the server, as
+// the client sees it, closes at that byte.  While `hold` is set, what the
+// server writes waits in held() for the test to pass on with to_client().
+class Relay {
  public:
-  CuttingRelay(int upstream_port, size_t budget) : upstream_port_(upstream_port), budget_(budget) {
+  explicit Relay(int upstream_port, size_t budget = SIZE_MAX) : upstream_port_(upstream_port), budget_(budget) {
     listen_fd_ = tavtest::loopback_listen(1, &port_);
     if (listen_fd_ >= 0) thread_ = std::thread([this] { run(); });
   }
-  ~CuttingRelay() {
+  ~Relay() {
+    stop_ = true;
     if (thread_.joinable()) thread_.join();
     close(listen_fd_);
   }
   int port() const { return port_; }
+  std::atomic<bool> hold{false};
+  // What the server wrote while held, once it has stopped growing.
+  std::string held() {
+    for (size_t size = 0, quiet = 0; quiet < 10; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
+      std::lock_guard<std::mutex> lock(mu_);
+      quiet = held_.size() == size && size > 0 ? quiet + 1 : 0;
+      size = held_.size();
+    }
+    std::lock_guard<std::mutex> lock(mu_);
+    return held_;
+  }
+  void to_client(const std::string &bytes) {
+    EXPECT_EQ(write(client_, bytes.data(), bytes.size()), (ssize_t)bytes.size());
+  }
 
  private:
   void run() {
     pollfd wait_accept = {listen_fd_, POLLIN, 0};
     if (poll(&wait_accept, 1, 20000) != 1) return;
-    const int client = accept(listen_fd_, nullptr, nullptr);
+    client_ = accept(listen_fd_, nullptr, nullptr);
     const int server = tavtest::loopback_connect(upstream_port_);
     size_t passed = 0;
     char buf[16384];
-    while (client >= 0 && server >= 0 && passed < budget_) {
-      pollfd fds[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
-      if (poll(fds, 2, 20000) <= 0) break;
+    while (client_ >= 0 && server >= 0 && passed < budget_ && !stop_) {
+      pollfd fds[2] = {{client_, POLLIN, 0}, {server, POLLIN, 0}};
+      if (poll(fds, 2, 20) <= 0) continue;
       if (fds[0].revents != 0) {
-        const ssize_t n = read(client, buf, sizeof buf);
+        const ssize_t n = read(client_, buf, sizeof buf);
         if (n <= 0 || write(server, buf, n) != n) break;
       }
       if (fds[1].revents != 0) {
         const ssize_t n = read(server, buf, std::min(sizeof buf, budget_ - passed));
-        if (n <= 0 || write(client, buf, n) != n) break;
+        std::lock_guard<std::mutex> lock(mu_);
+        if (n <= 0 || (hold ? (held_.append(buf, n), false) : write(client_, buf, n) != n)) break;
         passed += n;
       }
     }
-    if (client >= 0) close(client);
+    if (client_ >= 0) close(client_);
     if (server >= 0) close(server);
   }
   int upstream_port_;
   size_t budget_;
   int listen_fd_ = -1;
   int port_ = 0;
+  std::atomic<int> client_{-1};
+  std::atomic<bool> stop_{false};
   std::thread thread_;
+  std::mutex mu_;
+  std::string held_;
 };
 
 // A suite's slapd with an ldaps listener, the toolkit from the build and key
@@ -372,7 +391,7 @@ TEST_F(SslSlapd, AServerClosingAtAnyByteOfTheHandshakeGives81) {
   size_t cut = 0;
   for (;; ++cut) {
     ASSERT_LT(cut, 20000u) << "the bind never succeeded";
-    CuttingRelay relay(slapd->tls_port(), cut);
+    Relay relay(slapd->tls_port(), cut);
     ASSERT_NE(relay.port(), 0);
     LDAP *ld = ldap_ssl_init("127.0.0.1", relay.port(), nullptr);
     const int rc = ldap_simple_bind_s(ld, nullptr, nullptr);
@@ -557,69 +576,39 @@ TEST_F(SslPeer, Pkcs11RecordsAreCheckedBeforeAnyLoading) {
 // -tlsextdebug) is collected; "ACCEPT" says it listens.
 class OpensslServer {
  public:
-  explicit OpensslServer(std::vector<std::string> args) {
-    port_ = tavtest::free_port();
+  explicit OpensslServer(std::vector<std::string> args) : port_(tavtest::free_port()) {
     args.insert(args.begin(), {"/usr/bin/openssl", "s_server", "-accept", "127.0.0.1:" + std::to_string(port_)});
-    int out[2], in[2];
-    if (pipe(out) != 0 || pipe(in) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(in[0], 0);
-      dup2(out[1], 1);
-      dup2(out[1], 2);
-      std::vector<char *> argv;
-      for (std::string &a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
+    int in[2];
+    if (pipe(in) != 0) return;
+    pid_ = tavtest::spawn(args, log_.file("out"), in[0]);
     close(in[0]);
-    close(out[1]);
     stdin_ = in[1];  // held open: s_server ends at the end of its input
-    reader_ = std::thread([this, fd = out[0]] {
-      char buf[4096];
-      ssize_t n;
-      while ((n = read(fd, buf, sizeof buf)) > 0) {
-        std::lock_guard<std::mutex> lock(mu_);
-        out_.append(buf, (size_t)n);
-        cv_.notify_all();
-      }
-      close(fd);
-    });
   }
   ~OpensslServer() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
-    if (stdin_ >= 0) close(stdin_);
-    if (reader_.joinable()) reader_.join();
+    tavtest::terminate(pid_);
+    close(stdin_);
   }
   int port() const { return port_; }
   // s_server sends what it reads from its input to the client.
   void send(const std::string &text) { EXPECT_EQ(write(stdin_, text.data(), text.size()), (ssize_t)text.size()); }
   // Waits until `text` has been written `count` times in all.
   bool wait_for(const std::string &text, int count = 1) {
-    std::unique_lock<std::mutex> lock(mu_);
-    return cv_.wait_for(lock, std::chrono::seconds(10), [&] { return occurrences(text) >= count; });
+    for (int i = 0; i < 500 && occurrences(text) < count; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return occurrences(text) >= count;
   }
   int occurrences(const std::string &text) const {
+    const std::string out = output();
     int n = 0;
-    for (size_t at = out_.find(text); at != std::string::npos; at = out_.find(text, at + 1)) ++n;
+    for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) ++n;
     return n;
   }
-  std::string output() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return out_;
-  }
+  std::string output() const { return tavtest::read_file(log_.file("out")); }
 
  private:
-  int port_ = 0, stdin_ = -1;
+  tavtest::TempDir log_;
+  int port_, stdin_ = -1;
   pid_t pid_ = -1;
-  std::thread reader_;
-  std::mutex mu_;
-  std::condition_variable cv_;
-  std::string out_;
 };
 
 // A socket connected to `port` on loopback, made secure by the library as if
@@ -777,73 +766,30 @@ TEST_F(SslPeer, TheFrontOfARecordIsNotReadableUntilTheRestArrives) {
   ASSERT_EQ(ldap_ssl_client_init(keys->good().c_str(), kKdbPassword, 0, nullptr), 0);
   OpensslServer server({"-cert", certs.path() + "/server.pem", "-key", certs.path() + "/server.key"});
   ASSERT_TRUE(server.wait_for("ACCEPT"));
-  // A relay the test holds: what the server writes waits in `held` while `hold` is set.
-  int relay_port = 0;
-  const int listener = tavtest::loopback_listen(1, &relay_port);
-  ASSERT_GE(listener, 0);
-  std::atomic<bool> hold{false}, stop{false};
-  std::mutex mu;
-  std::string held;
-  std::atomic<int> to_client{-1};
-  std::thread relay([&] {
-    const int client = accept(listener, nullptr, nullptr), up = tavtest::loopback_connect(server.port());
-    to_client = client;
-    char buf[4096];
-    while (!stop) {
-      pollfd p[2] = {{client, POLLIN, 0}, {up, POLLIN, 0}};
-      if (poll(p, 2, 20) <= 0) continue;
-      ssize_t n;
-      if ((p[0].revents & POLLIN) && (n = read(client, buf, sizeof buf)) > 0) (void)!write(up, buf, (size_t)n);
-      if ((p[1].revents & POLLIN) && (n = read(up, buf, sizeof buf)) > 0) {
-        std::lock_guard<std::mutex> lock(mu);
-        if (hold)
-          held.append(buf, (size_t)n);
-        else
-          (void)!write(client, buf, (size_t)n);
-      }
-    }
-    close(up);
-  });
-  LDAP *ld = ldap_ssl_init("127.0.0.1", relay_port, nullptr);
+  Relay relay(server.port());
+  LDAP *ld = ldap_ssl_init("127.0.0.1", relay.port(), nullptr);
   Sockbuf sb{};
-  ASSERT_EQ(secure_connect(ld, relay_port, "127.0.0.1", &sb), 0);
-  hold = true;
+  ASSERT_EQ(secure_connect(ld, relay.port(), "127.0.0.1", &sb), 0);
+  relay.hold = true;
   server.send("hello\n");
-  // Everything the server wrote is held once it stops growing.
-  size_t size = 0;
-  for (int quiet = 0; quiet < 10; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
-    std::lock_guard<std::mutex> lock(mu);
-    quiet = held.size() == size && size > 0 ? quiet + 1 : 0;
-    size = held.size();
-  }
+  const std::string held = relay.held();
   const tav_handle conn = *static_cast<tav_handle *>(sb.sb_ssl);
   char text[64];
   int count = -1;
-  {
-    // All but the last five bytes: the record with "hello" is cut short.
-    std::lock_guard<std::mutex> lock(mu);
-    ASSERT_EQ(write(to_client.load(), held.data(), size - 5), (ssize_t)(size - 5));
-  }
+  relay.to_client(held.substr(0, held.size() - 5));  // the record with "hello" is cut short
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(tav_fn.secure_soc_read(conn, text, sizeof text, &count), 502) << "the front is read and kept";
   struct timeval none = {0, 0}, ten = {10, 0};
   EXPECT_EQ(tav_fn.secure_soc_read(conn, nullptr, 1, &count), 0);
   EXPECT_EQ(count, 0) << "a partial record is not readable";
   EXPECT_EQ(fber_select(&sb, &none), 0);
-  {
-    std::lock_guard<std::mutex> lock(mu);
-    ASSERT_EQ(write(to_client.load(), held.data() + size - 5, 5), 5);
-  }
+  relay.to_client(held.substr(held.size() - 5));
   EXPECT_EQ(fber_select(&sb, &ten), 1);
   EXPECT_EQ(tav_fn.secure_soc_read(conn, nullptr, 1, &count), 0);
   EXPECT_EQ(count, 6) << "the whole record is";
   EXPECT_EQ(tav_fn.secure_soc_read(conn, text, sizeof text, &count), 0);
   EXPECT_EQ(std::string(text, (size_t)count), "hello\n");
-  stop = true;
-  relay.join();
   secure_close(&sb);
-  close(to_client.load());
-  close(listener);
   ldap_unbind(ld);
 }
 
