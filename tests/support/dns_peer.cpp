@@ -1,12 +1,10 @@
 #include "dns_peer.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -14,8 +12,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fstream>
+#include <thread>
+
+#include "process.h"
 
 namespace tavtest {
 
@@ -39,41 +41,23 @@ std::string enter_private_network(const std::string &resolv_conf) {
 }
 
 bool Dnsmasq::start(const std::string &dir, const std::string &config, std::string *error) {
-  std::string conf = dir + "/dnsmasq.conf";
+  const std::string conf = dir + "/dnsmasq.conf", log = dir + "/dnsmasq.log";
   std::ofstream(conf) << config;
-  int err[2];
-  if (pipe(err) != 0) return false;
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(err[1], 2);
-    close(err[0]);
-    close(err[1]);
-    execl("/usr/sbin/dnsmasq", "dnsmasq", "--keep-in-foreground", "--log-facility=-", "--user=root", "--port=53",
-          "--listen-address=127.0.0.1", "--bind-interfaces", "--no-resolv", "--no-hosts",
-          ("--pid-file=" + dir + "/dnsmasq.pid").c_str(), ("--conf-file=" + conf).c_str(), (char *)nullptr);
-    _exit(127);
-  }
-  close(err[1]);
+  pid_ = spawn({"/usr/sbin/dnsmasq", "--keep-in-foreground", "--log-facility=-", "--user=root", "--port=53",
+                "--listen-address=127.0.0.1", "--bind-interfaces", "--no-resolv", "--no-hosts",
+                "--pid-file=" + dir + "/dnsmasq.pid", "--conf-file=" + conf},
+               log);
   // dnsmasq logs "started" once its sockets are bound: the hand-shake.
-  std::string log;
-  char buf[512];
-  ssize_t n;
-  while (log.find("started") == std::string::npos && (n = read(err[0], buf, sizeof buf)) > 0) log.append(buf, n);
-  close(err[0]);
-  if (log.find("started") == std::string::npos) {
-    *error = "dnsmasq did not start: " + log;
-    stop();
-    return false;
+  for (int i = 0; i < 500 && waitpid(pid_, nullptr, WNOHANG) == 0; ++i) {
+    if (read_file(log).find("started") != std::string::npos) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  return true;
+  *error = "dnsmasq did not start: " + read_file(log);
+  stop();
+  return false;
 }
 
-void Dnsmasq::stop() {
-  if (pid_ <= 0) return;
-  kill(pid_, SIGTERM);
-  waitpid(pid_, nullptr, 0);
-  pid_ = -1;
-}
+void Dnsmasq::stop() { terminate(pid_); }
 
 namespace dns {
 std::string u16(unsigned v) { return std::string{char(v >> 8), char(v & 0xff)}; }

@@ -103,7 +103,8 @@ void terminate(pid_t &pid) {
   if (pid <= 0) return;
   kill(pid, SIGTERM);
   int i = 0;
-  for (; i < 500 && waitpid(pid, nullptr, WNOHANG) != pid; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  for (; i < 500 && waitpid(pid, nullptr, WNOHANG) == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   if (i == 500) {
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
