@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <functional>
 #include <future>
+#include <memory>
 #include <thread>
 
 #include "fake_server.h"
@@ -35,6 +36,18 @@ std::vector<int> types_of(LDAPMessage *chain) {
   std::vector<int> t;
   for (LDAPMessage *m = chain; m; m = m->lm_chain) t.push_back(m->lm_msgtype);
   return t;
+}
+
+std::string search_done_of(int id) { return search_done(id); }
+
+// The script: the first request answered with first(its ID), the rest,
+// rest(that ID), sent once the test opens the gate.
+void gated(FakeServer &fake, std::function<std::string(int)> first, std::function<std::string(int)> rest) {
+  auto id = std::make_shared<int>(0);
+  fake.on_request([=](const std::string &r) { return first(*id = request_msgid(r)); })
+      .gate()
+      .send_lazy([=] { return rest(*id); })
+      .hold_until_closed();
 }
 
 // Answers each search with `entries` entries and its SearchResultDone.
@@ -111,14 +124,8 @@ TEST(Engine, ResponsesGoToTheirOwnRowsAndUnknownIdsAreDropped) {
 
 TEST(EngineTimeouts, TimeOutsReturnZeroRecord85AndKeepWhatArrived) {
   FakeServer fake;
-  std::string request;
-  fake.on_request([&](const std::string &r) {
-        request = r;
-        return search_entry(request_msgid(r), "cn=one") + search_entry(request_msgid(r), "cn=two");
-      })
-      .gate()
-      .send_lazy([&] { return search_done(request_msgid(request)); })
-      .hold_until_closed();
+  gated(
+      fake, [](int id) { return search_entry(id, "cn=one") + search_entry(id, "cn=two"); }, search_done_of);
   Session s(fake);
   int id = tavtest::send_search(s.ld, "cn=x", 2);
   struct timeval zero = {0, 0}, short_wait = {0, 200000};
@@ -139,14 +146,8 @@ TEST(EngineTimeouts, TimeOutsReturnZeroRecord85AndKeepWhatArrived) {
 
 TEST(EngineTimeouts, ResponseSplitAcrossATimeOutIsCompletedByTheNextCall) {
   FakeServer fake;
-  std::string done;
-  fake.on_request([&](const std::string &r) {
-        done = search_done(request_msgid(r));
-        return done.substr(0, 5);
-      })
-      .gate()
-      .send_lazy([&] { return done.substr(5); })
-      .hold_until_closed();
+  gated(
+      fake, [](int id) { return search_done(id).substr(0, 5); }, [](int id) { return search_done(id).substr(5); });
   Session s(fake);
   int id = tavtest::send_search(s.ld, "cn=x", 0);
   pollfd p{s.sd(), POLLIN, 0};
@@ -170,16 +171,14 @@ TEST(EngineTimeouts, ResponseSplitAcrossATimeOutIsCompletedByTheNextCall) {
 TEST(EngineTimeouts, ARunOfEntriesThatStopsShortOfABatchIsHandedOutWithoutWaitingOutTheTimeOut) {
   constexpr int kEntries = 100;
   FakeServer fake;
-  std::string request;
-  fake.on_request([&](const std::string &r) {
-        request = r;
+  gated(
+      fake,
+      [](int id) {
         std::string run;
-        for (int i = 0; i < kEntries; ++i) run += search_entry(request_msgid(r), "cn=e" + std::to_string(i));
+        for (int i = 0; i < kEntries; ++i) run += search_entry(id, "cn=e" + std::to_string(i));
         return run;
-      })
-      .gate()
-      .send_lazy([&] { return search_entry(request_msgid(request), "cn=last") + search_done(request_msgid(request)); })
-      .hold_until_closed();
+      },
+      [](int id) { return search_entry(id, "cn=last") + search_done(id); });
   Session s(fake);
   int id = tavtest::send_search(s.ld, "cn=x", 2);
   struct timeval generous = {10, 0};
@@ -202,14 +201,8 @@ TEST(EngineTimeouts, ARunOfEntriesThatStopsShortOfABatchIsHandedOutWithoutWaitin
 // wakes it, also when that reader is a direct caller of ldap_get_msg.
 TEST(Engine, AWaiterIsWokenByAReaderOutsideTheTable) {
   FakeServer fake;
-  std::string request;
-  fake.on_request([&](const std::string &r) {
-        request = r;
-        return std::string();
-      })
-      .gate()
-      .send_lazy([&] { return search_done(request_msgid(request)); })
-      .hold_until_closed();
+  gated(
+      fake, [](int) { return std::string(); }, search_done_of);
   Session s(fake);
   const int id = tavtest::send_search(s.ld, "cn=x", 0);
   LDAPConn *conn = get_default_connection(s.ld);

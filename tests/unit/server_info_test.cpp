@@ -176,12 +176,11 @@ TEST(ServerInfoFile, SavesReplaceTheFileWholeOrNotAtAll) {
   ASSERT_EQ(ldap_server_cache_save(path.c_str(), 0, a), 0);
   const std::string ra = render(a), rb = render(b);
   std::atomic<int> failures{0};
-  std::thread savers[] = {std::thread([&] {
-                            for (int i = 0; i < 300; ++i) failures += ldap_server_cache_save(path.c_str(), 0, a) != 0;
-                          }),
-                          std::thread([&] {
-                            for (int i = 0; i < 300; ++i) failures += ldap_server_cache_save(path.c_str(), 0, b) != 0;
-                          })};
+  std::vector<std::thread> savers;
+  for (LDAPServerInfo *saved : {a, b})
+    savers.emplace_back([&, saved] {
+      for (int i = 0; i < 300; ++i) failures += ldap_server_cache_save(path.c_str(), 0, saved) != 0;
+    });
   int torn = 0;
   for (int i = 0; i < 300; ++i) {
     LDAPServerInfo *back = nullptr;
