@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "keydb.h"
@@ -24,17 +25,16 @@ using tavtest::ReferralServers;
 
 namespace {
 
+// A's part of the tree that refers its ou=branch to B.
+const std::string kT1 = "ou=t1," + ReferralServers::kSuffix;
+
 class Referrals : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { servers = new ReferralServers(); }
-  static void TearDownTestSuite() {
-    delete servers;
-    servers = nullptr;
-  }
+  static void TearDownTestSuite() { delete std::exchange(servers, nullptr); }
   void SetUp() override { ASSERT_TRUE(servers->started()) << servers->error(); }
-  static ReferralServers *servers;
+  static inline ReferralServers *servers = nullptr;
 };
-ReferralServers *Referrals::servers = nullptr;
 
 std::set<std::string> dns_of(LDAP *ld, LDAPMessage *res) {
   std::set<std::string> out;
@@ -65,8 +65,7 @@ TEST_F(Referrals, SearchesFollowReferencesAndReferralsOrHandThemBack) {
     int code;          // of the final result in the chain
     std::string text;  // of the final result
   };
-  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
-  const std::set<std::string> a_entries = {t1, "cn=a1," + t1, "cn=a2," + t1};
+  const std::set<std::string> a_entries = {kT1, "cn=a1," + kT1, "cn=a2," + kT1};
   const std::set<std::string> b_entries = {ReferralServers::branch(), "cn=b1," + ReferralServers::branch(),
                                            "cn=b2," + ReferralServers::branch()};
   std::set<std::string> both = a_entries;
@@ -74,10 +73,10 @@ TEST_F(Referrals, SearchesFollowReferencesAndReferralsOrHandThemBack) {
   const std::string dead = ReferralServers::url(servers->dead_port(), "ou=nowhere," + ReferralServers::kSuffix);
   const std::string loop = ReferralServers::url(servers->port_b(), "ou=loop," + ReferralServers::kSuffix);
   const Case cases[] = {
-      {"reference to B, re-bound", t1, true, true, both, 0, ""},
+      {"reference to B, re-bound", kT1, true, true, both, 0, ""},
       // B refuses anonymous readers: its refusal is the final result.
-      {"reference to B, anonymous", t1, true, false, a_entries, LDAP_NO_SUCH_OBJECT, ""},
-      {"chasing off", t1, false, true, a_entries, 0, ""},
+      {"reference to B, anonymous", kT1, true, false, a_entries, LDAP_NO_SUCH_OBJECT, ""},
+      {"chasing off", kT1, false, true, a_entries, 0, ""},
       {"dead server first, then C",
        "ou=dead," + ReferralServers::kSuffix,
        true,
@@ -126,14 +125,13 @@ TEST_F(Referrals, SearchesFollowReferencesAndReferralsOrHandThemBack) {
 // With no hops left the first referral is not followed and the rebind
 // procedure is never asked; with hops it is asked once and told to free once.
 TEST_F(Referrals, HopLimitBoundsTheChaseAndTheRebindProcedureIsAskedAndToldToFree) {
-  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
   for (int hops : {0, 10}) {
     SCOPED_TRACE(hops);
     servers->reset_rebinds();
     LDAP *ld = servers->session(true);
     ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REFHOPLIMIT, &hops), 0);
     LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res), 0);
+    ASSERT_EQ(ldap_search_st(ld, kT1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res), 0);
     EXPECT_EQ(dns_of(ld, res).size(), hops ? 6u : 3u);  // A's own entries only without hops
     EXPECT_EQ(
         final_of(ld, res).second,
@@ -189,17 +187,16 @@ TEST_F(Referrals, UrlSearchRunsOnTheServerItNames) {
     int rc;
     size_t entries;
   };
-  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
   const Case cases[] = {
-      {"default server", ReferralServers::url(servers->port_a(), t1) + "??sub", 0, 6},
-      {"no host", "ldap:///" + t1 + "??one", 0, 3},
+      {"default server", ReferralServers::url(servers->port_a(), kT1) + "??sub", 0, 6},
+      {"no host", "ldap:///" + kT1 + "??one", 0, 3},
       {"server B", ReferralServers::url(servers->port_b(), ReferralServers::branch()) + "?cn?sub?(cn=b*)", 0, 2},
       {"not a URL", "http://x/", LDAP_PARAM_ERROR, 0},
       // A's own ldapi socket, which would answer: a URL's host is never a path.
       {"host naming a local socket",
-       "ldap://" + ReferralServers::socket_host(servers->a().ldapi_path()) + "/" + t1 + "??sub", LDAP_PARAM_ERROR, 0},
+       "ldap://" + ReferralServers::socket_host(servers->a().ldapi_path()) + "/" + kT1 + "??sub", LDAP_PARAM_ERROR, 0},
       // A's plain port: the scheme is kept, so nothing is sent without SSL.
-      {"ldaps without SSL", "ldaps://" + servers->a().host_port() + "/" + t1 + "??sub", LDAP_SSL_NOT_AVAILABLE, 0},
+      {"ldaps without SSL", "ldaps://" + servers->a().host_port() + "/" + kT1 + "??sub", LDAP_SSL_NOT_AVAILABLE, 0},
       {"bad scope", "ldap:///o=x??wide", LDAP_PARAM_ERROR, 0},
   };
   for (const Case &c : cases) {
@@ -221,7 +218,6 @@ TEST_F(Referrals, UrlSearchRunsOnTheServerItNames) {
 TEST_F(Referrals, VersionTwoFollowsTheReferralText) {
   // slapd answers a version-2 search with partial results whose text lists
   // the referrals ("Referral:\n" and one URL a line).
-  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
   for (bool chase : {false, true}) {
     SCOPED_TRACE(chase ? "chasing" : "not chasing");
     LDAP *ld = servers->session(true);
@@ -230,7 +226,7 @@ TEST_F(Referrals, VersionTwoFollowsTheReferralText) {
     ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REFERRALS, chase ? LDAP_OPT_ON : LDAP_OPT_OFF), 0);
     ASSERT_EQ(ldap_simple_bind_s(ld, tavtest::SlapdServer::kRootDn, tavtest::SlapdServer::kRootPw), 0);
     LDAPMessage *res = nullptr;
-    const int rc = ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
+    const int rc = ldap_search_st(ld, kT1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
     auto [code, text] = final_of(ld, res);
     EXPECT_EQ(dns_of(ld, res).size(), chase ? 6u : 3u);
     EXPECT_EQ(rc, chase ? 0 : LDAP_PARTIAL_RESULTS);
@@ -248,7 +244,6 @@ TEST_F(Referrals, EveryFailingAllocationOfAChasedSearchEndsInADesignedCode) {
                                     LDAP_DECODING_ERROR,
                                     LDAP_FILTER_ERROR,
                                     LDAP_NO_MEMORY};  // the filter encoder's failures are 87
-  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
   std::set<int> codes;
   bool chased = false;
   for (long n = 1; n < 100000; ++n) {
@@ -256,7 +251,7 @@ TEST_F(Referrals, EveryFailingAllocationOfAChasedSearchEndsInADesignedCode) {
     ASSERT_NE(ld, nullptr);
     LDAPMessage *res = nullptr;
     olx_fail_alloc_at(n);
-    const int rc = ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
+    const int rc = ldap_search_st(ld, kT1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
     const long used = olx_fail_alloc_at(0);
     EXPECT_TRUE(documented.count(rc)) << "allocation " << n << " gave " << rc;
     // A chase that ran out of memory leaves A's own entries.
@@ -278,11 +273,10 @@ TEST_F(Referrals, EveryFailingAllocationOfAChasedSearchEndsInADesignedCode) {
 // it, and the connections that failed are given back, so the session's
 // descriptors stay as many as before.
 TEST_F(Referrals, ConnectionsToARestartedServerAreGivenBack) {
-  const std::string t1 = "ou=t1," + ReferralServers::kSuffix;
   LDAP *ld = servers->session(true);
   auto chase = [&] {
     LDAPMessage *res = nullptr;
-    ldap_search_st(ld, t1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
+    ldap_search_st(ld, kT1.c_str(), 2, "(objectClass=*)", nullptr, 0, nullptr, &res);
     const size_t entries = dns_of(ld, res).size();
     ldap_msgfree(res);
     return entries;
