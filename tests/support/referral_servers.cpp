@@ -36,27 +36,22 @@ ReferralServers::ReferralServers(int branch_entries, bool tls) {
     taken.insert(*p);
   }
   const std::string &s = kSuffix;
-  SlapdOptions b;
-  b.port = port_b_;
-  b.allow_v2 = true;
-  b.tls = tls;
-  b.access =
-      "access to attrs=userPassword by anonymous auth by * none\n"
-      "access to * by users read by * none\n";
-  b.extra_ldif = unit(branch(), "branch") + referral("ou=loop," + s, "loop", {url(port_a_, "ou=loop," + s)});
+  SlapdOptions b = {
+      .allow_v2 = true,
+      .access =
+          "access to attrs=userPassword by anonymous auth by * none\n"
+          "access to * by users read by * none\n",
+      .extra_ldif = unit(branch(), "branch") + referral("ou=loop," + s, "loop", {url(port_a_, "ou=loop," + s)}),
+      .port = port_b_,
+      .tls = tls};
   for (int i = 1; i <= branch_entries; ++i)
     b.extra_ldif += person("cn=b" + std::to_string(i) + "," + branch(), "b" + std::to_string(i));
-  SlapdOptions c;
-  c.port = port_c_;
-  c.extra_ldif = unit("ou=dead," + s, "dead") + person("cn=c1,ou=dead," + s, "c1");
   b_ = std::make_unique<SlapdServer>(b);
-  c_ = std::make_unique<SlapdServer>(c);
+  c_ = std::make_unique<SlapdServer>(
+      SlapdOptions{.extra_ldif = unit("ou=dead," + s, "dead") + person("cn=c1,ou=dead," + s, "c1"), .port = port_c_});
   // A's referrals name B's ldaps port, known once B runs.
   if (!b_->start(&error_) || !c_->start(&error_)) return;
-  SlapdOptions a;
-  a.port = port_a_;
-  a.allow_v2 = true;
-  a.global_config = "referral " + url(port_c_, "") + "\n";
+  SlapdOptions a = {.allow_v2 = true, .global_config = "referral " + url(port_c_, "") + "\n", .port = port_a_};
   a.extra_ldif = unit("ou=t1," + s, "t1") + person("cn=a1,ou=t1," + s, "a1") + person("cn=a2,ou=t1," + s, "a2") +
                  referral("ou=branch,ou=t1," + s, "branch", {url(port_b_, branch())}) +
                  referral("ou=loop," + s, "loop", {url(port_b_, "ou=loop," + s)}) +
