@@ -1,9 +1,7 @@
 // Secure connections end to end: the toolkit loaded from the build, key
 // databases made with its tool, a private slapd with an ldaps listener, and a
 // scripted server that never answers the handshake.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
