@@ -21,6 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "slapd_server.h"
+
 namespace tavbench {
 
 class TlsFront {
@@ -47,17 +49,10 @@ class TlsFront {
     }
     SSL_CTX_set_session_id_context(ctx_, reinterpret_cast<const unsigned char *>("tavbench"), 8);
     SSL_CTX_clear_mode(ctx_, SSL_MODE_AUTO_RETRY);
-    listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (listen_fd_ < 0 || bind(listen_fd_, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
-        listen(listen_fd_, 64) != 0 || getsockname(listen_fd_, reinterpret_cast<sockaddr *>(&a), &len) != 0) {
+    if ((listen_fd_ = tavtest::loopback_listen(64, &port_)) < 0) {
       *error = "tls_front: cannot listen";
       return false;
     }
-    port_ = ntohs(a.sin_port);
     acceptor_ = std::thread([this] { accept_loop(); });
     return true;
   }
@@ -76,15 +71,7 @@ class TlsFront {
   }
 
   int connect_upstream() const {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons((uint16_t)upstream_port_);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
-      close(fd);
-      return -1;
-    }
+    int fd = tavtest::loopback_connect(upstream_port_);
     int one = 1;
     if (fd >= 0) setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     return fd;
