@@ -15,6 +15,10 @@ TAV_INTERNAL int fber_flush_nb(Sockbuf *sb, BerElement *ber);
 TAV_INTERNAL int fber_select(Sockbuf *sb, struct timeval *timeout);
 TAV_INTERNAL int FBerReadDirect_nb(Sockbuf *sb, char *dest, int count, int *left);
 TAV_INTERNAL int fber_socket_read_nb(Sockbuf *sb, char *dest, int count, int *would_block);
+// Makes sure the read-ahead holds bytes, reading once if it is empty: 1 = it
+// does, 0 = the socket had none, -1 = failure or the peer closed, -2 = no
+// read-ahead buffer could be had (nothing was read).
+TAV_INTERNAL int fber_fill_ahead(Sockbuf *sb);
 TAV_INTERNAL long BerWrite(Sockbuf *sb, const char *bytes, long count);
 // Frees the socket record's read-ahead buffer and forgets what it held.
 TAV_INTERNAL void fber_sockbuf_release(Sockbuf *sb);

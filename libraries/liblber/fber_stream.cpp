@@ -98,6 +98,20 @@ int fber_socket_read_nb(Sockbuf *sb, char *dest, int count, int *would_block) {
   return result < 0 ? -1 : (int)result;
 }
 
+int fber_fill_ahead(Sockbuf *sb) {
+  if (sb->sb_rpos < sb->sb_rlen) return 1;
+  if (sb->sb_rbuf == nullptr && (sb->sb_rbuf = static_cast<char *>(olx_malloc(kReadAhead))) == nullptr) return -2;
+  // A one-byte read with the buffer present fills the read-ahead; the byte
+  // handed out is put back.
+  char first;
+  int would_block = 0;
+  const int n = fber_socket_read_nb(sb, &first, 1, &would_block);
+  if (would_block) return 0;
+  if (n <= 0) return -1;
+  --sb->sb_rpos;
+  return 1;
+}
+
 int FBerReadDirect_nb(Sockbuf *sb, char *dest, int count, int *left) {
   if (count <= 0) return -1;
   int remaining = count;

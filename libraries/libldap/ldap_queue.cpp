@@ -206,23 +206,20 @@ int wait_readable(Sockbuf *sb, int64_t deadline) {
   return fber_select(sb, &left);
 }
 
-}  // namespace
-
-extern "C" {
-
-int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *state, struct timeval *timeout) {
-  // Only one thread reads: the others sleep until it has stored something, so
-  // the reader waits for readability the whole time-out (no short poll).  The
-  // time-out bounds the whole element, not each wait for more of it: a server
-  // sending a byte at a time must not stretch the caller's wait.
-  // The call's deadline bounds it too.
-  const int64_t deadline = ldap_deadline_within_call(timeout);
-  int rc = wait_readable(&conn->lc_sb, deadline);
+// A read's first wait for readability: -1 (traced), 0 nothing came, or ready.
+int first_wait(LDAPConn *conn, int64_t deadline) {
+  const int rc = wait_readable(&conn->lc_sb, deadline);
   if (rc < 0) {
     LDAP_LOG(LDAP_LOG_ERROR, "wait_for_message: select failed with socket error: rc = %d, errno = %d\n", rc, errno);
     return -1;
   }
-  if (rc == 0) return 0;
+  return rc;
+}
+
+// The reading of wait_for_message against a deadline already fixed.
+int read_element_until(LDAPConn *conn, BerElement **ber, uint32_t *state, int64_t deadline) {
+  int rc = first_wait(conn, deadline);
+  if (rc <= 0) return rc;
   for (;;) {
     ber_tag_t tag = fber_get_next_nb(&conn->lc_sb, *ber, state);
     if (tag == LBER_ERROR) return -1;
@@ -234,6 +231,19 @@ int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *state, struct t
     }
     if (rc == 0) return -2;
   }
+}
+
+}  // namespace
+
+extern "C" {
+
+int wait_for_message(LDAPConn *conn, BerElement **ber, uint32_t *state, struct timeval *timeout) {
+  // Only one thread reads: the others sleep until it has stored something, so
+  // the reader waits for readability the whole time-out (no short poll).  The
+  // time-out bounds the whole element, not each wait for more of it: a server
+  // sending a byte at a time must not stretch the caller's wait.
+  // The call's deadline bounds it too.
+  return read_element_until(conn, ber, state, ldap_deadline_within_call(timeout));
 }
 
 void ldap_msg_table_pending(ldap_msg_table *table, LDAPMessage **msg, int set) {
@@ -373,10 +383,28 @@ int ldap_get_msg_locked(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
   }
   ldap_msg_table *table = conn->lc_msgtable;
   LDAPMessage *msg = nullptr;
+  int64_t deadline = kNoDeadline;
+  bool waited = false;
   ldap_msg_table_pending(table, &msg, 0);
   if (msg == nullptr) {
     // The usual case: the whole next element is in the read-ahead already.
-    const int took = take_whole_element(ld, conn, &msg);
+    int took = take_whole_element(ld, conn, &msg);
+    if (took == 0 && conn->lc_sb.sb_rpos >= conn->lc_sb.sb_rlen && !ldap_trace_enabled(LDAP_LOG_BER)) {
+      // Nothing read ahead: wait and read first.  An answer that arrives
+      // whole (most do) then never needs the staged reader's message and
+      // buffer; one that arrives in parts is staged from what came.
+      deadline = ldap_deadline_within_call(timeout);
+      waited = true;
+      const int ready = first_wait(conn, deadline);
+      if (ready == 0) return 0;
+      const int filled = ready < 0 ? -1 : fber_fill_ahead(&conn->lc_sb);
+      if (filled == -1) {
+        set_conn_closed(conn);
+        record_conn_down(ld, conn);
+        return -1;
+      }
+      if (filled > 0) took = take_whole_element(ld, conn, &msg);
+    }
     if (took < 0) {
       LDAP_LOG(LDAP_LOG_ERROR, "ldap_get_msg: Failed with memory error\n");
       ldap_set_errno_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
@@ -395,7 +423,9 @@ int ldap_get_msg_locked(LDAP *ld, LDAPConn *conn, struct timeval *timeout) {
     ldap_msg_table_pending(table, &msg, 1);
     table->pending_state = 0;
   }
-  int rc = wait_for_message(conn, &msg->lm_ber, &table->pending_state, timeout);
+  // One deadline for the whole element, the wait above included.
+  if (!waited) deadline = ldap_deadline_within_call(timeout);
+  int rc = read_element_until(conn, &msg->lm_ber, &table->pending_state, deadline);
   if (rc == 1) {
     // Kept compact like the rest (the reading element goes); a large element
     // is not copied again, and without memory for the copy the message stays
