@@ -28,13 +28,12 @@ bool not_a_result(const LDAPMessage *msg) {
          msg->lm_msgtype == ldap_proto::kIntermediateResponse;
 }
 
+// A reader of the message's element on the stack: parsing moves only the
+// copy's position, so the message can be parsed again.
 struct BerCopy {
+  BerElement record;
   BerElement *ber;
-  explicit BerCopy(const LDAPMessage *msg) {
-    BerElement view;
-    ber = ldap_ber_dup(ldap_msg_ber(msg, &view));
-  }
-  ~BerCopy() { fber_free(ber); }
+  explicit BerCopy(const LDAPMessage *msg) : ber(ldap_msg_reader(msg, &record) ? &record : nullptr) {}
 };
 
 // The protocol operation's end, so the controls after it can be found even
