@@ -59,6 +59,19 @@ inline std::string read_text(const std::string &path) {
   return text;
 }
 
+// CPU seconds (user and system, all threads) a process has used so far.
+inline double process_cpu_seconds(pid_t pid) {
+  const std::string stat = read_text("/proc/" + std::to_string(pid) + "/stat");
+  const size_t after_name = stat.rfind(')');
+  if (after_name == std::string::npos) return 0;
+  unsigned long utime = 0, stime = 0;
+  // Fields 3 on; utime and stime are the 14th and 15th of the line.
+  if (sscanf(stat.c_str() + after_name + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime, &stime) !=
+      2)
+    return 0;
+  return (double)(utime + stime) / (double)sysconf(_SC_CLK_TCK);
+}
+
 inline double median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
   return v.empty() ? 0 : v[v.size() / 2];
