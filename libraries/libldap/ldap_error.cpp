@@ -189,11 +189,15 @@ char *ldap_pwdpolicy_err2string(int err) {
 }
 
 int ldap_set_errno_direct(LDAP *ld, int code, const char *matched, const char *msg) {
-  // Most calls clear a record that is already clear: no lock for those.
-  if (code == LDAP_SUCCESS && matched == nullptr && msg == nullptr) {
-    const ldap_thread_error *e = find_record(ld);
-    if (e != nullptr && e->lte_code == LDAP_SUCCESS && e->lte_matched == nullptr && e->lte_message == nullptr)
+  // Most calls set a code alone on a record that holds no strings.  Only this
+  // thread writes or reads its record's code, so that needs no lock; the
+  // lock guards the list and the strings.
+  if (matched == nullptr && msg == nullptr) {
+    ldap_thread_error *e = find_record(ld);
+    if (e != nullptr && e->lte_matched == nullptr && e->lte_message == nullptr) {
+      e->lte_code = code;
       return LDAP_SUCCESS;
+    }
   }
   if (LDAP_MUTEX_LOCK(&ld->ld_err_mutex) != 0) return LDAP_LOCK_ERROR;
   int rc = LDAP_SUCCESS;
@@ -222,9 +226,8 @@ int ldap_set_errno(LDAP *ld, int code, const char *matched, const char *msg) {
 }
 
 int ldap_get_errno_direct(LDAP *ld) {
-  LDAP_LOCK_GUARD(g, &ld->ld_err_mutex);
-  if (!g.ok()) return LDAP_LOCK_ERROR;
-  ldap_thread_error *e = find_record(ld);
+  // The calling thread's own code: no lock (see ldap_set_errno_direct).
+  const ldap_thread_error *e = find_record(ld);
   return e != nullptr ? e->lte_code : LDAP_SUCCESS;
 }
 
