@@ -513,7 +513,14 @@ int ldap_msg_table_read_locked(LDAP *ld, ldap_msg_table *table, struct timeval *
   LDAPConn *conn = table->conn;
   if (int rc = readable_connection(ld, conn); rc != 0) return rc;
   const int rc = ldap_get_msg_locked(ld, conn, timeout);
-  return rc == 1 ? 0 : rc;
+  if (rc != 1) return rc;
+  // Whole elements that came with it go to the queue in the same turn (no
+  // system call): a search's entry and its result usually arrive together,
+  // and the waiter then finds both at its next sort instead of taking the
+  // read lock again.  Without memory for one, the next read reports it.
+  LDAPMessage *msg = nullptr;
+  while (table->pending_msg == nullptr && take_whole_element(ld, conn, &msg) > 0) received(table, conn, msg);
+  return 0;
 }
 
 int ldap_msg_table_read(LDAP *ld, ldap_msg_table *table, struct timeval *timeout) {
