@@ -59,7 +59,9 @@ int put_int(BerElement *ber, unsigned char tag, int value) {
   return 0;
 }
 
-int put_string(BerElement *ber, unsigned char tag, const char *bytes, size_t n, bool translate) {
+// Inlined into the format walk: strings are most of what a request holds.
+inline __attribute__((always_inline)) int put_string(BerElement *ber, unsigned char tag, const char *bytes, size_t n,
+                                                     bool translate) {
   // A null pointer for a non-empty string is a caller error; refuse it.
   if ((bytes == nullptr && n != 0) || n > 0xFFFFFFF0u) return -1;  // a 4-octet length must hold it
   if (!room(ber, n < 128 ? n + 3 : n + 10)) return -1;
@@ -81,7 +83,7 @@ int put_string(BerElement *ber, unsigned char tag, const char *bytes, size_t n, 
   put_length(ber, n);
   if (n != 0) memcpy(ber->ber_ptr, bytes, n);
   ber->ber_ptr += n;
-  free(converted);
+  if (converted != nullptr) free(converted);
   return 0;
 }
 
