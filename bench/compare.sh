@@ -23,7 +23,7 @@ else
   ssl_people=10000 ssl_runs=5 handshakes=200 chased=10000 chase_runs=5
 fi
 [ -f "$build/build.ninja" ] || cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-ninja -C "$build" search_bench search_bench_ours search_bench_full ldap_peer bench_ber ssl_bench ssl_bench_ours \
+ninja -C "$build" search_bench search_bench_ours search_bench_full ldap_peer wire_client bench_ber ssl_bench ssl_bench_ours \
   ssl_peer tav7ssl_64 tavkeydb referral_bench >/dev/null
 
 search=$("$build/bin/search_bench" "$entries" "$runs" "$seconds")

@@ -7,7 +7,8 @@
 //   (c) peak resident memory of a 100000-entry search kept whole, then walked;
 //   (d) one thread keeping 1, 16 and 128 base searches outstanding on one
 //       connection (ours linked from the full archive: the shared object
-//       has no asynchronous search);
+//       has no asynchronous search), and a client without any library doing
+//       the same (wire_client), the ceiling one connection allows;
 //   (e) user-space instructions per base search of one entry (callgrind, two
 //       runs of different lengths each, so start-up cancels out).
 // Usage: search_bench [people=100000] [runs=5] [seconds-per-thread-run=2]
@@ -218,16 +219,18 @@ int main(int argc, char **argv) {
   for (int outstanding : {1, 16, 128}) {
     // slapd's CPU per operation too: the two cores are shared by the server
     // and the client, so the server's share bounds what a leaner client gains.
-    std::vector<double> ops[2], cpu[2], server_cpu[2];
+    // The third client uses no library (wire_client): the rate one connection
+    // gets when the client costs next to nothing, the ceiling for any library.
+    std::vector<double> ops[3], cpu[3], server_cpu[3];
     for (int r = 0; r < 3; ++r)
-      for (int c = 0; c < 2; ++c) {
+      for (int c = 0; c < 3; ++c) {
         const double server_before = tavbench::process_cpu_seconds(slapd.pid());
-        ChildRun cr = run_child(pipelined_clients[c],
+        ChildRun cr = run_child(c < 2 ? pipelined_clients[c] : dir + "/wire_client",
                                 args({"pipeline", dn_format, std::to_string(outstanding), seconds}));
         const double server_used = tavbench::process_cpu_seconds(slapd.pid()) - server_before;
         if (cr.status != 0 || cr.figures["failures"] != 0) {
-          fprintf(stderr, "%s pipeline=%d: status %d, failures %.0f; discarded\n", names[c], outstanding, cr.status,
-                  cr.figures["failures"]);
+          fprintf(stderr, "%s pipeline=%d: status %d, failures %.0f; discarded\n", c < 2 ? names[c] : "wire client",
+                  outstanding, cr.status, cr.figures["failures"]);
           continue;
         }
         ops[c].push_back(cr.figures["ops_per_s"]);
@@ -237,6 +240,9 @@ int main(int argc, char **argv) {
     row("pipelined " + std::to_string(outstanding) + ": client CPU us/op", cpu[0], cpu[1]);
     row("pipelined " + std::to_string(outstanding) + ": slapd CPU us/op", server_cpu[0], server_cpu[1]);
     row("pipelined " + std::to_string(outstanding) + ": ops/s", ops[0], ops[1]);
+    // "ours" is the library-less client in these two rows.
+    row("pipelined " + std::to_string(outstanding) + ", no library: ops/s", ops[2], ops[1]);
+    row("pipelined " + std::to_string(outstanding) + ", no library: CPU us/op", cpu[2], cpu[1]);
   }
 
   // (e) Instructions of N base searches: (I(long) - I(short)) / (long - short).
