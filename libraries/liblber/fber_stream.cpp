@@ -33,6 +33,11 @@ int take_ahead(Sockbuf *sb, char *dest, int count) {
   return (int)n;
 }
 
+// The socket record's read-ahead buffer, made on first use; false without memory.
+bool have_read_ahead(Sockbuf *sb) {
+  return sb->sb_rbuf != nullptr || (sb->sb_rbuf = static_cast<char *>(olx_malloc(kReadAhead))) != nullptr;
+}
+
 }  // namespace
 
 extern "C" {
@@ -50,9 +55,7 @@ int fber_socket_read_nb(Sockbuf *sb, char *dest, int count, int *would_block) {
   // Small reads (headers, short elements) fill the read-ahead instead, on
   // either kind of socket; what the element reader does not take now is
   // served from memory to its next calls.
-  const bool ahead =
-      (uint32_t)count < kReadAhead &&
-      (sb->sb_rbuf != nullptr || (sb->sb_rbuf = static_cast<char *>(olx_malloc(kReadAhead))) != nullptr);
+  const bool ahead = (uint32_t)count < kReadAhead && have_read_ahead(sb);
   if (sb->sb_ssl != nullptr) {
     if (fber_ssl_read_hook == nullptr) return -1;
     int got = 0;
@@ -100,7 +103,7 @@ int fber_socket_read_nb(Sockbuf *sb, char *dest, int count, int *would_block) {
 
 int fber_fill_ahead(Sockbuf *sb) {
   if (sb->sb_rpos < sb->sb_rlen) return 1;
-  if (sb->sb_rbuf == nullptr && (sb->sb_rbuf = static_cast<char *>(olx_malloc(kReadAhead))) == nullptr) return -2;
+  if (!have_read_ahead(sb)) return -2;
   // A one-byte read with the buffer present fills the read-ahead; the byte
   // handed out is put back.
   char first;
