@@ -76,6 +76,14 @@ int read_head(BerElement *ber, int *code, char **matched, char **msg) {
   return LDAP_SUCCESS;
 }
 
+// The LDAPResult's head of a response: into the operation (its end in
+// *op_end), then resultCode, matchedDN and diagnosticMessage; 0 or 84.
+int read_result_head(BerElement *ber, const char **op_end, int *code, char **matched, char **msg) {
+  *matched = *msg = nullptr;
+  if (ber == nullptr || !enter_op(ber, op_end)) return LDAP_DECODING_ERROR;
+  return read_head(ber, code, matched, msg);
+}
+
 }  // namespace
 
 extern "C" {
@@ -107,9 +115,7 @@ int ldap_parse_result_direct(LDAP *, LDAPMessage *res, int *errcodep, char **mat
   } else {
     BerCopy copy(msg);
     const char *op_end = nullptr;
-    if (copy.ber == nullptr) {
-      rc = LDAP_NO_MEMORY;
-    } else if (!enter_op(copy.ber, &op_end) || read_head(copy.ber, &code, &matched, &text) != 0) {
+    if (read_result_head(copy.ber, &op_end, &code, &matched, &text) != 0) {
       rc = LDAP_DECODING_ERROR;
     } else {
       ber_len_t len;
@@ -206,9 +212,7 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
   } else {
     BerCopy copy(res);
     const char *op_end = nullptr;
-    if (copy.ber == nullptr) {
-      rc = LDAP_NO_MEMORY;
-    } else if (!enter_op(copy.ber, &op_end) || read_head(copy.ber, &code, &matched, &text) != 0) {
+    if (read_result_head(copy.ber, &op_end, &code, &matched, &text) != 0) {
       rc = LDAP_DECODING_ERROR;
     } else {
       ber_len_t len;
@@ -266,7 +270,7 @@ int ldap_parse_extended_result_direct(LDAP *ld, LDAPMessage *res, char **resulto
   const char *op_end = nullptr;
   if (ldap_msg_stand_in_code(res) != 0) {
     rc = ldap_msg_stand_in_code(res);
-  } else if (!enter_op(ber, &op_end) || read_head(ber, &code, &matched, &text) != 0) {
+  } else if (read_result_head(ber, &op_end, &code, &matched, &text) != 0) {
     rc = LDAP_DECODING_ERROR;
   } else if (code != 0) {
     rc = code;
